@@ -1,0 +1,13 @@
+/* Compiled as C: the public header must be usable from C, and its exports must
+ * be reachable through the shared library alone. */
+#include <string.h>
+
+#include "lx_api.h"
+
+int lx_c_header_probe(void) {
+    LxStatus s = lxNoError;
+    const char* text = lxGetErrorString(lxConnectionLostErr);
+    if (strcmp(text, "Connection lost") != 0) return 1;
+    if (strcmp(lxGetAPIVersion(), "1.0.0") != 0) return 2;
+    return (int)s;
+}
