@@ -50,3 +50,8 @@ private:
 // readable, it is what the user sees.
 #define LX_ASSERT(expr, module) \
     ((expr) ? static_cast<void>(0) : ::lx::ReportAssertion(#expr, module, __LINE__))
+
+// For the few checks whose reported text must name an expression that the
+// code evaluates differently (e.g. through a lock-free copy of a size).
+#define LX_ASSERT_TEXT(cond, text, module) \
+    ((cond) ? static_cast<void>(0) : ::lx::ReportAssertion(text, module, __LINE__))
