@@ -1,0 +1,179 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "gps/nmea.h"
+
+namespace {
+
+using lx::gps::NmeaState;
+
+struct CoordCase {
+    const char* field;
+    bool ok;
+    double degrees;
+};
+
+class Coordinate : public ::testing::TestWithParam<CoordCase> {};
+
+TEST_P(Coordinate, DegreesAndMinutes) {
+    const auto v = lx::gps::ParseCoordinate(GetParam().field);
+    ASSERT_EQ(v.has_value(), GetParam().ok) << GetParam().field;
+    if (v) {
+        EXPECT_NEAR(*v, GetParam().degrees, 1e-12);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Fields, Coordinate,
+    ::testing::Values(CoordCase{"4807.038", true, 48 + 7.038 / 60},
+                      CoordCase{"01131.000", true, 11 + 31.0 / 60},
+                      CoordCase{"5212.982135", true, 52 + 12.982135 / 60}, // six-decimal minutes
+                      CoordCase{"000.5", true, 0.5 / 60},                  // three characters before the point
+                      CoordCase{"07.5", false, 0},                         // only two before the point
+                      CoordCase{"4807", false, 0},                         // no point
+                      CoordCase{"", false, 0},
+                      CoordCase{"123456789012345678.5", false, 0}));       // point beyond position 17
+
+TEST(Sentence, FoundOnlyWhenTerminatedAndShortEnough) {
+    EXPECT_EQ(lx::gps::FindSentence("$GPRMC,1,A\r\n", "RMC").value(), "RMC,1,A");
+    EXPECT_FALSE(lx::gps::FindSentence("$GPRMC,1,A", "RMC")); // no CR LF
+    EXPECT_FALSE(lx::gps::FindSentence("$GPGGA,1\r\n", "RMC"));
+    const std::string longer = "$GPRMC," + std::string(508, 'x') + "\r\n"; // 512 characters from "RMC"
+    EXPECT_FALSE(lx::gps::FindSentence(longer, "RMC"));
+    const std::string limit = "$GPRMC," + std::string(507, 'x') + "\r\n"; // 511
+    EXPECT_TRUE(lx::gps::FindSentence(limit, "RMC"));
+}
+
+TEST(Sentence, SplitKeepsEmptyFieldsAndCaps) {
+    const auto f = lx::gps::SplitFields("RMC,a,,c,", 12);
+    EXPECT_EQ(f, (std::vector<std::string>{"a", "", "c", ""}));
+    EXPECT_EQ(lx::gps::SplitFields("GGA,1,2,3,4", 2).size(), 2u);
+}
+
+TEST(Rmc, ActiveFixSetsPositionAndTimeOneSecondLater) {
+    NmeaState s;
+    lx::gps::ApplyNmea("$GPRMC,123519,A,4807.038,N,01131.000,E,022.4,084.4,230394,003.1,W*6A\r\n"
+                       "$GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,*47\r\n",
+                       s);
+    EXPECT_TRUE(s.fixValid);
+    EXPECT_NEAR(s.latitude, 48.1173, 1e-9);
+    EXPECT_NEAR(s.longitude, 11.516666666666667, 1e-9);
+    EXPECT_DOUBLE_EQ(s.altitude, 545.4);
+    // 2094-03-23 12:35:20 UTC: two-digit years are taken as 20yy.
+    EXPECT_EQ(s.gpsSeconds, 3920186120LL);
+    EXPECT_EQ(s.gpsTimeNs, 3920186120LL * 1000000000LL);
+}
+
+TEST(Rmc, VoidStatusClearsPositionButKeepsTheTime) {
+    NmeaState s;
+    lx::gps::ApplyNmea("$GPRMC,123519,A,4807.038,S,01131.000,W,0,0,230394,,*00\r\n$GPGGA,1,2,3,4,5,6,7,8,100.0\r\n", s);
+    ASSERT_TRUE(s.fixValid);
+    EXPECT_LT(s.latitude, 0);
+    EXPECT_LT(s.longitude, 0);
+    lx::gps::ApplyNmea("$GPRMC,123520,V,4807.038,N,01131.000,E,0,0,230394,,*00\r\n", s);
+    EXPECT_FALSE(s.fixValid);
+    EXPECT_EQ(s.latitude, 0.0);
+    EXPECT_EQ(s.longitude, 0.0);
+    EXPECT_EQ(s.altitude, 0.0);
+    EXPECT_EQ(s.gpsSeconds, 0);
+    EXPECT_EQ(s.gpsTimeNs, 3920186121LL * 1000000000LL); // time of the void sentence, kept
+}
+
+TEST(Rmc, BadCoordinateKeepsThePreviousPosition) {
+    NmeaState s;
+    lx::gps::ApplyRmc("$GPRMC,123519,A,4807.038,N,01131.000,E,0,0,230394,,*00\r\n", s);
+    lx::gps::ApplyRmc("$GPRMC,123520,A,4807,N,01131.000,E,0,0,230394,,*00\r\n", s);
+    EXPECT_TRUE(s.fixValid);
+    EXPECT_NEAR(s.latitude, 48.1173, 1e-9);
+}
+
+TEST(Gga, MissingOrShortSentenceZeroesAltitude) {
+    NmeaState s;
+    lx::gps::ApplyGga("$GPGGA,1,2,3,4,5,6,7,8,321.5,M\r\n", s);
+    EXPECT_DOUBLE_EQ(s.altitude, 321.5);
+    lx::gps::ApplyGga("$GPGGA,1,2,3\r\n", s);
+    EXPECT_EQ(s.altitude, 0.0);
+    s.altitude = 5;
+    lx::gps::ApplyGga("$GPRMC,1\r\n", s);
+    EXPECT_EQ(s.altitude, 0.0);
+}
+
+// Real receiver logs, replayed as the device delivers them: one chunk per
+// second's burst (sentences grouped by the time field of RMC/GGA).
+std::vector<std::string> Bursts(const std::string& file) {
+    std::ifstream in(std::string(LX_TEST_SHARED_DIR) + "/data/nmea/" + file);
+    std::vector<std::string> bursts;
+    std::string line, current, currentTime;
+    while (std::getline(in, line)) {
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (line.empty() || line[0] == '#') continue;
+        std::string t;
+        if (line.size() > 7 && (line.compare(3, 3, "RMC") == 0 || line.compare(3, 3, "GGA") == 0)) {
+            t = line.substr(7, line.find(',', 7) - 7);
+            if (t != currentTime && !current.empty() && !currentTime.empty()) {
+                bursts.push_back(current);
+                current.clear();
+            }
+            currentTime = t;
+        }
+        current += line + "\r\n";
+    }
+    if (!current.empty()) bursts.push_back(current);
+    return bursts;
+}
+
+struct LogCase {
+    const char* file;
+    const char* until;  // replay up to and including the burst with this RMC time
+    bool fix;
+    double lat, lon, alt;
+    int64_t seconds;    // UTC one second after the RMC time
+};
+
+void PrintTo(const LogCase& c, std::ostream* os) { *os << c.file << " @ " << c.until; }
+
+class RealLog : public ::testing::TestWithParam<LogCase> {};
+
+TEST_P(RealLog, PositionAltitudeAndTimeAsWritten) {
+    const auto& c = GetParam();
+    const auto bursts = Bursts(c.file);
+    NmeaState s;
+    bool reached = false;
+    for (const auto& b : bursts) {
+        lx::gps::ApplyNmea(b, s);
+        if (b.find(std::string("RMC,") + c.until + ",") != std::string::npos) {
+            reached = true;
+            break;
+        }
+    }
+    ASSERT_TRUE(reached) << c.until;
+    EXPECT_EQ(s.fixValid, c.fix);
+    EXPECT_NEAR(s.latitude, c.lat, 1e-9);
+    EXPECT_NEAR(s.longitude, c.lon, 1e-9);
+    EXPECT_NEAR(s.altitude, c.alt, 1e-9);
+    EXPECT_EQ(s.gpsTimeNs / 1000000000LL, c.seconds);
+}
+
+// Expected values derived by hand from the sentences:
+//   bu353s4 first burst: RMC 030719.000 A 3747.0873 S 17518.8938 E, 311214; GGA alt 59.9
+//   quectel-L70 first burst: RMC 150119.000 A 5104.0859 N 11405.7387 W, 090322; GGA 1102.4
+//   mtk-3301: power-up bursts report status V with a bogus 8960.000000 N and
+//   date 050180 (year 2080 read as 20yy); the first A is RMC 081436.000
+//   5212.982135 N 00653.101394 E 230808 with GGA alt 102.907
+INSTANTIATE_TEST_SUITE_P(
+    Logs, RealLog,
+    ::testing::Values(
+        LogCase{"bu353s4.log", "030719.000", true, -(37 + 47.0873 / 60), 175 + 18.8938 / 60, 59.9,
+                1419995240},
+        LogCase{"quectel-L70.log", "150119.000", true, 51 + 4.0859 / 60, -(114 + 5.7387 / 60), 1102.4,
+                1646838080},
+        // GGA comes after RMC in each chunk, so its altitude survives a void RMC.
+        LogCase{"mtk-3301.log", "235946.005", false, 0.0, 0.0, 137.0, 3471724787},
+        LogCase{"mtk-3301.log", "081436.000", true, 52 + 12.982135 / 60, 6 + 53.101394 / 60,
+                102.907, 1219479277}));
+
+} // namespace
