@@ -143,8 +143,54 @@ LX_API const char* lxGetErrorString(LxStatus status);
 /* Library version, "1.0.0". */
 LX_API const char* lxGetAPIVersion(void);
 
+/* ---- calibration record ------------------------------------------------ */
+/* The instrument's calibration record: a little-endian byte image of exactly
+ * 2 097 152 bytes, as stored in flash and in the calibration cache file. */
+typedef struct LX530CalData {
+    uint8_t raw[2097152];
+} LX530CalData;
+/* ---- end of calibration record --------------------------------------- */
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif
+
+#ifdef __cplusplus
+/* ---- C++-only service functions for calibration records ----------------
+ * C++ linkage. None of them touches a device; all are safe from any thread on
+ * distinct records. A null record pointer is never dereferenced. */
+
+/* Reads a calibration record from the file at path into *cal. Returns true
+ * only when the file held at least 2 097 152 bytes; otherwise (null path or
+ * record, a file that cannot be opened, a short file) returns false and leaves
+ * *cal unchanged. */
+LX_API bool lxCalCorrectionLoadFromFile(const char* path, LX530CalData* cal);
+
+/* Fills *cal with a record whose every correction is neutral: header bytes
+ * 0..671 0xFF (so the record reads as never programmed), tune offsets 0, IF
+ * levels 4, amplitude table 0.0, response tables A and D 1.0, B, C and E 0.0,
+ * reserved bytes 0xFF. Does nothing for a null pointer. */
+LX_API void lxCalBuildDummyCorrections(LX530CalData* cal);
+
+/* The newest date the record carries: the largest of its calibration date and
+ * the times of its oscillator tune values. 0 for a null pointer. */
+LX_API uint64_t lxCalGetCorrectionCalDate(const LX530CalData* cal);
+
+/* Nominal temperature of calibration slot index in degrees C:
+ * -30 + 15 * index, with index clamped to 0..6. */
+LX_API double lxCalGetTempFromIndex(int index);
+
+/* Makes temperature slot toSlot a copy of slot fromSlot: its temperature
+ * becomes that of fromSlot + 15 * (toSlot - fromSlot) degrees and its
+ * amplitude and response tables are copied; IF levels and tune offsets are
+ * not touched. Does nothing for a null pointer or a slot outside 0..6. */
+LX_API void lxCalPropagateSingleTempCal(LX530CalData* cal, int fromSlot, int toSlot);
+
+/* True when the record has been programmed (its calibration date is not all
+ * ones). False for a null pointer. */
+LX_API bool kdCalDoesCorrectionsExist(const LX530CalData* cal);
+
+/* ---- end of C++-only section ------------------------------------------- */
+#endif /* __cplusplus */
 
 #endif /* LX_API_H */

@@ -1,0 +1,236 @@
+// Tuning words. The expected words were worked out from the tuning rules
+// independently of the encoder (three derivations written out below), one full
+// sequence per band plus the alternate path, the row-7 extrapolation and
+// divider 96.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "lx_command/encoders.h"
+
+namespace {
+
+struct TuneCase {
+    double loHz, rfHz;
+    uint8_t ifLevel;
+    uint32_t gainField, value2A;
+    bool altPath;
+    int band, divider;
+    double vcoHz;
+    std::vector<uint32_t> words;
+};
+
+// LO = centre + 23.04 MHz (band 0: + 38.4 MHz), centre = rf.
+//
+// Band 10, lo 5023.04 MHz: not doubled, f > 3.75e9 -> d = 2, VCO = 10046.08 MHz.
+//   N = floor(10046.08 / 122.88) = 81; remainder 92.8 MHz / 0.96 MHz = 96.67 -> F = 97.
+//   VCO < 10.8e9 -> R = 3, fraction (10.04608 - 9.8) / 1.0 = 0.24608:
+//   T = floor(-139 * 0.24608 + 158.5) = 124 -> 0x204E0001 + 248 = 0x204E00F9;
+//   S = floor(-100 * 0.24608 + 324.5) = 299 = 0x12B. Not high band: P = 12899 + 64 = 0x32A3.
+//   d = 2 -> 0x201F03EC, code 0 -> (0 + 32) << 6 = 0x800.
+// Band 0, lo 48.4 MHz: f > 4e7 -> d = 192, VCO = 9292.8 MHz, N = 75, F = 76.8 / 0.96 = 80;
+//   R = 2, fraction 0.5773: T = floor(-149 * 0.5773 + 165.5) = 79 -> +158 = 0x204E009F,
+//   S = floor(-109 * 0.5773 + 356.5) = 293 = 0x125; code(192) = 13 -> 45 << 6 = 0xB40.
+// Band 14 at 15 GHz: VCO 15023.04 MHz, row 7 extrapolated with fraction 1.0209:
+//   T = floor(-156 * 1.0209 + 175.5) = 16, S = floor(-79 * 1.0209 + 323.5) = 242 (clamping
+//   to the row end would give 19 and 244).
+const TuneCase kTuneCases[] = {
+    {48400000, 10000000, 0x11, 0, 0x18, false, 0, 192, 9292800000, {
+        0x24000011, 0x2CA803C0, 0x204E009F, 0x2014D048, 0x20110125, 0x202C32A3, 0x202B0050, 0x2024004B,
+        0x10000100, 0, 0, 0, 0x201F43EC, 0x204B0B40, 0x2000251C,
+        0x2A000018, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {73040000, 50000000, 0x22, 5, 0x19, false, 1, 64, 9349120000, {
+        0x24000022, 0x2CA8E2A5, 0x204E0091, 0x2014D048, 0x20110120, 0x202C32A3, 0x202B000B, 0x2024004C,
+        0x10000100, 0, 0, 0, 0x201F43EC, 0x204B0A40, 0x2000251C,
+        0x2A000019, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {1.2304e+08, 1e+08, 0x33, 10, 0x1A, false, 2, 32, 7874560000, {
+        0x24000033, 0x2CA8D2AA, 0x204E00E1, 0x2014C848, 0x20110117, 0x202C32A3, 0x202B000B, 0x20240040,
+        0x10000100, 0, 0, 0, 0x201F43EC, 0x204B09C0, 0x2000251C,
+        0x2A00001A, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {2.2304e+08, 2e+08, 0x44, 15, 0x1B, false, 3, 24, 1.070592e+10, {
+        0x24000044, 0x2CA8BAAF, 0x204E0041, 0x2014D848, 0x201100E9, 0x202C32A3, 0x202B0010, 0x20240057,
+        0x10000100, 0, 0, 0, 0x201F43EC, 0x204B0980, 0x2000251C,
+        0x2A00001B, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {4.2304e+08, 4e+08, 0x55, 20, 0x1C, false, 4, 12, 1.015296e+10, {
+        0x24000055, 0x2CA88AB4, 0x204E00DB, 0x2014D848, 0x20110121, 0x202C32A3, 0x202B0050, 0x20240052,
+        0x10000100, 0, 0, 0, 0x201F43EC, 0x204B0900, 0x2000251C,
+        0x2A00001C, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {6.7304e+08, 6.5e+08, 0x66, 25, 0x1D, false, 5, 8, 1.076864e+10, {
+        0x24000066, 0x2CA808B9, 0x204E002F, 0x2014D848, 0x201100E3, 0x202C32A3, 0x202B0051, 0x20240057,
+        0x10000100, 0, 0, 0, 0x201F43EC, 0x204B08C0, 0x2000251C,
+        0x2A00001D, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {9.8304e+08, 9.6e+08, 0x77, 30, 0x1E, false, 6, 8, 7864320000, {
+        0x24000077, 0x2C683C9E, 0x204E00E5, 0x2014C848, 0x20110117, 0x202C32A3, 0x202B0000, 0x20240040,
+        0x10000100, 0, 0, 0, 0x201F43EC, 0x204B08C0, 0x2000251C,
+        0x2A00001E, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {1.22304e+09, 1.2e+09, 0x88, 0, 0x1F, false, 7, 4, 9784320000, {
+        0x24000088, 0x2CA838A0, 0x204E0025, 0x2014D048, 0x201100F8, 0x202C32A3, 0x202B0050, 0x2024004F,
+        0x10000100, 0, 0, 0, 0x201F43EC, 0x204B0840, 0x2000251C,
+        0x2A00001F, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {1.82304e+09, 1.8e+09, 0x99, 5, 0x20, false, 8, 4, 1.458432e+10, {
+        0x24000099, 0x2CA850A5, 0x204E009D, 0x2014F848, 0x20110112, 0x202C32A3, 0x202B0058, 0x20240076,
+        0x10000100, 0, 0, 0, 0x201F43EC, 0x204B0840, 0x2000251C,
+        0x2A000020, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {2.42304e+09, 2.4e+09, 0xAA, 10, 0x21, false, 9, 4, 9692160000, {
+        0x240000AA, 0x2C68548A, 0x204E003B, 0x2014D048, 0x20110101, 0x202C32A3, 0x202B0070, 0x2024004E,
+        0x10000100, 0, 0, 0, 0x201F43EC, 0x204B0840, 0x2000251C,
+        0x2A000021, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {5.02304e+09, 5e+09, 0xBB, 15, 0x22, false, 10, 2, 1.004608e+10, {
+        0x240000BB, 0x2C68648F, 0x204E00F9, 0x2014D848, 0x2011012B, 0x202C32A3, 0x202B0061, 0x20240051,
+        0x10000100, 0, 0, 0, 0x201F03EC, 0x204B0800, 0x2000251C,
+        0x2A000022, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {7.02304e+09, 7e+09, 0xCC, 20, 0x23, false, 11, 2, 1.404608e+10, {
+        0x240000CC, 0x2C3C09F4, 0x204E0135, 0x2014F848, 0x20110139, 0x202E07FC, 0x202C3263, 0x202B0027, 0x20240072,
+        0x10000100, 0, 0, 0, 0x201F03EC, 0x204B0800, 0x2000251C,
+        0x2A000023, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {1.002304e+10, 1e+10, 0xDD, 25, 0x24, false, 12, 1, 1.002304e+10, {
+        0x240000DD, 0x2C3C11F9, 0x204E00FF, 0x2014D848, 0x2011012E, 0x202E07FD, 0x202C3263, 0x202B0049, 0x20240051,
+        0x10000100, 0, 0, 0, 0x201F43EC, 0x204B0800, 0x2000251C,
+        0x2A000024, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {8.2304e+08, 8e+08, 0xEE, 30, 0x25, false, 13, 12, 9876480000, {
+        0x240000EE, 0x2C680C9E, 0x204E0127, 0x2014D848, 0x2011013C, 0x202C32A3, 0x202B0030, 0x20240050,
+        0x10000100, 0, 0, 0, 0x201F43EC, 0x204B0900, 0x2000251C,
+        0x2A000025, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {1.402304e+10, 1.4e+10, 0xFF, 0, 0x26, false, 14, 1, 1.402304e+10, {
+        0x240000FF, 0x2C3E11E0, 0x204E013D, 0x2014F848, 0x2011013A, 0x202E07FD, 0x202C3263, 0x202B000F, 0x20240072,
+        0x10000100, 0, 0, 0, 0x201F43EC, 0x204B0800, 0x2000251C,
+        0x2A000026, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {8.2304e+08, 8e+08, 0x04, 0, 0x18, true, 6, 12, 9876480000, {
+        0x24000004, 0x2C683C80, 0x204E0127, 0x2014D848, 0x2011013C, 0x202C32A3, 0x202B0030, 0x20240050,
+        0x10000100, 0, 0, 0, 0x201F43EC, 0x204B0900, 0x2000251C,
+        0x2A000018, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {1.402304e+10, 1.4e+10, 0x04, 0, 0x18, true, 12, 1, 1.402304e+10, {
+        0x24000004, 0x2C3C11E0, 0x204E013D, 0x2014F848, 0x2011013A, 0x202E07FD, 0x202C3263, 0x202B000F, 0x20240072,
+        0x10000100, 0, 0, 0, 0x201F43EC, 0x204B0800, 0x2000251C,
+        0x2A000018, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {1.502304e+10, 1.5e+10, 0x04, 0, 0x18, false, 14, 1, 1.502304e+10, {
+        0x24000004, 0x2C3E11E0, 0x204E0021, 0x2014F848, 0x201100F2, 0x202E07FD, 0x202C3263, 0x202B0021, 0x2024007A,
+        0x10000100, 0, 0, 0, 0x201F43EC, 0x204B0800, 0x2000251C,
+        0x2A000018, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+    {1e+08, 10000000, 0x04, 0, 0x18, false, 0, 96, 9600000000, {
+        0x24000004, 0x2CA803C0, 0x204E0053, 0x2014D048, 0x20110109, 0x202C32A3, 0x202B0010, 0x2024004E,
+        0x10000100, 0, 0, 0, 0x201F43EC, 0x204B0AC0, 0x2000251C,
+        0x2A000018, 0x10000800, 0, 0, 0, 0x11008000, 0, 0, 0,
+    }},
+};
+
+void PrintTo(const TuneCase& c, std::ostream* os) {
+    *os << "lo " << c.loHz << " rf " << c.rfHz << (c.altPath ? " alt" : "");
+}
+
+class TuneSequence : public testing::TestWithParam<TuneCase> {};
+
+TEST_P(TuneSequence, EveryWordAndTheTuningState) {
+    const TuneCase& c = GetParam();
+    lx::TuningState state;
+    uint32_t out[lx::kTuneMaxWords + 1];
+    out[lx::kTuneMaxWords] = 0xDEADBEEF;
+    const int n = lx::EncodeTune(state, out, c.loHz, c.rfHz, c.ifLevel, c.gainField, c.value2A, c.altPath);
+    EXPECT_EQ(lx::TuneBand(c.rfHz, c.altPath), c.band);
+    EXPECT_EQ(std::vector<uint32_t>(out, out + n), c.words);
+    EXPECT_EQ(out[lx::kTuneMaxWords], 0xDEADBEEFu) << "wrote past kTuneMaxWords";
+    EXPECT_EQ(state.divider, c.divider);
+    EXPECT_DOUBLE_EQ(state.vcoHz, c.vcoHz);
+}
+
+INSTANTIATE_TEST_SUITE_P(AllBands, TuneSequence, testing::ValuesIn(kTuneCases),
+                         [](const testing::TestParamInfo<TuneCase>& info) {
+                             const TuneCase& c = info.param;
+                             return "row" + std::to_string(info.index) + "_band" + std::to_string(c.band) +
+                                    (c.altPath ? "_alt" : "");
+                         });
+
+struct BandCase {
+    double rfHz;
+    bool altPath;
+    int band;
+};
+
+TEST(TuneBand, BoundariesBelongToTheUpperBand) {
+    const BandCase cases[] = {
+        {0, false, 0},           {38.4e6 - 1, false, 0},   {38.4e6, false, 1},
+        {61.44e6, false, 2},     {122.88e6, false, 3},     {276.48e6, false, 4},
+        {576e6, false, 5},       {698.88e6, false, 13},    {698.88e6, true, 6},
+        {944.64e6, false, 6},    {975.36e6, false, 7},     {1405.44e6, false, 8},
+        {1958.4e6, false, 9},    {2880e6, false, 10},      {5429.76e6, false, 11},
+        {8409.6e6 - 1, false, 11}, {8409.6e6, false, 12},  {11635.2e6 - 1, false, 12},
+        {11635.2e6, false, 14},  {11635.2e6, true, 12},    {20e9, true, 12},
+    };
+    for (const BandCase& c : cases)
+        EXPECT_EQ(lx::TuneBand(c.rfHz, c.altPath), c.band) << c.rfHz << " alt " << c.altPath;
+}
+
+TEST(BandWord, OperandOfEveryPath) {
+    // Operands with gain field 0 as the device's path table lists them.
+    const uint32_t expected[lx::kBandCount] = {0xA803C0, 0xA8E2A0, 0xA8D2A0, 0xA8BAA0, 0xA88AA0,
+                                               0xA808A0, 0x683C80, 0xA838A0, 0xA850A0, 0x685480,
+                                               0x686480, 0x3C09E0, 0x3C11E0, 0x680C80, 0x3E11E0};
+    for (int b = 0; b < lx::kBandCount; ++b) EXPECT_EQ(lx::BandWord(b, 0), expected[b]) << b;
+    EXPECT_EQ(lx::BandWord(0, 10), 0xA803CAu);
+    EXPECT_EQ(lx::BandWord(12, 30), 0x3C11FEu);
+    EXPECT_EQ(lx::BandWord(15, 0), 0xA803A0u); // unknown bands: A 168, B 3, C 1
+    EXPECT_EQ(lx::BandWord(-1, 5), 0xA803A5u);
+}
+
+TEST(OutputDivider, ThresholdsAreExclusive) {
+    const std::pair<double, int> cases[] = {
+        {15e9, 1},     {7.5e9 + 1, 1}, {7.5e9, 2},  {3.75e9, 4}, {1.875e9, 6}, {1.4375e9, 8},
+        {9.425e8, 12}, {6.4e8, 16},    {4.74e8, 24}, {3.2e8, 32}, {2.37e8, 48}, {1.6e8, 64},
+        {1.185e8, 96}, {8e7, 128},     {5.925e7, 192}, {4e7 + 1, 192}, {4e7, 256}, {0, 256},
+    };
+    for (auto [f, d] : cases) EXPECT_EQ(lx::OutputDivider(f), d) << f;
+}
+
+TEST(VcoRange, RowSelectionAndExtrapolation) {
+    struct Case { double v; int r; int64_t t, s; double third; };
+    const Case cases[] = {
+        {7.5e9, 1, 164, 299, 73.0},      // row start
+        {8.6e9, 2, 165, 356, 61.0},      // a row's end value belongs to the next row
+        {13.9e9 - 1, 6, 6, 163, 218.0},  // just below a boundary: row end, rounded
+        {15.0e9, 7, 19, 244, 239.0},
+        {16.0e9, 7, -123, 172, 182.0 + 57.0 * 2.1 / 1.1}, // fraction 1.909: extrapolated
+    };
+    for (const Case& c : cases) {
+        const lx::VcoRangeFields f = lx::VcoRange(c.v);
+        EXPECT_EQ(f.r, c.r) << c.v;
+        EXPECT_EQ(f.t, c.t) << c.v;
+        EXPECT_EQ(f.s, c.s) << c.v;
+        EXPECT_NEAR(f.third, c.third, 1e-6) << c.v;
+    }
+}
+
+TEST(EncodeTune, NonFiniteFrequenciesStillGiveAWholeSequence) {
+    lx::TuningState s;
+    uint32_t out[lx::kTuneMaxWords];
+    using limits = std::numeric_limits<double>;
+    for (double lo : {limits::quiet_NaN(), limits::infinity(), -1e9}) {
+        const int n = lx::EncodeTune(s, out, lo, 1e9, 0, 0, 0, false);
+        EXPECT_EQ(n, 24);
+        EXPECT_EQ(out[n - 4], 0x11008000u);
+    }
+}
+
+} // namespace
