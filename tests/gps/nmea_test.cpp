@@ -105,7 +105,7 @@ TEST(Gga, MissingOrShortSentenceZeroesAltitude) {
 // Real receiver logs, replayed as the device delivers them: one chunk per
 // second's burst (sentences grouped by the time field of RMC/GGA).
 std::vector<std::string> Bursts(const std::string& file) {
-    std::ifstream in(std::string(LX_TEST_SHARED_DIR) + "/data/nmea/" + file);
+    std::ifstream in(std::string(LX_TEST_DATA_DIR) + "/nmea/" + file);
     std::vector<std::string> bursts;
     std::string line, current, currentTime;
     while (std::getline(in, line)) {
