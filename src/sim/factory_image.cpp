@@ -1,0 +1,166 @@
+#include "sim/factory_image.h"
+
+#include <cmath>
+#include <cstring>
+
+#include "cal/cal_record.h"
+#include "lx_command/little_endian.h"
+#include "sim/front_end.h"
+
+namespace lx::sim {
+
+namespace {
+
+constexpr int kSlots = 7;
+constexpr int kSteps = 7;
+constexpr int kFreqs = 490;
+
+void Put32(std::vector<uint8_t>& v, size_t at, uint32_t x) { StoreLE<uint32_t>(v.data() + at, x); }
+
+void FillFloat(std::vector<uint8_t>& v, size_t at, size_t count, float value) {
+    for (size_t i = 0; i < count; ++i) StoreLE<float>(v.data() + at + 4 * i, value);
+}
+
+double SlotTemperature(int slot) { return -30.0 + 15.0 * slot; }
+
+} // namespace
+
+std::vector<uint8_t> BuildFactoryCalRecord() {
+    std::vector<uint8_t> r(kCalRecordBytes, 0xFF);
+
+    Put32(r, kCalMagicOffset, 0xF0000000);
+    Put32(r, kCalFormatOffset, 1);
+    std::memset(r.data() + kCalReserved8Offset, 0, 8);
+    StoreLE<uint64_t>(r.data() + kCalDateOffset, kFactoryCalDate);
+    Put32(r, kCalTempRangeOffset, kFactoryTempRangeCode);
+
+    // Tune history: the crystal was trimmed three times; the last entry is
+    // the word that puts it on frequency at 25 degrees.
+    const uint16_t tunes[] = {fe::kFactoryTuneWord - 3, fe::kFactoryTuneWord + 1, fe::kFactoryTuneWord};
+    const uint64_t times[] = {kFactoryCalDate - 300 * 86400, kFactoryCalDate - 120 * 86400, kFactoryCalDate - 3600};
+    for (int i = 0; i < 3; ++i) {
+        StoreLE<uint16_t>(r.data() + kCalTuneValuesOffset + 2 * i, tunes[i]);
+        StoreLE<uint64_t>(r.data() + kCalTuneTimesOffset + 8 * i, times[i]);
+    }
+
+    for (int s = 0; s < kSlots; ++s) {
+        const double t = SlotTemperature(s);
+        StoreLE<int16_t>(r.data() + kCalTuneOffsetsOffset + 2 * s,
+                         static_cast<int16_t>(std::lround(fe::TuneDriftCounts(t))));
+        StoreLE<float>(r.data() + kCalTempPointsOffset + 4 * s, static_cast<float>(t));
+    }
+
+    // Frequency index i is calibrated at the centre of grid row i + 1, through
+    // the path that centre selects.
+    for (int i = 0; i < kFreqs; ++i) {
+        const double centre = fe::GridRowCentreHz(i + 1);
+        const int band = fe::BandForFrequency(centre);
+        const int ifLevel = fe::FactoryIfLevel(band);
+        r[kCalIfLevelsOffset + i] = static_cast<uint8_t>(ifLevel);
+        for (int s = 0; s < kSlots; ++s) {
+            for (int a = 0; a < kSteps; ++a) {
+                const double g = fe::GainDb(band, centre, 5.0 * a, SlotTemperature(s), ifLevel);
+                const size_t at = kCalAmplitudeOffset + 4 * ((size_t(s) * kSteps + a) * kFreqs + i);
+                StoreLE<float>(r.data() + at, static_cast<float>(-g));
+            }
+        }
+    }
+
+    const size_t responseValues = size_t{kSlots} * kFreqs * 13;
+    const size_t deValues = size_t{kSlots} * 4000;
+    FillFloat(r, kCalResponseAOffset, responseValues, 1.0f);
+    FillFloat(r, kCalResponseBOffset, responseValues, 0.0f);
+    FillFloat(r, kCalResponseCOffset, responseValues, 0.0f);
+    FillFloat(r, kCalResponseDOffset, deValues, 1.0f);
+    FillFloat(r, kCalResponseEOffset, deValues, 0.0f);
+
+    uint32_t sum = 0;
+    for (size_t at = 672; at < r.size(); at += 4) sum += LoadLE<uint32_t>(r.data() + at);
+    Put32(r, kCalChecksumOffset, sum);
+    return r;
+}
+
+std::vector<uint8_t> BuildFirmwareImage(bool bootImage, const std::string& serial) {
+    // Section data: the product and serial string descriptors (UTF-16LE),
+    // then, in the boot image, the version marker.
+    std::vector<uint8_t> data;
+    auto descriptor = [&data](const std::string& s) {
+        data.push_back(static_cast<uint8_t>(2 + 2 * s.size()));
+        data.push_back(3);
+        for (char c : s) {
+            data.push_back(static_cast<uint8_t>(c));
+            data.push_back(0);
+        }
+    };
+    descriptor(bootImage ? "LX530 Boot" : "LX530");
+    descriptor(serial);
+    if (bootImage) {
+        for (char c : std::string("FW Ver")) data.push_back(static_cast<uint8_t>(c));
+        data.push_back(0x01);
+        data.push_back(0x07);
+    }
+    while (data.size() % 4) data.push_back(0);
+
+    std::vector<uint8_t> img{'C', 'Y', 0x1C, 0xB0};
+    auto word = [&img](uint32_t w) {
+        const size_t at = img.size();
+        img.resize(at + 4);
+        StoreLE<uint32_t>(img.data() + at, w);
+    };
+    uint32_t checksum = 0;
+    word(static_cast<uint32_t>(data.size() / 4));
+    word(0x40030000);
+    for (size_t i = 0; i < data.size(); i += 4) {
+        const uint32_t w = LoadLE<uint32_t>(data.data() + i);
+        checksum += w;
+        word(w);
+    }
+    word(0);
+    word(0x40030100);
+    word(checksum);
+    return img;
+}
+
+void ProgramCalibration(NorFlash& flash, CalibrationContent cal) {
+    for (uint32_t s = 0; s < kCalRecordBytes / NorFlash::kPageBytes; s += NorFlash::kSectorPages)
+        flash.EraseSector(kCalFirstPage + s);
+    if (cal == CalibrationContent::Unprogrammed) return;
+    std::vector<uint8_t> rec = BuildFactoryCalRecord();
+    if (cal == CalibrationContent::Corrupt) {
+        // One amplitude value damaged after the checksum was taken.
+        rec[kCalAmplitudeOffset + 4 * 1000] ^= 0x10;
+    }
+    for (uint32_t p = 0; p < kCalRecordBytes / NorFlash::kPageBytes; ++p) {
+        const uint8_t* page = rec.data() + size_t{p} * NorFlash::kPageBytes;
+        bool blank = true;
+        for (uint32_t i = 0; i < NorFlash::kPageBytes && blank; ++i) blank = page[i] == 0xFF;
+        if (!blank) flash.Program(kCalFirstPage + p, {page, NorFlash::kPageBytes});
+    }
+}
+
+void ProgramFactoryFlash(NorFlash& flash, const std::string& serial, CalibrationContent cal) {
+    flash.Clear();
+    const auto program = [&flash](uint32_t page, const std::vector<uint8_t>& bytes) {
+        for (size_t off = 0; off < bytes.size(); off += NorFlash::kPageBytes) {
+            const size_t n = std::min<size_t>(NorFlash::kPageBytes, bytes.size() - off);
+            flash.Program(page + static_cast<uint32_t>(off / NorFlash::kPageBytes), {bytes.data() + off, n});
+        }
+    };
+    program(kBootImagePage, BuildFirmwareImage(true, serial));
+    // An FPGA bitstream starts with its sync word; the rest of the program is
+    // of no interest to the host.
+    std::vector<uint8_t> fpga(4096, 0);
+    const uint8_t sync[] = {0xFF, 0xFF, 0xFF, 0xFF, 0xAA, 0x99, 0x55, 0x66};
+    std::memcpy(fpga.data(), sync, sizeof sync);
+    program(kFpgaProgramPage, fpga);
+    ProgramCalibration(flash, cal);
+    program(kRunImagePage, BuildFirmwareImage(false, serial));
+}
+
+bool RunImagePresent(const NorFlash& flash) {
+    uint8_t head[2];
+    flash.Read(kRunImagePage, head);
+    return head[0] == 'C' && head[1] == 'Y';
+}
+
+} // namespace lx::sim

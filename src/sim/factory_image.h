@@ -1,0 +1,46 @@
+// What a simulated LX530 leaves the factory with: its calibration record,
+// made from the simulator's own front-end model, and the firmware images that
+// its boot loader starts.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "sim/flash.h"
+#include "sim/scene.h"
+
+namespace lx::sim {
+
+inline constexpr uint32_t kCalRecordBytes = 0x200000;
+inline constexpr uint32_t kCalFirstPage = 4096;
+inline constexpr uint32_t kBootImagePage = 0;
+inline constexpr uint32_t kFpgaProgramPage = 1024;
+inline constexpr uint32_t kRunImagePage = 0x3000000 / NorFlash::kPageBytes; // 49152
+
+inline constexpr uint64_t kFactoryCalDate = 1717243200; // 2024-06-01 12:00 UTC, seconds since 1970
+inline constexpr uint32_t kFactoryTempRangeCode = 1;
+
+// The calibration record of a calibrated instrument: the amplitude table
+// undoes fe::GainDb at each (temperature slot, attenuation step, frequency
+// index), the IF level bytes are fe::FactoryIfLevel, the tune table and
+// offsets describe the reference oscillator of fe::ReferenceError. The
+// response tables A..E are neutral (A = D = 1, B = C = E = 0) until the
+// narrow-span work shapes the IF response they describe.
+std::vector<uint8_t> BuildFactoryCalRecord();
+
+// A firmware image in the chip maker's boot format ("CY" header, one section
+// with the USB descriptors holding `serial`, entry section, checksum). The
+// boot image also carries the "FW Ver" marker.
+std::vector<uint8_t> BuildFirmwareImage(bool bootImage, const std::string& serial);
+
+// Programs a fresh flash: boot image, FPGA program, calibration record (as
+// `cal` says) and run image.
+void ProgramFactoryFlash(NorFlash& flash, const std::string& serial, CalibrationContent cal);
+// Rewrites only the calibration record's eight sectors.
+void ProgramCalibration(NorFlash& flash, CalibrationContent cal);
+
+// Whether the run image sector holds something the boot loader will start.
+bool RunImagePresent(const NorFlash& flash);
+
+} // namespace lx::sim

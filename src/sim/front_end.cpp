@@ -1,0 +1,165 @@
+#include "sim/front_end.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+namespace lx::sim::fe {
+
+namespace {
+
+// Base gain of each path at 25 degrees C, IF level 4, no attenuation (dB).
+constexpr std::array<double, kBandCount> kBaseGainDb{
+    12.0, 11.4, 11.8, 12.3, 11.5, 10.8, 10.1, 10.6, 9.7, 8.9, 8.0, 6.8, 5.9, 10.4, 5.2};
+
+// Relative error of the step attenuator, per path: its loss is nominal * (1 + e).
+constexpr std::array<double, kBandCount> kAttenuatorError{
+    -0.02, -0.01, 0.0, 0.01, 0.02, -0.02, -0.01, 0.0, 0.01, 0.02, -0.02, -0.01, 0.0, 0.01, 0.02};
+
+// Band 0 rises towards DC; the host takes the rise out with its fixed
+// low-frequency table, so these are exactly those values negated.
+constexpr std::array<std::pair<double, double>, 6> kLowFrequencyRise{{
+    {2.0e6, 0.85}, {2.4e6, 0.75}, {3.95e6, 0.5}, {5.35e6, 0.25}, {7.2e6, 0.1}, {8.7e6, 0.0}}};
+
+double LowFrequencyRiseDb(double rfHz) {
+    if (rfHz < kLowFrequencyRise.front().first) return kLowFrequencyRise.front().second;
+    for (size_t i = 1; i < kLowFrequencyRise.size(); ++i) {
+        const auto [f1, v1] = kLowFrequencyRise[i];
+        if (rfHz < f1) {
+            const auto [f0, v0] = kLowFrequencyRise[i - 1];
+            return v0 + (v1 - v0) * (rfHz - f0) / (f1 - f0);
+        }
+    }
+    return 0.0;
+}
+
+constexpr double kTempCoefficientDbPerC = -0.018;
+constexpr double kIfLevelDbPerStep = 1.0;
+constexpr int kIfLevelMax = 15;
+
+constexpr double kVcoMinHz = 7.499e9;
+constexpr double kVcoMaxHz = 15.2e9;
+
+constexpr std::array<double, 10> kGridLo{61.44e6,  69.12e6,  99.84e6,  130.56e6, 161.28e6,
+                                         192.0e6,  222.72e6, 253.44e6, 284.16e6, 307.2e6};
+constexpr std::array<double, 10> kGridCentre{23.04e6,  46.08e6,  76.8e6,   107.52e6, 138.24e6,
+                                             168.96e6, 199.68e6, 230.4e6,  261.12e6, 284.16e6};
+
+} // namespace
+
+RfPath DecodeBandWord(uint32_t operand) {
+    RfPath p;
+    const uint8_t a = static_cast<uint8_t>(operand >> 16);
+    const uint8_t b = static_cast<uint8_t>(operand >> 8);
+    const uint8_t c = static_cast<uint8_t>((operand >> 5) & 0x3);
+    p.attenuationDb = static_cast<double>(operand & 0x1F);
+    // Bit 7 enables the path; without it nothing reaches the ADC.
+    if ((operand & 0x80) == 0) return p;
+    for (int band = 0; band < kBandCount; ++band) {
+        const auto& s = kBandSwitches[static_cast<size_t>(band)];
+        if (s.a == a && s.b == b && s.c == c) {
+            p.band = band;
+            break;
+        }
+    }
+    return p;
+}
+
+bool BandHalvesSynth(int band) {
+    return band == 1 || band == 2 || band == 3 || band == 4 || band == 5 || band == 7 || band == 8;
+}
+
+bool BandUsesHighOutput(int band) { return band == 11 || band == 12 || band == 14; }
+
+int BandForFrequency(double f, bool altPath) {
+    if (f < 38.4e6) return 0;
+    if (f < 61.44e6) return 1;
+    if (f < 122.88e6) return 2;
+    if (f < 276.48e6) return 3;
+    if (f < 576e6) return 4;
+    if (f < 698.88e6) return 5;
+    if (f < 944.64e6 && !altPath) return 13;
+    if (f < 975.36e6) return 6;
+    if (f < 1405.44e6) return 7;
+    if (f < 1958.4e6) return 8;
+    if (f < 2880e6) return 9;
+    if (f < 5429.76e6) return 10;
+    if (f >= 11635.2e6 && !altPath) return 14;
+    if (f < 8409.6e6) return 11;
+    return 12;
+}
+
+int ChannelDivider(int code) {
+    // Code 10 (divide by 72) exists in the part but has no use here.
+    static constexpr std::array<int, 15> kDividers{2, 4, 6, 8, 12, 16, 24, 32, 48, 64, 72, 96, 128, 192, 256};
+    if (code < 0 || code >= static_cast<int>(kDividers.size())) return 0;
+    return kDividers[static_cast<size_t>(code)];
+}
+
+double VcoHz(const SynthRegisters& r) {
+    const double n = r.reg[0x24];
+    const double frac = r.reg[0x2B];
+    return n * kSynthReferenceHz + frac * kSynthFracStepHz;
+}
+
+double SynthOutputHz(const SynthRegisters& r, bool highOutput) {
+    const double vco = VcoHz(r);
+    if (vco < kVcoMinHz || vco > kVcoMaxHz) return 0.0;
+    // Register 0x2E bits 1..0 pick the second output's source: 1 the VCO
+    // itself, 0 the channel divider. The first output always divides.
+    if (highOutput && (r.reg[0x2E] & 0x3) == 1) return vco;
+    const int d = ChannelDivider((r.reg[0x4B] >> 6) & 0x1F);
+    if (d == 0) return 0.0;
+    return vco / d;
+}
+
+double LoHz(int band, double synthHz) { return BandHalvesSynth(band) ? synthHz / 2.0 : synthHz; }
+
+double CaptureCentreHz(int band, double loHz) {
+    return loHz - (band == 0 ? kIfOffsetBand0Hz : kIfOffsetHz);
+}
+
+double GainDb(int band, double rfHz, double attenuationDb, double tempC, int ifLevel) {
+    if (band < 0 || band >= kBandCount) return -200.0;
+    const size_t b = static_cast<size_t>(band);
+    const double fGHz = rfHz * 1e-9;
+    double g = kBaseGainDb[b];
+    g += -0.30 * fGHz + 0.5 * std::sin(2.0 * std::numbers::pi * fGHz / 2.7);
+    if (band == 0) g += LowFrequencyRiseDb(rfHz);
+    g += (kTempCoefficientDbPerC - 0.001 * band) * (tempC - 25.0);
+    g += kIfLevelDbPerStep * (std::clamp(ifLevel, 0, kIfLevelMax) - 4);
+    g -= attenuationDb * (1.0 + kAttenuatorError[b]);
+    return g;
+}
+
+double IfResponse(double offsetHz) {
+    const double a = std::abs(offsetHz);
+    if (a <= kIfFlatHz) return 1.0;
+    if (a >= kIfEdgeHz) return 0.0;
+    return 0.5 * (1.0 + std::cos(std::numbers::pi * (a - kIfFlatHz) / (kIfEdgeHz - kIfFlatHz)));
+}
+
+int FactoryIfLevel(int band) { return BandUsesHighOutput(band) ? 6 : 4; }
+
+double TuneDriftCounts(double tempC) {
+    // A crystal's parabola around its turnover at 25 degrees.
+    const double d = tempC - 25.0;
+    return -0.045 * d * d;
+}
+
+double ReferenceError(uint16_t tuneWord, double tempC) {
+    const double right = kFactoryTuneWord + TuneDriftCounts(tempC);
+    return (static_cast<double>(tuneWord) - right) * kTunePpmPerCount * 1e-6;
+}
+
+double GridRowLoHz(int row) {
+    if (row >= 1 && row <= 10) return kGridLo[static_cast<size_t>(row - 1)];
+    return row * 30.72e6;
+}
+
+double GridRowCentreHz(int row) {
+    if (row >= 1 && row <= 10) return kGridCentre[static_cast<size_t>(row - 1)];
+    return row * 30.72e6 - 23.04e6;
+}
+
+} // namespace lx::sim::fe

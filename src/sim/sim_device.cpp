@@ -1,0 +1,621 @@
+#include "sim/sim_device.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <functional>
+
+#include "lx_command/status_packet.h"
+#include "sim/factory_image.h"
+
+namespace lx::sim {
+
+namespace {
+
+std::atomic<uint64_t> gVirtualMs{0};
+
+constexpr uint32_t kFillerWord = 0x00000001;
+constexpr uint32_t kFlushFlag = 0x800;
+
+constexpr uint8_t kRequestBusyPoll = 0xC2;
+constexpr uint8_t kRequestFanSetPoint = 0xC3;
+constexpr uint8_t kRequestReboot = 0xE0;
+
+uint16_t Raw16(double value, double scale) {
+    return static_cast<uint16_t>(std::clamp(std::lround(value / scale), 0L, 65535L));
+}
+
+uint64_t NextRandom(uint64_t& s) {
+    s ^= s >> 12;
+    s ^= s << 25;
+    s ^= s >> 27;
+    return s * 0x2545F4914F6CDD1DULL;
+}
+
+} // namespace
+
+uint64_t VirtualNowMs() { return gVirtualMs.load(std::memory_order_acquire); }
+void AdvanceVirtualMs(uint64_t ms) { gVirtualMs.fetch_add(ms, std::memory_order_acq_rel); }
+
+// ---------------------------------------------------------------------------
+
+SimTransfer::~SimTransfer() {
+    if (!device_) return;
+    std::lock_guard lk(device_->mu_);
+    auto& q = device_->inQueue_;
+    q.erase(std::remove(q.begin(), q.end(), this), q.end());
+}
+
+SimDevice::SimDevice(int32_t id, std::string product, std::string serial, std::shared_ptr<const Scene> scene)
+    : id_(id), serial_(std::move(serial)), product_(std::move(product)), scene_(std::move(scene)) {
+    runFirmware_ = product_ != "LX530 Boot";
+    presentAtMs_ = VirtualNowMs();
+    origin_ = Clock::now();
+    rng_ = 0x9E3779B97F4A7C15ULL ^ (static_cast<uint64_t>(id) << 17) ^ std::hash<std::string>{}(serial_);
+    if (rng_ == 0) rng_ = 1;
+    ProgramFactoryFlash(flash_, serial_, scene_->calibration);
+}
+
+int32_t SimDevice::SerialNumber() const {
+    if (serial_.size() != 8) return -1;
+    int32_t v = 0;
+    for (char c : serial_) {
+        if (c < '0' || c > '9') return -1;
+        v = v * 10 + (c - '0');
+    }
+    return v;
+}
+
+bool SimDevice::Alive(uint64_t generation) const {
+    return attached_ && generation == generation_ && VirtualNowMs() >= presentAtMs_;
+}
+
+bool SimDevice::PresentNow(usb::DeviceIdentity* identity, uint64_t* generation) {
+    std::lock_guard lk(mu_);
+    if (!attached_ || VirtualNowMs() < presentAtMs_) return false;
+    if (identity) {
+        identity->vendorId = usb::kVendorId;
+        identity->productId = usb::kProductId;
+        identity->product = product_;
+        identity->serial = serial_;
+    }
+    if (generation) *generation = generation_;
+    return true;
+}
+
+void SimDevice::CountOpen() {
+    std::lock_guard lk(mu_);
+    ++counters_.opens;
+}
+
+bool SimDevice::HandleValid(uint64_t generation) {
+    std::lock_guard lk(mu_);
+    return Alive(generation);
+}
+
+// ---- vendor requests --------------------------------------------------------
+
+bool SimDevice::TakeFault(int32_t& fault) {
+    if (fault == 0) return false;
+    if (fault > 0) --fault;
+    return true;
+}
+
+int SimDevice::ControlIn(uint64_t generation, uint8_t request, uint8_t* data, uint16_t length) {
+    std::lock_guard lk(mu_);
+    if (!Alive(generation) || (data == nullptr && length > 0)) return -1;
+    if (request != kRequestBusyPoll) return -1; // the device stalls requests it does not know
+    uint8_t reply[4] = {0, 0, 0, 0};
+    const bool stayBusy = TakeFault(faultStayBusy_);
+    reply[1] = (stayBusy || VirtualNowMs() < busyUntilMs_) ? 1 : 0;
+    const uint16_t n = std::min<uint16_t>(length, 4);
+    if (n > 0) std::memcpy(data, reply, n);
+    ++counters_.vendorRequests;
+    return n;
+}
+
+int SimDevice::ControlOut(uint64_t generation, uint8_t request, const uint8_t* data, uint16_t length) {
+    std::lock_guard lk(mu_);
+    if (!Alive(generation) || (data == nullptr && length > 0)) return -1;
+    switch (request) {
+    case kRequestReboot:
+        // Both personalities restart into the boot loader; the request itself
+        // completes before the device drops off the bus.
+        ++counters_.vendorRequests;
+        Reenumerate(false);
+        return 0;
+    case kRequestFanSetPoint:
+        if (!runFirmware_ || length < 2) return -1;
+        run_.fanSetPointRaw = static_cast<uint16_t>(data[0] | data[1] << 8);
+        ++counters_.vendorRequests;
+        return 2;
+    default:
+        return -1;
+    }
+}
+
+void SimDevice::Reenumerate(bool toRunFirmware) {
+    ++generation_;
+    ++counters_.reenumerations;
+    runFirmware_ = toRunFirmware;
+    product_ = toRunFirmware ? "LX530" : "LX530 Boot";
+    presentAtMs_ = VirtualNowMs() + kReenumerateMs;
+    busyUntilMs_ = std::max(busyUntilMs_, presentAtMs_ + kBootBusyMs);
+    FailPending();
+    items_.clear();
+    shortPackets_.clear();
+    producedEnd_ = committedEnd_ = delivered_ = 0;
+    run_ = RunState{};
+    samplePos_ = 0;
+    origin_ = Clock::now();
+    pendingStatus_ = 0;
+}
+
+void SimDevice::FailPending() {
+    for (SimTransfer* t : inQueue_) t->state_ = SimTransfer::State::Failed;
+    inQueue_.clear();
+    cv_.notify_all();
+}
+
+// ---- bulk transfers ---------------------------------------------------------
+
+std::unique_ptr<usb::BulkTransfer> SimDevice::BeginBulk(uint64_t generation, usb::Endpoint ep, uint8_t* buffer,
+                                                        uint32_t length) {
+    auto t = std::make_unique<SimTransfer>();
+    t->device_ = shared_from_this();
+    t->ep_ = ep;
+    t->buffer_ = buffer;
+    t->length_ = length;
+    std::lock_guard lk(mu_);
+    if (!Alive(generation) || (buffer == nullptr && length > 0)) {
+        t->state_ = SimTransfer::State::Failed;
+        return t;
+    }
+    if (ep == usb::Endpoint::BulkOut) {
+        // The device takes a command block as soon as it arrives.
+        ExecuteBlock(buffer, length);
+        t->actual_ = length;
+        t->state_ = SimTransfer::State::Done;
+        ++counters_.outTransfers;
+        cv_.notify_all();
+        return t;
+    }
+    t->stalled_ = TakeFault(faultStall_);
+    t->shortFault_ = TakeFault(faultShort_);
+    inQueue_.push_back(t.get());
+    return t;
+}
+
+usb::WaitResult SimDevice::WaitBulk(SimTransfer& t, uint32_t timeoutMs) {
+    std::unique_lock lk(mu_);
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        if (t.state_ == SimTransfer::State::Done) return usb::WaitResult::Completed;
+        if (t.state_ == SimTransfer::State::Failed) return usb::WaitResult::Failed;
+        const auto next = Pump();
+        if (t.state_ != SimTransfer::State::Pending) continue;
+        // A stalled endpoint never answers: there is nothing to wait for.
+        if (!inQueue_.empty() && inQueue_.front()->stalled_) return usb::WaitResult::TimedOut;
+        const auto now = Clock::now();
+        if (now >= deadline) return usb::WaitResult::TimedOut;
+        cv_.wait_until(lk, std::min(deadline, next));
+    }
+}
+
+void SimDevice::AbortEndpoint(uint64_t generation, usb::Endpoint ep) {
+    std::lock_guard lk(mu_);
+    if (ep != usb::Endpoint::BulkIn || generation != generation_) return;
+    Pump();
+    // What the device already sent into the first transfer stays there.
+    bool first = true;
+    for (SimTransfer* t : inQueue_) {
+        if (first && !t->stalled_) {
+            const uint64_t avail = std::min(committedEnd_, ReadyEnd(Clock::now()));
+            uint64_t n = avail > delivered_ ? avail - delivered_ : 0;
+            n = std::min<uint64_t>(n, t->length_);
+            if (!shortPackets_.empty()) n = std::min(n, shortPackets_.front() - delivered_);
+            Deliver(t->buffer_, n);
+            t->actual_ = static_cast<uint32_t>(n);
+        }
+        first = false;
+        t->state_ = SimTransfer::State::Done;
+    }
+    inQueue_.clear();
+    cv_.notify_all();
+}
+
+uint32_t SimDevice::FinishBulk(SimTransfer& t) {
+    std::lock_guard lk(mu_);
+    return t.state_ == SimTransfer::State::Done ? t.actual_ : 0;
+}
+
+uint64_t SimDevice::ReadyEnd(Clock::time_point now) const {
+    if (scene_->pacing != Pacing::Realtime) return producedEnd_;
+    uint64_t end = delivered_;
+    for (const OutItem& it : items_) {
+        if (it.readyAt > now) break;
+        end = it.start + it.size;
+    }
+    return end;
+}
+
+SimDevice::Clock::time_point SimDevice::Pump() {
+    const bool paced = scene_->pacing == Pacing::Realtime;
+    while (!inQueue_.empty()) {
+        SimTransfer* t = inQueue_.front();
+        if (t->stalled_) break;
+        while (!shortPackets_.empty() && shortPackets_.front() <= delivered_) shortPackets_.pop_front();
+        uint64_t target = delivered_ + t->length_;
+        if (!shortPackets_.empty()) target = std::min(target, shortPackets_.front());
+        if (committedEnd_ < target) break;
+        if (paced && target > delivered_) {
+            // The packet holding the transfer's last byte must have been captured.
+            for (const OutItem& it : items_) {
+                if (it.start + it.size >= target) {
+                    if (it.readyAt > Clock::now()) return it.readyAt;
+                    break;
+                }
+            }
+        }
+        const uint64_t n = target - delivered_;
+        Deliver(t->buffer_, n);
+        t->actual_ = static_cast<uint32_t>(t->shortFault_ ? (n >= 8 ? n - 8 : 0) : n);
+        t->state_ = SimTransfer::State::Done;
+        ++counters_.inTransfers;
+        inQueue_.pop_front();
+    }
+    return Clock::time_point::max();
+}
+
+void SimDevice::Deliver(uint8_t* dst, uint64_t n) {
+    while (n > 0 && !items_.empty()) {
+        OutItem& it = items_.front();
+        const uint64_t off = delivered_ - it.start;
+        const uint64_t take = std::min<uint64_t>(n, it.size - off);
+        const bool whole = off == 0 && take == it.size;
+        if (whole && it.bytes.empty() && it.kind == OutItem::Kind::Iq &&
+            reinterpret_cast<uintptr_t>(dst) % alignof(int16_t) == 0) {
+            RenderItem(it, dst);
+        } else {
+            if (it.bytes.empty()) {
+                it.bytes.resize(it.size);
+                RenderItem(it, it.bytes.data());
+            }
+            std::memcpy(dst, it.bytes.data() + off, take);
+        }
+        dst += take;
+        n -= take;
+        delivered_ += take;
+        if (delivered_ == it.start + it.size) {
+            if (it.kind == OutItem::Kind::Iq) ++counters_.iqPackets;
+            if (it.kind == OutItem::Kind::Aux) ++counters_.auxPackets;
+            items_.pop_front();
+        }
+    }
+}
+
+void SimDevice::RenderItem(OutItem& it, uint8_t* dst) {
+    const Scene& scene = *scene_;
+    switch (it.kind) {
+    case OutItem::Kind::Bytes:
+        return; // flash reads carry their content from the start
+    case OutItem::Kind::Iq: {
+        const RenderPlan& plan = PlanFor(it.config);
+        const uint32_t noiseOffset = static_cast<uint32_t>(NextRandom(rng_) >> 32);
+        if (RenderIqPacket(plan, it.sampleIndex, noiseOffset, reinterpret_cast<int16_t*>(dst)))
+            pendingStatus_ |= fe::kStatusAdcOverflow;
+        if (scene.pacing == Pacing::Realtime &&
+            Clock::now() - it.readyAt > std::chrono::duration<double>(kDeviceBufferSeconds))
+            pendingStatus_ |= fe::kStatusDataLoss;
+        return;
+    }
+    case OutItem::Kind::Aux: {
+        std::memset(dst, 0, kAuxPacketBytes);
+        const bool bad = TakeFault(faultBadMagic_);
+        AuxWrite<uint32_t>(dst, kAuxMagicOffset, bad ? ~kAuxMagic : kAuxMagic);
+        AuxWrite<uint32_t>(dst, kAuxFirmwareRevisionOffset, scene.firmware[2]);
+        AuxWrite<uint16_t>(dst, kAuxFirmwareMinorOffset, static_cast<uint16_t>(scene.firmware[1]));
+        AuxWrite<uint16_t>(dst, kAuxFirmwareMajorOffset, static_cast<uint16_t>(scene.firmware[0]));
+        AuxWrite<uint64_t>(dst, kAuxSampleCounterOffset, 2 * it.sampleIndex);
+        AuxWrite<uint16_t>(dst, kAuxOscTuneWordOffset, run_.tuneWord);
+        AuxWrite<uint32_t>(dst, kAuxStatusWordOffset, pendingStatus_);
+        pendingStatus_ = 0;
+        AuxWrite<uint16_t>(dst, kAuxSupplyVoltageOffset, Raw16(scene.supplyV, 0.00553));
+        AuxWrite<uint16_t>(dst, kAuxSupplyCurrentOffset, Raw16(scene.supplyA, 0.002));
+        // The fan controller runs the fan harder the further the instrument is
+        // above its set point; the reading is the duty cycle in percent.
+        const double setPoint = run_.fanSetPointRaw * 0.0625;
+        const double duty = std::clamp(30.0 + 10.0 * (scene.temperatureC - setPoint), 0.0, 100.0);
+        AuxWrite<uint16_t>(dst, kAuxFanOffset, Raw16(duty, 0.078125));
+        AuxWrite<uint16_t>(dst, kAuxFanSetPointOffset, run_.fanSetPointRaw);
+        AuxWrite<uint16_t>(dst, kAuxTemperatureOffset, TemperatureToWord(static_cast<float>(scene.temperatureC)));
+        return;
+    }
+    }
+}
+
+// ---- command interpreter ------------------------------------------------------
+
+void SimDevice::Log(uint32_t w) {
+    log_.push_back(w);
+    if (log_.size() > kCommandLogWords) log_.pop_front();
+}
+
+void SimDevice::ExecuteBlock(const uint8_t* data, uint32_t length) {
+    const size_t count = length / 4;
+    std::vector<uint32_t> words(count);
+    for (size_t i = 0; i < count; ++i) words[i] = LoadLE<uint32_t>(data + 4 * i);
+    counters_.commandBlocks += (length + 2047) / 2048;
+    const uint64_t generation = generation_;
+    for (size_t i = 0; i < count && generation == generation_; ++i) {
+        const uint32_t w = words[i];
+        if (w == kFillerWord) continue;
+        Log(w);
+        ++counters_.commandWords;
+        if (runFirmware_) {
+            ExecuteRunWord(w);
+        } else if (!ExecuteBootWord(words.data(), count, i)) {
+            break;
+        }
+    }
+}
+
+bool SimDevice::ExecuteBootWord(const uint32_t* words, size_t count, size_t& i) {
+    const uint32_t w = words[i];
+    const uint32_t page = w & 0xFFFF;
+    switch (w >> 16) {
+    case 0xFFFA:
+        if (w == 0xFFFA0003 && RunImagePresent(flash_)) {
+            Reenumerate(true);
+            return false;
+        }
+        return true; // nothing to start: the loader stays
+    case 0xFFFC:
+        flash_.EraseSector(page);
+        ++counters_.flashPageErases;
+        busyUntilMs_ = std::max(busyUntilMs_, VirtualNowMs()) + kEraseBusyMs;
+        return true;
+    case 0xFFFD: {
+        OutItem it;
+        it.kind = OutItem::Kind::Bytes;
+        it.start = producedEnd_;
+        it.size = kFlashReadBytes;
+        it.readyAt = Clock::now();
+        it.bytes.resize(kFlashReadBytes);
+        flash_.Read(page, it.bytes);
+        items_.push_back(std::move(it));
+        producedEnd_ += kFlashReadBytes;
+        ++counters_.flashReads;
+        Commit(true, kFlashReadBytes);
+        return true;
+    }
+    case 0xFFFE: {
+        // 256 data words follow in the same block; missing ones program nothing.
+        uint8_t data[NorFlash::kPageBytes];
+        std::memset(data, 0xFF, sizeof data);
+        for (size_t k = 0; k < 256 && i + 1 < count; ++k) StoreLE<uint32_t>(data + 4 * k, words[++i]);
+        flash_.Program(page, data);
+        ++counters_.flashPageWrites;
+        busyUntilMs_ = std::max(busyUntilMs_, VirtualNowMs()) + kWriteBusyMs;
+        return true;
+    }
+    default:
+        return true; // the loader ignores run-firmware words
+    }
+}
+
+void SimDevice::ExecuteRunWord(uint32_t w) {
+    const uint32_t op = w >> 24;
+    const uint32_t operand = w & 0xFFFFFF;
+    switch (op) {
+    case 0x20: // synthesizer register write
+        run_.synth.reg[(operand >> 16) & 0x7F] = static_cast<uint16_t>(operand);
+        run_.config.reset();
+        break;
+    case 0x24:
+        run_.ifLevel = static_cast<uint8_t>(operand);
+        run_.config.reset();
+        break;
+    case 0x2C:
+        run_.bandOperand = operand;
+        run_.config.reset();
+        break;
+    case 0x2E:
+        run_.tuneWord = static_cast<uint16_t>(operand);
+        run_.config.reset();
+        break;
+    case 0x2D:
+        run_.reference = operand;
+        break;
+    case 0x2F:
+        run_.gpsTimebase = operand;
+        break;
+    case 0x27:
+        run_.gpio = operand & 0xFF;
+        break;
+    case 0x30:
+        run_.captureControl = operand;
+        break;
+    case 0x31:
+        QueueTransferRequest(w);
+        break;
+    default:
+        if (op >= 0x40 && op <= 0x7F) run_.taps[op - 0x40] = static_cast<uint16_t>(operand);
+        // Settle, spacer, stop, converter, power-up, switch and UART words
+        // change nothing the simulation models; the log keeps them.
+        break;
+    }
+}
+
+std::shared_ptr<const CaptureConfig> SimDevice::CurrentConfig() {
+    if (run_.config) return run_.config;
+    auto c = std::make_shared<CaptureConfig>();
+    const fe::RfPath path = fe::DecodeBandWord(run_.bandOperand);
+    c->band = path.band;
+    c->attenuationDb = path.attenuationDb;
+    c->ifLevel = run_.ifLevel;
+    c->tuneWord = run_.tuneWord;
+    if (path.band >= 0) {
+        const double synth = fe::SynthOutputHz(run_.synth, fe::BandUsesHighOutput(path.band));
+        c->locked = synth > 0;
+        c->loHz = fe::LoHz(path.band, synth);
+        c->centreHz = fe::CaptureCentreHz(path.band, c->loHz);
+    }
+    run_.config = c;
+    return c;
+}
+
+void SimDevice::QueueTransferRequest(uint32_t w) {
+    if (TakeFault(faultNoAnswer_)) return;
+    const uint32_t iq = w & 0xFF;
+    const uint32_t aux = (w >> 8) & 0x7;
+    const bool paced = scene_->pacing == Pacing::Realtime;
+    const auto now = Clock::now();
+    if (paced) {
+        // The ADC ran on while nothing was requested.
+        const double elapsed = std::chrono::duration<double>(now - origin_).count();
+        samplePos_ = std::max(samplePos_, static_cast<uint64_t>(elapsed * fe::kSampleRateHz));
+    }
+    const auto readyOf = [&](uint64_t sampleEnd) {
+        if (!paced) return now;
+        return origin_ + std::chrono::duration_cast<Clock::duration>(
+                             std::chrono::duration<double>(static_cast<double>(sampleEnd) / fe::kSampleRateHz));
+    };
+    auto config = iq > 0 ? CurrentConfig() : nullptr;
+    const uint64_t before = producedEnd_;
+    for (uint32_t k = 0; k < iq; ++k) {
+        OutItem it;
+        it.kind = OutItem::Kind::Iq;
+        it.start = producedEnd_;
+        it.size = kIqPacketBytes;
+        it.sampleIndex = samplePos_;
+        samplePos_ += kIqPacketSamples;
+        it.readyAt = readyOf(samplePos_);
+        it.config = config;
+        items_.push_back(std::move(it));
+        producedEnd_ += kIqPacketBytes;
+    }
+    for (uint32_t k = 0; k < aux; ++k) {
+        OutItem it;
+        it.kind = OutItem::Kind::Aux;
+        it.start = producedEnd_;
+        it.size = kAuxPacketBytes;
+        it.sampleIndex = samplePos_;
+        it.readyAt = readyOf(samplePos_);
+        items_.push_back(std::move(it));
+        producedEnd_ += kAuxPacketBytes;
+    }
+    Commit((w & kFlushFlag) != 0, producedEnd_ - before);
+}
+
+void SimDevice::Commit(bool shortPacket, uint64_t answerBytes) {
+    if (shortPacket) {
+        const bool partial = producedEnd_ > committedEnd_;
+        committedEnd_ = producedEnd_;
+        if ((answerBytes > 0 || partial) &&
+            (shortPackets_.empty() || shortPackets_.back() != producedEnd_))
+            shortPackets_.push_back(producedEnd_);
+    } else {
+        committedEnd_ += (producedEnd_ - committedEnd_) / kDmaBufferBytes * kDmaBufferBytes;
+    }
+}
+
+const RenderPlan& SimDevice::PlanFor(const std::shared_ptr<const CaptureConfig>& config) {
+    if (config == planConfig_ && scene_ == planScene_) return plan_;
+    planConfig_ = config;
+    planScene_ = scene_;
+    const Scene& s = *scene_;
+    const CaptureConfig& c = *config;
+    plan_ = RenderPlan{};
+    const double k = 1.0 + fe::ReferenceError(c.tuneWord, s.temperatureC);
+    const double fs = fe::kSampleRateHz * k;
+    const double centre = c.centreHz * k;
+    const double adcNoise = std::pow(10.0, (fe::kAdcNoiseDbfsPerHz + 10.0 * std::log10(fe::kSampleRateHz)) / 10.0);
+    double noise = adcNoise;
+    if (c.band >= 0) {
+        const double g = fe::GainDb(c.band, c.locked ? centre : 0.0, c.attenuationDb, s.temperatureC, c.ifLevel);
+        noise += std::pow(10.0, (s.noiseFloorDbmHz + g + 10.0 * std::log10(fs)) / 10.0);
+    }
+    plan_.noiseSigma = static_cast<float>(std::sqrt(noise));
+    if (c.band < 0 || !c.locked) return plan_;
+    for (const ToneEmitter& e : s.tones) {
+        const double offset = e.frequencyHz - centre;
+        const double response = fe::IfResponse(offset);
+        if (response <= 0.0) continue;
+        const double g = fe::GainDb(c.band, e.frequencyHz, c.attenuationDb, s.temperatureC, c.ifLevel);
+        ToneComponent t;
+        t.amplitude = static_cast<float>(std::pow(10.0, (e.powerDbm + g) / 20.0) * response);
+        t.cyclesPerSample = (fe::BandMirrored(c.band) ? -offset : offset) / fs;
+        t.phaseCycles = e.phaseDeg / 360.0;
+        plan_.tones.push_back(t);
+    }
+    return plan_;
+}
+
+// ---- lx_sim.h side --------------------------------------------------------------
+
+void SimDevice::Detach() {
+    std::lock_guard lk(mu_);
+    attached_ = false;
+    ++generation_;
+    FailPending();
+}
+
+void SimDevice::SetScene(std::shared_ptr<const Scene> scene) {
+    std::lock_guard lk(mu_);
+    if (scene->calibration != scene_->calibration) ProgramCalibration(flash_, scene->calibration);
+    if (scene->pacing == Pacing::Realtime && scene_->pacing != Pacing::Realtime) {
+        // Continue the ADC timeline from where the unpaced stream left it.
+        origin_ = Clock::now() - std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
+                                     static_cast<double>(samplePos_) / fe::kSampleRateHz));
+    }
+    scene_ = std::move(scene);
+    cv_.notify_all();
+}
+
+bool SimDevice::InjectFault(int32_t fault, int32_t count) {
+    std::lock_guard lk(mu_);
+    switch (fault) {
+    case lxSimFaultNone:
+        faultStall_ = faultShort_ = faultBadMagic_ = faultNoAnswer_ = faultStayBusy_ = 0;
+        break;
+    case lxSimFaultStall: faultStall_ = count; break;
+    case lxSimFaultShortTransfer: faultShort_ = count; break;
+    case lxSimFaultBadMagic: faultBadMagic_ = count; break;
+    case lxSimFaultNoAnswer: faultNoAnswer_ = count; break;
+    case lxSimFaultStayBusy: faultStayBusy_ = count; break;
+    default: return false;
+    }
+    cv_.notify_all();
+    return true;
+}
+
+LxSimCounters SimDevice::Counters() {
+    std::lock_guard lk(mu_);
+    return counters_;
+}
+
+void SimDevice::ResetCounters() {
+    std::lock_guard lk(mu_);
+    counters_ = LxSimCounters{};
+}
+
+bool SimDevice::RunFirmware() {
+    std::lock_guard lk(mu_);
+    return runFirmware_;
+}
+
+size_t SimDevice::CommandLog(uint32_t* words, size_t capacity) {
+    std::lock_guard lk(mu_);
+    const size_t n = std::min(capacity, log_.size());
+    if (words) std::copy_n(log_.begin(), n, words);
+    return log_.size();
+}
+
+void SimDevice::ClearCommandLog() {
+    std::lock_guard lk(mu_);
+    log_.clear();
+}
+
+} // namespace lx::sim

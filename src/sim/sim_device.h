@@ -1,0 +1,213 @@
+// One simulated LX530: its USB personalities, vendor requests, NOR flash,
+// command interpreter, output FIFO and data plane.
+//
+// Threads and locks
+//   The simulator has no threads of its own. Every call comes from a caller's
+//   thread: the backend (enumeration, handles, transfers; typically a
+//   transport's USB thread) and lx_sim.h (attach, scene, faults, counters;
+//   typically a test's main thread), in any mix and concurrently.
+//   Locks, in the only order they are ever taken:
+//     1. the registry mutex (sim_backend.cpp: the list of attached devices),
+//     2. one device's mutex `mu_` (all of that device's state).
+//   Never the other way round, and never two device mutexes at once. The
+//   virtual clock is a lone atomic. Waiting IN transfers sleep on the device's
+//   condition variable, which every state change that could finish them
+//   (command block, abort, detach, re-enumeration, scene change) notifies.
+//
+// Output stream
+//   The device moves data through 32 KiB DMA buffers (four packets). Each
+//   transfer request appends its packets (I/Q first, then aux) to the stream;
+//   a buffer goes out when it is full. A request whose flag 0x800 is set (an
+//   aux-only request) sends a partial buffer at once as a short packet, which
+//   ends the IN transfer that reaches it. A flash read (boot loader) does the
+//   same. So an IN transfer of L bytes completes with min(L, bytes up to the
+//   next short packet) once those bytes have been sent, leftover bytes go to
+//   the next transfer, and with nothing sent it waits.
+//   Packets are synthesised when an IN transfer takes them (the tuning in
+//   force when they were requested, the scene in force when they are
+//   delivered), straight into the caller's buffer.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "lx_sim.h"
+#include "sim/flash.h"
+#include "sim/front_end.h"
+#include "sim/scene.h"
+#include "sim/synthesis.h"
+#include "usb/usb_backend.h"
+
+namespace lx::sim {
+
+// Process-wide virtual time (ms): advanced only by UsbBackend::Sleep.
+uint64_t VirtualNowMs();
+void AdvanceVirtualMs(uint64_t ms);
+
+inline constexpr uint64_t kReenumerateMs = 1000; // absent from the bus after a personality change
+inline constexpr uint64_t kBootBusyMs = 200;     // busy after it is back
+inline constexpr uint64_t kEraseBusyMs = 400;    // one sector erase
+inline constexpr uint64_t kWriteBusyMs = 2;      // one page write
+inline constexpr uint32_t kDmaBufferBytes = 32768;
+inline constexpr uint32_t kFlashReadBytes = 32768;
+inline constexpr size_t kCommandLogWords = 1u << 18;
+// Paced delivery: the device holds this much of the stream before it
+// overwrites unread samples (and reports data loss).
+inline constexpr double kDeviceBufferSeconds = 8.0 * 1024 * 1024 / (fe::kSampleRateHz * 4);
+
+class SimDevice;
+
+class SimTransfer final : public usb::BulkTransfer {
+public:
+    ~SimTransfer() override;
+
+private:
+    friend class SimDevice;
+    enum class State : uint8_t { Pending, Done, Failed };
+    std::shared_ptr<SimDevice> device_;
+    usb::Endpoint ep_ = usb::Endpoint::BulkIn;
+    uint8_t* buffer_ = nullptr;
+    uint32_t length_ = 0;
+    uint32_t actual_ = 0;
+    State state_ = State::Pending;
+    bool stalled_ = false;
+    bool shortFault_ = false;
+};
+
+// The tuning of the receiver as the device's registers say, captured when a
+// request queues I/Q packets.
+struct CaptureConfig {
+    int band = -1;
+    double attenuationDb = 0;
+    int ifLevel = 4;
+    bool locked = false;
+    double loHz = 0;
+    double centreHz = 0;
+    uint16_t tuneWord = fe::kResetTuneWord;
+};
+
+class SimDevice : public std::enable_shared_from_this<SimDevice> {
+public:
+    SimDevice(int32_t id, std::string product, std::string serial, std::shared_ptr<const Scene> scene);
+
+    int32_t Id() const { return id_; }
+    const std::string& SerialString() const { return serial_; }
+    // The 8-digit serial as a number, or -1.
+    int32_t SerialNumber() const;
+
+    // ---- bus side (generation: the enumeration a handle was opened on) ----
+    bool PresentNow(usb::DeviceIdentity* identity, uint64_t* generation);
+    void CountOpen();
+    bool HandleValid(uint64_t generation);
+    int ControlIn(uint64_t generation, uint8_t request, uint8_t* data, uint16_t length);
+    int ControlOut(uint64_t generation, uint8_t request, const uint8_t* data, uint16_t length);
+    std::unique_ptr<usb::BulkTransfer> BeginBulk(uint64_t generation, usb::Endpoint ep, uint8_t* buffer,
+                                                 uint32_t length);
+    usb::WaitResult WaitBulk(SimTransfer& t, uint32_t timeoutMs);
+    void AbortEndpoint(uint64_t generation, usb::Endpoint ep);
+    uint32_t FinishBulk(SimTransfer& t);
+
+    // ---- lx_sim.h side ----
+    void Detach();
+    void SetScene(std::shared_ptr<const Scene> scene);
+    bool InjectFault(int32_t fault, int32_t count);
+    LxSimCounters Counters();
+    void ResetCounters();
+    bool RunFirmware();
+    // Copies the oldest min(capacity, stored) words; returns the count stored.
+    size_t CommandLog(uint32_t* words, size_t capacity);
+    void ClearCommandLog();
+
+private:
+    friend class SimTransfer;
+    using Clock = std::chrono::steady_clock;
+
+    struct OutItem {
+        enum class Kind : uint8_t { Iq, Aux, Bytes } kind = Kind::Iq;
+        uint64_t start = 0;       // stream offset of its first byte
+        uint32_t size = 0;
+        uint64_t sampleIndex = 0; // I/Q: first sample; aux: stream position it reports
+        Clock::time_point readyAt{};
+        std::shared_ptr<const CaptureConfig> config;
+        std::vector<uint8_t> bytes; // content, once rendered (always for flash reads)
+    };
+
+    struct RunState {
+        fe::SynthRegisters synth;
+        uint32_t bandOperand = 0;
+        uint8_t ifLevel = 4;
+        uint16_t tuneWord = fe::kResetTuneWord;
+        uint32_t captureControl = 0;
+        uint16_t taps[64] = {};
+        uint32_t reference = 0;
+        uint32_t gpsTimebase = 0;
+        uint32_t gpio = 0;
+        uint16_t fanSetPointRaw = 45 * 16;
+        std::shared_ptr<const CaptureConfig> config; // null: recompute
+    };
+
+    // All below: mu_ held.
+    bool Alive(uint64_t generation) const;
+    void Reenumerate(bool toRunFirmware);
+    void FailPending();
+    void ExecuteBlock(const uint8_t* data, uint32_t length);
+    void ExecuteRunWord(uint32_t w);
+    // Returns false when the word ended the block's execution (re-enumeration).
+    bool ExecuteBootWord(const uint32_t* words, size_t count, size_t& i);
+    void QueueTransferRequest(uint32_t w);
+    void Commit(bool shortPacket, uint64_t answerBytes);
+    std::shared_ptr<const CaptureConfig> CurrentConfig();
+    const RenderPlan& PlanFor(const std::shared_ptr<const CaptureConfig>& config);
+    // Delivers what it can to the queued IN transfers, in order. Returns the
+    // time at which more could be delivered (paced stream), or max().
+    Clock::time_point Pump();
+    // Bytes [delivered_, delivered_ + n) into dst.
+    void Deliver(uint8_t* dst, uint64_t n);
+    void RenderItem(OutItem& item, uint8_t* dst);
+    uint64_t ReadyEnd(Clock::time_point now) const;
+    void Log(uint32_t w);
+    bool TakeFault(int32_t& fault);
+
+    const int32_t id_;
+    const std::string serial_;
+
+    std::mutex mu_;
+    std::condition_variable cv_;
+    bool attached_ = true;
+    bool runFirmware_ = true;
+    std::string product_;
+    uint64_t generation_ = 1;
+    uint64_t presentAtMs_ = 0;
+    uint64_t busyUntilMs_ = 0;
+    NorFlash flash_;
+    std::shared_ptr<const Scene> scene_;
+    RunState run_;
+    LxSimCounters counters_{};
+    std::deque<uint32_t> log_;
+
+    int32_t faultStall_ = 0, faultShort_ = 0, faultBadMagic_ = 0, faultNoAnswer_ = 0, faultStayBusy_ = 0;
+
+    // Output stream (offsets count bytes since boot).
+    std::deque<OutItem> items_;
+    std::deque<uint64_t> shortPackets_; // offsets where a short packet ends a transfer
+    uint64_t producedEnd_ = 0, committedEnd_ = 0, delivered_ = 0;
+    std::deque<SimTransfer*> inQueue_;
+
+    // ADC timeline.
+    uint64_t samplePos_ = 0;
+    Clock::time_point origin_; // paced: wall time of sample 0
+    uint32_t pendingStatus_ = 0;
+    uint64_t rng_;
+
+    std::shared_ptr<const CaptureConfig> planConfig_;
+    std::shared_ptr<const Scene> planScene_;
+    RenderPlan plan_;
+};
+
+} // namespace lx::sim

@@ -1,0 +1,281 @@
+// The simulated device on the bus: enumeration, identity, personalities,
+// re-enumeration in virtual time, vendor requests, and the attach calls.
+#include <atomic>
+#include <thread>
+
+#include "sim_test_util.h"
+
+using namespace simtest;
+
+namespace {
+
+using BusTest = SimTest;
+
+TEST_F(BusTest, EnumeratesInAttachOrderAndDetachedDevicesVanish) {
+    ASSERT_EQ(lxSimAttach(30000001, nullptr), lxNoError);
+    ASSERT_EQ(lxSimAttach(20000002, nullptr), lxNoError);
+    int32_t rawId = 0;
+    ASSERT_EQ(lxSimAttachRaw("LX530 Boot", "1234", nullptr, &rawId), lxNoError);
+    ASSERT_EQ(lxSimAttach(10000003, ""), lxNoError);
+    EXPECT_EQ(EnumeratedSerials(), (std::vector<std::string>{"30000001", "20000002", "1234", "10000003"}));
+
+    ASSERT_EQ(lxSimDetach(20000002), lxNoError);
+    ASSERT_EQ(lxSimDetachId(rawId), lxNoError);
+    EXPECT_EQ(EnumeratedSerials(), (std::vector<std::string>{"30000001", "10000003"}));
+    EXPECT_EQ(lxSimDetach(20000002), lxDeviceNotFoundErr);
+    EXPECT_EQ(lxSimDetachId(rawId), lxDeviceNotFoundErr);
+}
+
+TEST_F(BusTest, IdentityFollowsPersonality) {
+    struct Case {
+        const char* product;
+        const char* serial;
+        int32_t lookupSerial; // -1: not addressable by serial
+        int32_t runFirmware;
+    };
+    const Case cases[] = {
+        {"LX530 Boot", "87654322", 87654322, 0},
+        {"LX530X", "87654323", 87654323, 1}, // odd product strings are kept as given
+        {"LX530", "8765432", -1, 1},         // serial strings of any form enumerate
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.product) + "/" + c.serial);
+        int32_t id = 0;
+        ASSERT_EQ(lxSimAttachRaw(c.product, c.serial, nullptr, &id), lxNoError);
+        auto d = Open(c.serial);
+        ASSERT_NE(d, nullptr);
+        EXPECT_EQ(d->Identity().vendorId, 0x5A3C);
+        EXPECT_EQ(d->Identity().productId, 0x000C);
+        EXPECT_EQ(d->Identity().product, c.product);
+        if (c.lookupSerial > 0) {
+            int32_t run = -1;
+            ASSERT_EQ(lxSimGetPersonality(c.lookupSerial, &run), lxNoError);
+            EXPECT_EQ(run, c.runFirmware);
+        }
+        ASSERT_EQ(lxSimDetachId(id), lxNoError);
+    }
+}
+
+TEST_F(BusTest, AttachRejectsBadArgumentsAndChangesNothing) {
+    ASSERT_EQ(lxSimAttach(40000000, nullptr), lxNoError);
+    struct Case {
+        int32_t serial;
+        const char* scene;
+    };
+    const Case cases[] = {
+        {40000000, nullptr},                               // already attached
+        {9999999, nullptr},                                // 7 digits
+        {100000000, nullptr},                              // 9 digits
+        {40000001, "{"},                                   // not JSON
+        {40000001, "[]"},                                  // not an object
+        {40000001, R"({"temprature_c": 20})"},             // unknown key
+        {40000001, R"({"temperature_c": "hot"})"},         // wrong type
+        {40000001, R"({"temperature_c": 120})"},           // out of range
+        {40000001, R"({"firmware": [1, 2]})"},
+        {40000001, R"({"firmware": [1, 2.5, 3]})"},
+        {40000001, R"({"calibration": "fresh"})"},
+        {40000001, R"({"emitters": {}})"},
+        {40000001, R"({"emitters": [{"kind": "chirp"}]})"},
+        {40000001, R"({"emitters": [{"kind": "tone", "frequency_hz": 1e9}]})"},
+        {40000001, R"({"emitters": [{"kind": "tone", "frequency_hz": 1e9, "power_dbm": 0, "width": 1}]})"},
+        {40000001, R"({"emitters": [{"kind": "tone", "frequency_hz": 1e9, "power_dbm": 31}]})"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.serial) + " " + (c.scene ? c.scene : "null"));
+        EXPECT_EQ(lxSimAttach(c.serial, c.scene), lxInvalidParameterErr);
+        EXPECT_EQ(lxSimSetScene(40000000, c.scene ? c.scene : "{"), lxInvalidParameterErr);
+    }
+    EXPECT_EQ(EnumeratedSerials(), std::vector<std::string>{"40000000"});
+
+    int32_t id = 0;
+    EXPECT_EQ(lxSimAttachRaw(nullptr, "1", nullptr, &id), lxNullPtrErr);
+    EXPECT_EQ(lxSimAttachRaw("LX530", nullptr, nullptr, &id), lxNullPtrErr);
+    EXPECT_EQ(lxSimAttachRaw("LX530", "1", nullptr, nullptr), lxNullPtrErr);
+    EXPECT_EQ(lxSimSetScene(40000009, nullptr), lxDeviceNotFoundErr);
+    EXPECT_EQ(lxSimInjectFault(40000000, 6, 1), lxInvalidParameterErr);
+    EXPECT_EQ(lxSimGetCounters(40000000, nullptr), lxNullPtrErr);
+    EXPECT_EQ(EnumeratedSerials(), std::vector<std::string>{"40000000"});
+}
+
+// Vendor request 0xE0 and the word 0xFFFA0003 each re-enumerate: the device
+// is gone until a virtual second has passed, comes back in the other
+// personality, and a handle of the old enumeration is dead for good.
+TEST_F(BusTest, PersonalityChangesReEnumerateInVirtualTime) {
+    ASSERT_EQ(lxSimAttach(50000001, nullptr), lxNoError);
+    auto run = Open(50000001);
+    ASSERT_NE(run, nullptr);
+    EXPECT_EQ(run->Identity().product, "LX530");
+
+    const uint64_t t0 = VirtualMs();
+    const auto wallStart = std::chrono::steady_clock::now();
+    ASSERT_EQ(run->ControlOut(0xE0, 0, 0, nullptr, 0, 1000), 0);
+    EXPECT_EQ(Open(50000001), nullptr) << "present again before it could have re-enumerated";
+    Bus().Sleep(999);
+    EXPECT_EQ(Open(50000001), nullptr);
+    Bus().Sleep(1);
+    auto boot = Open(50000001);
+    ASSERT_NE(boot, nullptr);
+    EXPECT_EQ(boot->Identity().product, "LX530 Boot");
+    EXPECT_EQ(VirtualMs() - t0, 1000u); // (no other test runs in this process concurrently)
+    EXPECT_LT(std::chrono::steady_clock::now() - wallStart, std::chrono::milliseconds(500)) << "slept for real";
+
+    uint8_t reply[4];
+    EXPECT_EQ(run->ControlIn(0xC2, 0, 0, reply, 4, 1000), -1);
+    EXPECT_FALSE(run->SelectAltSetting0());
+    uint8_t buf[8192];
+    auto dead = run->BeginBulk(Endpoint::BulkIn, buf, sizeof buf);
+    EXPECT_EQ(run->WaitBulk(*dead, 100), WaitResult::Failed);
+
+    // Busy right after it came back, then idle.
+    ASSERT_EQ(boot->ControlIn(0xC2, 0, 0, reply, 4, 1000), 4);
+    EXPECT_EQ(reply[1], 1);
+    Bus().Sleep(300);
+    ASSERT_EQ(boot->ControlIn(0xC2, 0, 0, reply, 4, 1000), 4);
+    EXPECT_EQ(reply[1], 0);
+
+    ASSERT_TRUE(Send(*boot, {0xFFFA0003}));
+    EXPECT_EQ(Open(50000001), nullptr);
+    Bus().Sleep(1000);
+    auto again = Open(50000001);
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(again->Identity().product, "LX530");
+    int32_t personality = -1;
+    ASSERT_EQ(lxSimGetPersonality(50000001, &personality), lxNoError);
+    EXPECT_EQ(personality, 1);
+
+    LxSimCounters c{};
+    ASSERT_EQ(lxSimGetCounters(50000001, &c), lxNoError);
+    EXPECT_EQ(c.reenumerations, 2u);
+    EXPECT_EQ(c.vendorRequests, 3u); // 0xE0 and two busy polls
+}
+
+// The run image is started only when its sector holds an image.
+TEST_F(BusTest, BootLoaderStaysWhenTheRunSectorIsErased) {
+    int32_t id = 0;
+    ASSERT_EQ(lxSimAttachRaw("LX530 Boot", "50000002", nullptr, &id), lxNoError);
+    auto boot = Open(50000002);
+    ASSERT_NE(boot, nullptr);
+    ASSERT_TRUE(Send(*boot, {0xFFFC0000u | 49152, 0xFFFA0003}));
+    Bus().Sleep(2000);
+    auto still = Open(50000002);
+    ASSERT_NE(still, nullptr);
+    EXPECT_EQ(still->Identity().product, "LX530 Boot");
+    EXPECT_TRUE(boot->SelectAltSetting0()) << "nothing re-enumerated: the first handle still works";
+}
+
+TEST_F(BusTest, BusyPollAndFanSetPoint) {
+    ASSERT_EQ(lxSimAttach(50000003, nullptr), lxNoError);
+    auto d = Open(50000003);
+    ASSERT_NE(d, nullptr);
+    uint8_t reply[4] = {9, 9, 9, 9};
+    ASSERT_EQ(d->ControlIn(0xC2, 0, 0, reply, 4, 1000), 4);
+    EXPECT_EQ(reply[1], 0);
+
+    ASSERT_EQ(lxSimInjectFault(50000003, lxSimFaultStayBusy, 2), lxNoError);
+    for (int expect : {1, 1, 0}) {
+        ASSERT_EQ(d->ControlIn(0xC2, 0, 0, reply, 4, 1000), 4);
+        EXPECT_EQ(reply[1], expect);
+    }
+
+    // Unknown requests stall.
+    EXPECT_EQ(d->ControlIn(0x55, 0, 0, reply, 4, 1000), -1);
+    EXPECT_EQ(d->ControlOut(0x55, 0, 0, nullptr, 0, 1000), -1);
+
+    // 30.0625 degrees as 481 sixteenths; the status packet reports it back.
+    const uint8_t setPoint[2] = {481 & 0xFF, 481 >> 8};
+    ASSERT_EQ(d->ControlOut(0xC3, 0, 0, setPoint, 2, 1000), 2);
+    ASSERT_TRUE(Send(*d, Request(0, 1)));
+    const ReadResult r = Read(*d, 8192);
+    ASSERT_EQ(r.data.size(), 8192u);
+    EXPECT_EQ(U16(&r.data[82]), 481);
+}
+
+TEST_F(BusTest, OpenHandleOfUnpluggedDeviceFailsEverything) {
+    ASSERT_EQ(lxSimAttach(50000004, nullptr), lxNoError);
+    auto d = Open(50000004);
+    ASSERT_NE(d, nullptr);
+    const int count = Bus().DeviceCount();
+    ASSERT_EQ(lxSimDetach(50000004), lxNoError);
+    EXPECT_EQ(Bus().Open(count - 1), nullptr) << "a device that vanished after the count opens as null";
+    uint8_t reply[4];
+    EXPECT_EQ(d->ControlIn(0xC2, 0, 0, reply, 4, 1000), -1);
+    EXPECT_FALSE(Send(*d, Request(0, 1)));
+    // Re-attaching the same serial gives a new device; the old handle stays dead.
+    ASSERT_EQ(lxSimAttach(50000004, nullptr), lxNoError);
+    EXPECT_FALSE(d->SelectAltSetting0());
+    EXPECT_NE(Open(50000004), nullptr);
+}
+
+// A transfer waiting for data when the device is unplugged fails at once
+// rather than running into its time-out.
+TEST_F(BusTest, UnplugFailsAPendingTransferPromptly) {
+    ASSERT_EQ(lxSimAttach(50000005, nullptr), lxNoError);
+    auto d = Open(50000005);
+    ASSERT_NE(d, nullptr);
+    std::vector<uint8_t> buf(32768);
+    auto t = d->BeginBulk(Endpoint::BulkIn, buf.data(), 32768);
+    std::thread unplug([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        lxSimDetach(50000005);
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(d->WaitBulk(*t, 5000), WaitResult::Failed);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2000));
+    EXPECT_EQ(d->FinishBulk(*t), 0u);
+    unplug.join();
+}
+
+} // namespace
+
+namespace {
+
+// A transport's USB thread streams while the application's thread attaches
+// and detaches other devices, changes the scene, injects faults and reads
+// counters, then unplugs the streaming device: the stream ends with a failed
+// transfer, nothing hangs (and ThreadSanitizer sees no race).
+TEST_F(BusTest, ControlCallsRaceAStreamSafely) {
+    ASSERT_EQ(lxSimAttach(51000001, R"({"emitters": [{"kind": "tone", "frequency_hz": 1e9, "power_dbm": -30}]})"),
+              lxNoError);
+    auto d = Open(51000001);
+    ASSERT_NE(d, nullptr);
+    std::atomic<int> blocks{0};
+    std::atomic<bool> failed{false};
+    std::thread usb([&] {
+        std::vector<uint8_t> buf(1 << 20);
+        while (!failed) {
+            if (!Send(*d, Request(127, 1))) {
+                failed = true;
+                break;
+            }
+            auto t = d->BeginBulk(Endpoint::BulkIn, buf.data(), static_cast<uint32_t>(buf.size()));
+            const WaitResult w = d->WaitBulk(*t, 2000);
+            if (w == WaitResult::TimedOut) {
+                d->AbortEndpoint(Endpoint::BulkIn);
+                d->WaitBulk(*t, 2000);
+            }
+            if (w == WaitResult::Failed) failed = true;
+            d->FinishBulk(*t);
+            ++blocks;
+        }
+    });
+    for (int i = 0; i < 20; ++i) {
+        const int32_t other = 51000100 + i;
+        ASSERT_EQ(lxSimAttach(other, nullptr), lxNoError);
+        EXPECT_FALSE(EnumeratedSerials().empty());
+        const std::string scene = R"({"temperature_c": )" + std::to_string(20 + i) + "}";
+        ASSERT_EQ(lxSimSetScene(51000001, scene.c_str()), lxNoError);
+        ASSERT_EQ(lxSimInjectFault(51000001, lxSimFaultBadMagic, 1), lxNoError);
+        LxSimCounters c{};
+        ASSERT_EQ(lxSimGetCounters(51000001, &c), lxNoError);
+        int32_t n = 0;
+        ASSERT_EQ(lxSimGetCommandLog(51000001, nullptr, 0, &n), lxNoError);
+        ASSERT_EQ(lxSimDetach(other), lxNoError);
+    }
+    while (blocks < 5 && !failed) std::this_thread::yield();
+    EXPECT_FALSE(failed) << "the stream broke before the unplug";
+    ASSERT_EQ(lxSimDetach(51000001), lxNoError);
+    usb.join();
+    EXPECT_TRUE(failed);
+}
+
+} // namespace

@@ -1,0 +1,142 @@
+// Which devices the lists offer and how product strings are told apart, with
+// simulated devices of arbitrary descriptors; and the libusb backend on a
+// machine without the instrument.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "usb/libusb_backend.h"
+#include "usb/usb_transport.h"
+#include "usb_test_support.h"
+
+namespace lx::usb {
+namespace {
+
+using testing::Contains;
+using testing::SimBus;
+
+class Enumeration : public SimBus {};
+
+TEST_F(Enumeration, ListsFollowDescriptors) {
+    struct Row {
+        const char* product;
+        const char* serialString;
+        bool inSerialList; // serial list: any product with a valid serial
+        bool inBootList;
+        bool run;          // IsRunFirmware
+        bool boot;         // IsBootLoader
+    };
+    const Row rows[] = {
+        {"LX530", "20000001", true, true, true, false},
+        {"LX530 Boot", "20000002", true, true, false, true},
+        {"LX530X", "20000003", true, false, false, false},       // "LX530" must be the whole string
+        {"LX530 Boot2", "20000004", true, false, false, false},
+        {"Other", "20000007", true, false, false, false},
+        {"LX530", "2000008", false, false, true, false},          // 7 characters
+        {"LX530", "200000009", false, false, true, false},        // 9 characters
+        {"LX530 Boot", "", false, false, false, true},
+        {"LX530", "2000001x", false, false, true, false},         // not a number
+    };
+    for (const Row& r : rows) {
+        int32_t id = 0;
+        ASSERT_EQ(lxSimAttachRaw(r.product, r.serialString, nullptr, &id), lxNoError) << r.product;
+    }
+
+    const std::vector<int32_t> serials = ListSerials({kProductId});
+    const std::vector<BootCandidate> boot = ListBootCandidates();
+    size_t expectedSerials = 0, expectedBoot = 0;
+    for (const Row& r : rows) {
+        const int32_t serial = SerialFromString(r.serialString);
+        SCOPED_TRACE(std::string(r.product) + " / " + r.serialString);
+        expectedSerials += r.inSerialList;
+        expectedBoot += r.inBootList;
+        if (serial < 0) continue; // never listed: counted by the totals below
+        EXPECT_EQ(Contains(serials, serial), r.inSerialList);
+        bool listed = false;
+        for (const BootCandidate& b : boot) {
+            if (b.serial != serial) continue;
+            listed = true;
+            EXPECT_EQ(b.isRunFirmware, r.run);
+        }
+        EXPECT_EQ(listed, r.inBootList);
+
+        const std::unique_ptr<UsbDevice> dev = FindBySerial(serial);
+        ASSERT_NE(dev, nullptr);
+        EXPECT_EQ(IsRunFirmware(dev.get()), r.run);
+        EXPECT_EQ(IsBootLoader(dev.get()), r.boot);
+    }
+    EXPECT_EQ(serials.size(), expectedSerials);
+    EXPECT_EQ(boot.size(), expectedBoot);
+
+    // Only the accepted product IDs are listed.
+    EXPECT_TRUE(ListSerials({0x000D}).empty());
+    EXPECT_FALSE(IsRunFirmware(nullptr));
+    EXPECT_FALSE(IsBootLoader(nullptr));
+    EXPECT_EQ(FindBySerial(2000008), nullptr);
+}
+
+TEST_F(Enumeration, BoundDevicesAreNotOfferedAgain) {
+    const int32_t a = 20000101, b = 20000102;
+    Attach(a);
+    Attach(b);
+    EXPECT_EQ(ListSerials({kProductId}), (std::vector<int32_t>{a, b}));
+    {
+        UsbTransport t;
+        ASSERT_EQ(t.OpenWithCalibration(a), lxNoError);
+        EXPECT_EQ(ListSerials({kProductId}), std::vector<int32_t>{b});
+        const std::vector<BootCandidate> boot = ListBootCandidates();
+        ASSERT_EQ(boot.size(), 1u);
+        EXPECT_EQ(boot[0].serial, b);
+        // Binding a second transport does not make the first one's serial free
+        // when it closes.
+        UsbTransport second;
+        ASSERT_TRUE(second.BindEndpoints(FindBySerial(a)));
+        second.Close();
+        EXPECT_EQ(ListSerials({kProductId}), std::vector<int32_t>{b});
+        EXPECT_FALSE(t.BindEndpoints(FindBySerial(b))) << "a bound transport takes no second device";
+    }
+    EXPECT_EQ(ListSerials({kProductId}), (std::vector<int32_t>{a, b}));
+}
+
+TEST_F(Enumeration, WaitNotBusyGivesUpAfterTenSeconds) {
+    const int32_t serial = 20000201;
+    int32_t id = 0;
+    ASSERT_EQ(lxSimAttachRaw(kBootLoaderProduct, "20000201", nullptr, &id), lxNoError);
+    std::unique_ptr<UsbDevice> dev = FindBySerial(serial);
+    ASSERT_NE(dev, nullptr);
+    ASSERT_EQ(lxSimInjectFault(serial, lxSimFaultStayBusy, -1), lxNoError);
+    const uint64_t v0 = testing::VirtualMs();
+    EXPECT_FALSE(WaitNotBusy(dev.get()));
+    const uint64_t waited = testing::VirtualMs() - v0;
+    EXPECT_GE(waited, 10000u);
+    EXPECT_LE(waited, 10100u);
+    ASSERT_EQ(lxSimInjectFault(serial, lxSimFaultNone, 0), lxNoError);
+    EXPECT_TRUE(WaitNotBusy(dev.get()));
+    EXPECT_FALSE(WaitNotBusy(nullptr));
+}
+
+TEST(Backends, SimulatorFirstAndLibusbQuietWithoutHardware) {
+    const std::vector<UsbBackend*> backends = Backends();
+    ASSERT_EQ(backends.size(), 2u);
+    EXPECT_STREQ(backends[0]->Name(), "simulator");
+    EXPECT_STREQ(backends[1]->Name(), "libusb");
+
+    // No LX530 hardware on a build machine: nothing found, nothing said.
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
+    UsbBackend& usb = LibusbBackend();
+    const int count = usb.DeviceCount();
+    const bool opened = usb.Open(0) != nullptr || usb.Open(-1) != nullptr;
+    const int again = usb.DeviceCount();
+    const std::string out = ::testing::internal::GetCapturedStdout();
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(count, 0);
+    EXPECT_EQ(again, 0);
+    EXPECT_FALSE(opened);
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(err, "");
+}
+
+} // namespace
+} // namespace lx::usb
