@@ -151,6 +151,123 @@ typedef struct LX530CalData {
 } LX530CalData;
 /* ---- end of calibration record --------------------------------------- */
 
+
+/* ==== Devices: list, open, close, preset =================================
+ * Handles are 0..8. Every call that takes a handle returns
+ * lxInvalidDeviceErr for a handle above 8, a negative one, or one that is
+ * not open, before any other check. Open and close from one thread at a
+ * time; calls on different handles may run on different threads. */
+
+/* Serial numbers of the attached analyzers not open in this process, in
+ * enumeration order. *count is the array's capacity on entry and the number
+ * written on return; a negative capacity copies nothing and leaves *count.
+ * No analyzer is not an error: 0 with *count = 0. */
+LX_API LxStatus lxGetDeviceList(int32_t* serials, int32_t* count);
+
+/* Opens the first analyzer found (lxDeviceNotFoundErr when none), as
+ * lxOpenDeviceBySerial does. */
+LX_API LxStatus lxOpenDevice(int32_t* handle);
+
+/* Opens the analyzer with this serial number into the lowest free handle:
+ * loads its calibration record (from the cache file, or from its flash the
+ * first time, which takes a few seconds while the analyzer passes through its
+ * boot loader), powers it up and reads its housekeeping. Returns
+ * lxInvalidCalData (a warning: the handle is valid and usable with neutral
+ * corrections) when the record failed its checks; lxMaxDevicesConnectedErr
+ * when nine are open; lxDeviceNotFoundErr, lxBootErr or lxConnectionLostErr
+ * when the analyzer could not be brought up (no handle is written then). */
+LX_API LxStatus lxOpenDeviceBySerial(int32_t* handle, int32_t serial);
+
+/* Stops any measurement, puts the analyzer into standby and frees the handle. */
+LX_API LxStatus lxCloseDevice(int32_t handle);
+
+/* Resets the analyzer (it drops off the bus and re-enumerates, about six
+ * seconds) and frees the handle: open it again afterwards. */
+LX_API LxStatus lxPresetDevice(int32_t handle);
+
+/* ==== Mode control ========================================================
+ * lxConfigure(handle, mode) stops the running measurement, powers the
+ * analyzer on, refreshes housekeeping when older than one second, brings the
+ * temperature corrections up to date and sets up `mode` (LxMode) from the
+ * stored settings. Modes other than 0..5 and 100: lxInvalidParameterErr.
+ * Mode 0 stops and returns lxInvalidParameterErr (use lxAbort to stop).
+ * A mode whose measurement engine this version does not provide returns
+ * lxInvalidConfigurationErr and leaves the analyzer idle. */
+LX_API LxStatus lxConfigure(int32_t handle, int32_t mode);
+/* Stops the running measurement; the analyzer is idle (mode 0). */
+LX_API LxStatus lxAbort(int32_t handle);
+LX_API LxStatus lxGetCurrentMode(int32_t handle, int32_t* mode);
+
+/* ==== Power, identity, diagnostics ========================================
+ * Calls marked "guarded" return lxInvalidConfigurationErr while a streaming
+ * mode (real-time, I/Q, audio) runs: the analyzer's command path is busy. */
+
+/* LxPowerState 0 on, 1 standby; guarded. */
+LX_API LxStatus lxSetPowerState(int32_t handle, uint32_t state);
+LX_API LxStatus lxGetPowerState(int32_t handle, uint32_t* state);
+LX_API LxStatus lxGetSerialNumber(int32_t handle, uint32_t* serial);
+/* From the last housekeeping record (0 before the first). */
+LX_API LxStatus lxGetFirmwareVersion(int32_t handle, uint32_t* major, uint32_t* minor,
+                                     uint32_t* revision);
+/* The calibration date of the analyzer's calibration record. */
+LX_API LxStatus lxGetCalDate(int32_t handle, uint32_t* date);
+/* Supply voltage (V), supply current (A), temperature (degrees C); each
+ * output optional. Refreshed when older than one second (not while
+ * streaming). Returns the link status. */
+LX_API LxStatus lxGetDeviceDiagnostics(int32_t handle, float* voltage, float* current,
+                                       float* temperature);
+
+/* ==== Reference, GPIO port, UART ========================================== */
+
+/* Frequency reference 0..1; guarded. */
+LX_API LxStatus lxSetReference(int32_t handle, uint32_t reference);
+LX_API LxStatus lxGetReference(int32_t handle, uint32_t* reference);
+/* GPIO port configuration 0..6 (4: UART); only while idle. */
+LX_API LxStatus lxSetGPIOPort(int32_t handle, uint32_t config);
+LX_API LxStatus lxGetGPIOPort(int32_t handle, uint32_t* config);
+/* UART rate from an 81.92 MHz clock: the divisor round(81.92e6 / baud) is
+ * limited to 1..32768 without a warning; only while idle. */
+LX_API LxStatus lxSetUARTBaudRate(int32_t handle, float baud);
+/* The rate the stored divisor gives. */
+LX_API LxStatus lxGetUARTBaudRate(int32_t handle, float* baud);
+/* Sends one byte; needs GPIO configuration 4 and no streaming mode. */
+LX_API LxStatus lxWriteUARTDirect(int32_t handle, uint8_t byte);
+
+/* ==== GPS and timebase ==================================================== */
+
+/* 1: let the analyzer discipline its reference oscillator to the GPS;
+ * guarded. */
+LX_API LxStatus lxSetGPSTimebaseUpdate(int32_t handle, uint32_t enable);
+LX_API LxStatus lxGetGPSTimebaseUpdate(int32_t handle, uint32_t* enable);
+/* Both outputs optional. holdover: 1 when the last GPS-disciplined tune
+ * value is newer than the factory's; time: when it was recorded (seconds
+ * since 1970, low 32 bits). Both 0 when no disciplined value was recorded. */
+LX_API LxStatus lxGetGPSHoldoverInfo(int32_t handle, uint32_t* holdover, uint32_t* time);
+/* LxGPSState. Refreshes housekeeping when older than one second (not while
+ * streaming) and returns the link status of that refresh. */
+LX_API LxStatus lxGetGPSState(int32_t handle, uint32_t* state);
+/* The last fix; every output optional. refresh = 1 reads housekeeping now
+ * (not while streaming). updated: 1 when a new NMEA message arrived since the
+ * last call. gpsTime (UTC seconds since 1970), latitude and longitude
+ * (degrees, north and east positive) and altitude (m above mean sea level)
+ * are 0 without a valid fix. nmea/nmeaLength: the receiver's last message
+ * text; *nmeaLength is the buffer size on entry (> 0) and the bytes written,
+ * terminating NUL included, on return. Returns the link status. */
+LX_API LxStatus lxGetGPSInfo(int32_t handle, int32_t refresh, uint32_t* updated, int64_t* gpsTime,
+                             double* latitude, double* longitude, double* altitude, char* nmea,
+                             int32_t* nmeaLength);
+/* Sends bytes to the GPS receiver's serial input; guarded. */
+LX_API LxStatus lxWriteToGPS(int32_t handle, const uint8_t* data, int32_t length);
+
+/* ==== Fan ================================================================= */
+
+/* Temperature the fan regulates to, limited to 0..60 degrees C in steps of
+ * 1/16 degree (truncated); guarded. */
+LX_API LxStatus lxSetFanSetPoint(int32_t handle, float celsius);
+/* The set point as the analyzer reports it and the fan reading; both
+ * optional. Reads housekeeping now (not while streaming). */
+LX_API LxStatus lxGetFanSettings(int32_t handle, float* setPoint, float* fan);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif
@@ -189,6 +306,28 @@ LX_API void lxCalPropagateSingleTempCal(LX530CalData* cal, int fromSlot, int toS
 /* True when the record has been programmed (its calibration date is not all
  * ones). False for a null pointer. */
 LX_API bool kdCalDoesCorrectionsExist(const LX530CalData* cal);
+
+
+/* ---- C++-only service functions on an open device --------------------- */
+
+/* The temperature range the calibration record was made for. */
+LX_API LxStatus lxAdminGetTempRange(int32_t handle, LxTempRange* range);
+/* True unless the analyzer reports that it runs without dithering. */
+LX_API LxStatus lxAdminHasDithering(int32_t handle, bool* hasDithering);
+/* Automatic (from the measured temperature) or manual temperature
+ * corrections; takes effect at the next lxConfigure. */
+LX_API LxStatus lxAdminSetCorrectionMode(int32_t handle, LxCorrectionMode mode);
+/* Temperature point 0..6 used in manual mode (clamped, lxSettingClamped). */
+LX_API LxStatus lxAdminSetCorrectionIndex(int32_t handle, int32_t index);
+/* Replaces the device's copy of its calibration record (not its flash);
+ * used from the next lxConfigure. */
+LX_API LxStatus lxAdminManualLoadCorrections(int32_t handle, const LX530CalData* cal);
+/* True when the analyzer's own calibration record was found (flash or cache). */
+LX_API LxStatus lxAdminDeviceHasCorrections(int32_t handle, bool* has);
+/* Reference oscillator tune value at the reference temperature. The setter
+ * sends it at once, corrected for the present temperature; guarded. */
+LX_API LxStatus lxAdminGetCoarseTuneVal(int32_t handle, uint16_t* value);
+LX_API LxStatus lxAdminSetCoarseTuneVal(int32_t handle, uint16_t value);
 
 /* ---- end of C++-only section ------------------------------------------- */
 #endif /* __cplusplus */

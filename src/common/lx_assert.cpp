@@ -59,6 +59,27 @@ void AssertionCapture::clear() {
     state_->reports.clear();
 }
 
+namespace {
+std::mutex& debugMutex() {
+    static std::mutex m;
+    return m;
+}
+std::function<void(const std::string&)>& debugSink() {
+    static std::function<void(const std::string&)> sink;
+    return sink;
+}
+} // namespace
+
+void DebugOutput(const std::string& text) {
+    std::lock_guard<std::mutex> lock(debugMutex());
+    if (debugSink()) debugSink()(text);
+}
+
+void SetDebugSink(std::function<void(const std::string&)> sink) {
+    std::lock_guard<std::mutex> lock(debugMutex());
+    debugSink() = std::move(sink);
+}
+
 void ReportAssertion(const char* expression, const char* module, int line) {
     std::lock_guard<std::mutex> lock(captureMutex());
     if (g_capture) {

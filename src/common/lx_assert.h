@@ -18,6 +18,11 @@ struct AssertionReport {
     int line = 0;
 };
 
+// Diagnostic lines that are not errors (e.g. "Aux data xfer failed"). Silent
+// unless a sink is installed; tests and tools install one. Thread-safe.
+void DebugOutput(const std::string& text);
+void SetDebugSink(std::function<void(const std::string&)> sink);
+
 // Called by LX_ASSERT when its expression is false. Thread-safe.
 void ReportAssertion(const char* expression, const char* module, int line);
 

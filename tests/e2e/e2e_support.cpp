@@ -1,0 +1,71 @@
+#include "e2e_support.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+
+namespace e2e {
+
+namespace {
+// Every test process gets a calibration cache folder of its own, so that no
+// test sees another's cache files and nothing lands in the user's home.
+struct PrivateCacheFolder {
+    std::string path;
+    PrivateCacheFolder() {
+        const char* base = std::getenv("XDG_CACHE_HOME");
+        std::string tmpl = std::string(base && *base ? base : "/tmp") + "/lx-e2e-XXXXXX";
+        std::filesystem::create_directories(std::filesystem::path(tmpl).parent_path());
+        if (mkdtemp(tmpl.data())) {
+            path = tmpl;
+            setenv("XDG_CACHE_HOME", path.c_str(), 1);
+        }
+    }
+    ~PrivateCacheFolder() {
+        std::error_code ec;
+        if (!path.empty()) std::filesystem::remove_all(path, ec);
+    }
+};
+PrivateCacheFolder g_cache;
+} // namespace
+
+void SimTest::TearDown() {
+    for (int32_t h = 0; h < 9; ++h) lxCloseDevice(h);
+    lxSimDetachAll();
+}
+
+int32_t SimTest::AttachAndOpen(int32_t serial, const std::string& scene, LxStatus expected) {
+    EXPECT_EQ(lxSimAttach(serial, scene.c_str()), lxNoError) << serial;
+    int32_t h = -1;
+    EXPECT_EQ(lxOpenDeviceBySerial(&h, serial), expected) << serial;
+    return h;
+}
+
+std::vector<uint32_t> SimTest::CommandLog(int32_t serial) {
+    int32_t count = 0;
+    EXPECT_EQ(lxSimGetCommandLog(serial, nullptr, 0, &count), lxNoError);
+    std::vector<uint32_t> words(static_cast<size_t>(count));
+    EXPECT_EQ(lxSimGetCommandLog(serial, words.data(), count, &count), lxNoError);
+    words.resize(static_cast<size_t>(count));
+    return words;
+}
+
+LxSimCounters SimTest::Counters(int32_t serial) {
+    LxSimCounters c{};
+    EXPECT_EQ(lxSimGetCounters(serial, &c), lxNoError);
+    return c;
+}
+
+uint64_t SimTest::VirtualMs() {
+    uint64_t ms = 0;
+    EXPECT_EQ(lxSimGetVirtualTimeMs(&ms), lxNoError);
+    return ms;
+}
+
+bool CachedRecord(int32_t serial, LX530CalData* out) {
+    char name[64];
+    std::snprintf(name, sizeof name, "/halvorn/cal_files/lx%08d.bin", serial);
+    const std::string path = std::string(std::getenv("XDG_CACHE_HOME")) + name;
+    return lxCalCorrectionLoadFromFile(path.c_str(), out);
+}
+
+} // namespace e2e
