@@ -198,6 +198,45 @@ LX_API LxStatus lxConfigure(int32_t handle, int32_t mode);
 LX_API LxStatus lxAbort(int32_t handle);
 LX_API LxStatus lxGetCurrentMode(int32_t handle, int32_t* mode);
 
+/* ==== Measurement settings ================================================
+ * Setters only store; lxConfigure takes them to the analyzer. An enumerated
+ * value out of range (or a NaN) returns lxInvalidParameterErr and stores
+ * nothing; a number outside its range stores the nearer bound and returns
+ * lxSettingClamped. Settings survive lxAbort, failed configures and mode
+ * changes, until the handle is closed. */
+
+/* Reference level in dBm, at most 20 (default -20). With the attenuator on
+ * automatic it chooses the attenuation: -20 dBm or below 0 dB, then one 5 dB
+ * step per 5 dB of reference level up to 30 dB above 5 dBm. */
+LX_API LxStatus lxSetRefLevel(int32_t handle, double dbm);
+LX_API LxStatus lxGetRefLevel(int32_t handle, double* dbm);
+/* Attenuator: -1 automatic (default), 0..6 steps of 5 dB. */
+LX_API LxStatus lxSetAttenuator(int32_t handle, int32_t step);
+LX_API LxStatus lxGetAttenuator(int32_t handle, int32_t* step);
+
+/* Sweep span, each end limited to 9 kHz .. 15 GHz; start must be below stop.
+ * Spans below 5 MHz are measured in one capture (narrow-span sweep). */
+LX_API LxStatus lxSetSweepStartStop(int32_t handle, double startHz, double stopHz);
+LX_API LxStatus lxSetSweepCenterSpan(int32_t handle, double centerHz, double spanHz);
+/* Resolution and video bandwidth (Hz) and sweep time (s). VBW is limited to
+ * RBW/10000 .. RBW, the sweep time to 1 us .. 100 s; a longer sweep time buys
+ * more averaging. RBW must be positive; its achievable value is reported by
+ * lxGetSweepParameters after lxConfigure. */
+LX_API LxStatus lxSetSweepCoupling(int32_t handle, double rbwHz, double vbwHz, double sweepTimeS);
+/* Detector (LxDetector) and video processing units (LxVideoUnits). */
+LX_API LxStatus lxSetSweepDetector(int32_t handle, int32_t detector, int32_t videoUnits);
+/* LxScale. */
+LX_API LxStatus lxSetSweepScale(int32_t handle, int32_t scale);
+/* LxWindow. */
+LX_API LxStatus lxSetSweepWindow(int32_t handle, int32_t window);
+/* Switches the GPIO port during a sweep: at the first step whose centre lies
+ * above frequencies[i], values[i] is written to the port (pairs are sorted by
+ * frequency). Puts the GPIO port into its switching configuration (5). A
+ * count below 1 clears the list (the arrays may then be null). */
+LX_API LxStatus lxSetSweepGPIOSwitching(int32_t handle, const uint64_t* frequencies,
+                                        const uint8_t* values, int32_t count);
+LX_API LxStatus lxSetSweepGPIOSwitchingDisabled(int32_t handle);
+
 /* ==== Power, identity, diagnostics ========================================
  * Calls marked "guarded" return lxInvalidConfigurationErr while a streaming
  * mode (real-time, I/Q, audio) runs: the analyzer's command path is busy. */

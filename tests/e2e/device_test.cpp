@@ -166,6 +166,18 @@ std::vector<NamedCall> AllPerDeviceExports() {
         {"lxAdminDeviceHasCorrections", [](int32_t h) { return lxAdminDeviceHasCorrections(h, nullptr); }},
         {"lxAdminGetCoarseTuneVal", [](int32_t h) { return lxAdminGetCoarseTuneVal(h, nullptr); }},
         {"lxAdminSetCoarseTuneVal", [](int32_t h) { return lxAdminSetCoarseTuneVal(h, 0x8000); }},
+        {"lxSetRefLevel", [](int32_t h) { return lxSetRefLevel(h, 0.0); }},
+        {"lxGetRefLevel", [](int32_t h) { return lxGetRefLevel(h, nullptr); }},
+        {"lxSetAttenuator", [](int32_t h) { return lxSetAttenuator(h, 2); }},
+        {"lxGetAttenuator", [](int32_t h) { return lxGetAttenuator(h, nullptr); }},
+        {"lxSetSweepStartStop", [](int32_t h) { return lxSetSweepStartStop(h, 2.0, 1.0); }},
+        {"lxSetSweepCenterSpan", [](int32_t h) { return lxSetSweepCenterSpan(h, 1e9, 0.0); }},
+        {"lxSetSweepCoupling", [](int32_t h) { return lxSetSweepCoupling(h, 0.0, 1.0, 1.0); }},
+        {"lxSetSweepDetector", [](int32_t h) { return lxSetSweepDetector(h, 7, 7); }},
+        {"lxSetSweepScale", [](int32_t h) { return lxSetSweepScale(h, 9); }},
+        {"lxSetSweepWindow", [](int32_t h) { return lxSetSweepWindow(h, 9); }},
+        {"lxSetSweepGPIOSwitching", [](int32_t h) { return lxSetSweepGPIOSwitching(h, nullptr, nullptr, 3); }},
+        {"lxSetSweepGPIOSwitchingDisabled", [](int32_t h) { return lxSetSweepGPIOSwitchingDisabled(h); }},
     };
 }
 
