@@ -1,0 +1,21 @@
+// Run-time selection of the vector width for the hot loops.
+//
+// Hot loops are plain C++ that gcc vectorises. LX_DSP_CLONES builds an AVX2 copy
+// next to the baseline x86-64 one and the loader picks the copy the CPU can run.
+// It also lifts the vectoriser's cost model for that function: at -O2 gcc only
+// vectorises loops whose trip count it knows, which none of ours is.
+// Check with -fopt-info-vec-optimized that a loop you touch still vectorises in
+// both copies; a float select that depends on a division is the usual culprit
+// (gcc sinks the division into a branch), blend with integer masks instead.
+#pragma once
+
+// ThreadSanitizer builds get the baseline copy only: the clone resolvers run
+// while the dynamic loader relocates, before the TSan runtime is up, and an
+// instrumented resolver crashes the program at start.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_THREAD__)
+#define LX_DSP_CLONES __attribute__((target_clones("avx2", "default"), optimize("vect-cost-model=dynamic")))
+#elif defined(__GNUC__) && !defined(__clang__)
+#define LX_DSP_CLONES __attribute__((optimize("vect-cost-model=dynamic")))
+#else
+#define LX_DSP_CLONES
+#endif

@@ -1,0 +1,73 @@
+#include <gtest/gtest.h>
+
+#include <complex>
+#include <cstdint>
+#include <limits>
+
+#include "common/lx_assert.h"
+#include "dsp_vector/aligned_vector.h"
+
+namespace {
+
+template <typename T>
+class AlignedVectorTest : public ::testing::Test {};
+using ElementTypes = ::testing::Types<std::complex<float>, float, double, uint8_t>;
+TYPED_TEST_SUITE(AlignedVectorTest, ElementTypes);
+
+TYPED_TEST(AlignedVectorTest, ResizeReleaseAndMoveKeepTheInvariant) {
+    lx::AssertionCapture cap;
+    lx::AlignedVector<TypeParam> v;
+    EXPECT_TRUE(v.empty());
+    v.resize(1001);
+    ASSERT_EQ(v.size(), 1001);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(v.span().data()) % lx::kSampleAlignment, 0u);
+    for (int64_t i = 0; i < v.size(); ++i) v[i] = static_cast<TypeParam>(i % 100);
+    EXPECT_EQ(v[1000], static_cast<TypeParam>(0));
+
+    lx::AlignedVector<TypeParam> w(std::move(v));
+    EXPECT_TRUE(v.empty());
+    EXPECT_EQ(v.span().data(), nullptr);
+    EXPECT_EQ(w.size(), 1001);
+    EXPECT_EQ(w[999], static_cast<TypeParam>(99));
+
+    v = std::move(w);
+    EXPECT_EQ(v.size(), 1001);
+    v.resize(0);
+    EXPECT_TRUE(v.empty());
+    EXPECT_EQ(v.span().data(), nullptr);
+    v.resize(3);
+    v.release();
+    EXPECT_TRUE(v.empty());
+    EXPECT_EQ(cap.count(), 0u);
+}
+
+TYPED_TEST(AlignedVectorTest, BadAccessIsReportedAndTouchesNothing) {
+    lx::AlignedVector<TypeParam> v(8);
+    for (int64_t i = 0; i < 8; ++i) v[i] = static_cast<TypeParam>(7);
+    for (int64_t pos : {int64_t{-1}, int64_t{8}, int64_t{1} << 40, std::numeric_limits<int64_t>::min()}) {
+        lx::AssertionCapture cap;
+        v[pos] = static_cast<TypeParam>(1);
+        EXPECT_EQ(cap.count(), 1u) << pos;
+        EXPECT_TRUE(cap.saw("mem && pos < capacity", "src/dsp_vector")) << pos;
+    }
+    for (int64_t i = 0; i < 8; ++i) EXPECT_EQ(v[i], static_cast<TypeParam>(7));
+
+    lx::AlignedVector<TypeParam> empty;
+    lx::AssertionCapture cap;
+    EXPECT_EQ(empty.data(), nullptr);
+    EXPECT_TRUE(cap.saw("mem && pos < capacity", "src/dsp_vector"));
+}
+
+TYPED_TEST(AlignedVectorTest, NegativeResizeIsReportedAndKeepsTheBlock) {
+    lx::AlignedVector<TypeParam> v(4);
+    v[3] = static_cast<TypeParam>(5);
+    const TypeParam* before = v.span().data();
+    lx::AssertionCapture cap;
+    v.resize(-1);
+    EXPECT_TRUE(cap.saw("false", "src/dsp_vector"));
+    EXPECT_EQ(v.span().data(), before);
+    EXPECT_EQ(v.size(), 4);
+    EXPECT_EQ(v[3], static_cast<TypeParam>(5));
+}
+
+} // namespace
