@@ -1,0 +1,79 @@
+// Plumbing of the lx530 tool: exit codes, the checking of every library
+// status, and the scoped objects that unplug a simulated analyzer and close
+// an open handle on every way out of a command, errors included.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "lx_api.h"
+#include "report.h"
+
+namespace lx::cli {
+
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailure = 1; // the library or an analyzer refused
+inline constexpr int kExitUsage = 2;   // the command line (or a file it names) is wrong
+
+inline constexpr int32_t kDefaultSimSerial = 10000001;
+
+// Leaves a command; main prints "lx530: <message>" and exits with the code.
+class Failure : public std::runtime_error {
+public:
+    Failure(int exitCode, const std::string& message, std::string hint = {})
+        : std::runtime_error(message), exitCode_(exitCode), hint_(std::move(hint)) {}
+    int ExitCode() const { return exitCode_; }
+    const std::string& Hint() const { return hint_; }
+
+private:
+    int exitCode_;
+    std::string hint_;
+};
+
+// The verdict on one library call: an error throws Failure
+// ("<what>: <status text> (<status>)"); a warning is printed to stderr at once
+// and, when a list is given, kept for the report; success passes.
+void Check(LxStatus status, const std::string& what, std::vector<Warning>* warnings = nullptr);
+
+// A simulated LX530 plugged in for the life of this object. An unreadable
+// scene file is a usage error; a scene the simulator rejects is a failure
+// that says, where it can, whether the JSON itself is broken.
+class SimulatedAnalyzer {
+public:
+    SimulatedAnalyzer(int32_t serial, const std::optional<std::string>& sceneFile);
+    ~SimulatedAnalyzer();
+    SimulatedAnalyzer(const SimulatedAnalyzer&) = delete;
+    SimulatedAnalyzer& operator=(const SimulatedAnalyzer&) = delete;
+
+private:
+    int32_t serial_;
+};
+
+// An open analyzer. Close() is the checked close of the normal path; the
+// destructor closes what an error left open.
+class OpenAnalyzer {
+public:
+    // The given serial, or the first analyzer found.
+    OpenAnalyzer(std::optional<int32_t> serial, std::vector<Warning>& warnings);
+    ~OpenAnalyzer();
+    OpenAnalyzer(const OpenAnalyzer&) = delete;
+    OpenAnalyzer& operator=(const OpenAnalyzer&) = delete;
+
+    int32_t Handle() const { return handle_; }
+    void Close();
+
+private:
+    int32_t handle_ = -1;
+};
+
+// Serials of the analyzers this process can open, in enumeration order.
+std::vector<int32_t> AttachedSerials();
+
+// Personality of a simulated analyzer (true: run firmware); nullopt for one
+// on the bus, whose personality the public API does not report.
+std::optional<bool> SimulatedPersonality(int32_t serial);
+
+} // namespace lx::cli

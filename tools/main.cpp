@@ -1,0 +1,116 @@
+// lx530: the command-line face of lx_api.
+//
+//   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] list
+//   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] info [--serial N]
+//
+// The global options may also follow the subcommand. Exit codes: 0 done,
+// 1 the library or an analyzer refused, 2 the command line is wrong.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <optional>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "cli_support.h"
+#include "commands.h"
+#include "lx_api.h"
+
+using namespace lx::cli;
+
+namespace {
+
+constexpr const char* kGlobalFooter =
+    "Global options (before or after the subcommand): --sim[=SCENE.json], --sim-serial N, --json.\n"
+    "See 'lx530 --help'.";
+
+int UsageError(const std::string& message) {
+    std::fprintf(stderr, "lx530: %s\nRun 'lx530 --help' for usage.\n", message.c_str());
+    return kExitUsage;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"Finds and inspects LX530 spectrum analyzers.", "lx530"};
+    app.footer("Exit status: 0 done, 1 the library or an analyzer refused, 2 wrong command line.\n"
+               "Without hardware: 'lx530 --sim info' runs on a simulated LX530 (docs/simulator.md).");
+    // Subcommands hand options they do not know to the top level, so that
+    // the global ones work after the subcommand too.
+    app.fallthrough();
+    app.set_version_flag("--version", std::string("lx530 ") + LX530_VERSION + " (lx_api " + lxGetAPIVersion() + ")",
+                         "Print the tool and library versions and exit");
+
+    std::optional<std::string> sceneFile;
+    int32_t simSerial = kDefaultSimSerial;
+    bool json = false;
+    std::string scene;
+    auto* sim = app.add_option("--sim", scene,
+                               "Attach a simulated LX530 first, with the scene in SCENE.json "
+                               "(the default scene without a file). Give a file as --sim=FILE.")
+                    ->expected(0, 1)
+                    ->type_name("[SCENE.json]");
+    app.add_option("--sim-serial", simSerial,
+                   "Serial number of the simulated LX530 (default " + std::to_string(kDefaultSimSerial) + ")")
+        ->type_name("SERIAL")
+        ->check(CLI::Range(10000000, 99999999))
+        ->needs(sim);
+    app.add_flag("--json", json, "Print a JSON document instead of text");
+
+    auto* list = app.add_subcommand("list", "List the attached analyzers: serial and personality");
+    list->footer(kGlobalFooter);
+    auto* info = app.add_subcommand(
+        "info", "Open an analyzer (the first, or --serial) and print its identity, housekeeping and GPS state");
+    std::optional<int32_t> serial;
+    info->add_option("--serial", serial, "Serial number of the analyzer to open")->type_name("SERIAL");
+    info->footer(kGlobalFooter);
+
+    // Leftovers are reported here rather than by the parser, so that a
+    // mistyped subcommand is named as one.
+    app.allow_extras();
+    app.require_subcommand(0, 1);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        return UsageError(e.what());
+    }
+
+    const auto extras = app.remaining();
+    const bool haveSubcommand = list->parsed() || info->parsed();
+    if (!extras.empty()) {
+        if (!haveSubcommand && extras.front().rfind('-', 0) != 0)
+            return UsageError("unknown subcommand '" + extras.front() + "' (try 'list' or 'info')");
+        return UsageError("unexpected argument '" + extras.front() + "'");
+    }
+    if (!haveSubcommand) return UsageError("a subcommand is required: 'list' or 'info'");
+    if (sim->count() > 0 && !scene.empty()) sceneFile = scene;
+
+    int code = kExitOk;
+    try {
+        // Declared first, so unplugged only after the analyzer was closed.
+        std::optional<SimulatedAnalyzer> simulated;
+        if (sim->count() > 0) simulated.emplace(simSerial, sceneFile);
+        code = list->parsed() ? RunList(json) : RunInfo(serial, json);
+    } catch (const Failure& f) {
+        std::fprintf(stderr, "lx530: %s\n", f.what());
+        if (!f.Hint().empty()) std::fprintf(stderr, "lx530: %s\n", f.Hint().c_str());
+        return f.ExitCode();
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "lx530: internal error: %s\n", e.what());
+        return kExitFailure;
+    }
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+        std::fprintf(stderr, "lx530: writing the output: %s\n", std::strerror(errno));
+        return kExitFailure;
+    }
+    return code;
+}
