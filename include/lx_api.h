@@ -164,6 +164,12 @@ typedef struct LX530CalData {
  * No analyzer is not an error: 0 with *count = 0. */
 LX_API LxStatus lxGetDeviceList(int32_t* serials, int32_t* count);
 
+/* What an attached analyzer is running: 1 its run firmware (ready to open),
+ * 0 its boot loader (an open brings it up), -1 neither. lxDeviceNotFoundErr
+ * when no attached analyzer has this serial. Works for analyzers open in this
+ * process too. */
+LX_API LxStatus lxGetDevicePersonality(int32_t serial, int32_t* personality);
+
 /* Opens the first analyzer found (lxDeviceNotFoundErr when none), as
  * lxOpenDeviceBySerial does. */
 LX_API LxStatus lxOpenDevice(int32_t* handle);

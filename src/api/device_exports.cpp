@@ -71,6 +71,16 @@ LX_API LxStatus lxOpenDeviceBySerial(int32_t* handle, int32_t serial) {
     });
 }
 
+LX_API LxStatus lxGetDevicePersonality(int32_t serial, int32_t* personality) {
+    return GuardedStatus([&]() -> LxStatus {
+        if (!personality) return lxNullPtrErr;
+        const auto dev = usb::FindBySerial(serial);
+        if (!dev) return lxDeviceNotFoundErr;
+        *personality = usb::IsRunFirmware(dev.get()) ? 1 : usb::IsBootLoader(dev.get()) ? 0 : -1;
+        return lxNoError;
+    });
+}
+
 LX_API LxStatus lxOpenDevice(int32_t* handle) {
     return GuardedStatus([&]() -> LxStatus {
         if (!handle) return lxNullPtrErr;

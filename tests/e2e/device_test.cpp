@@ -72,6 +72,25 @@ TEST_F(Registry, DeviceListCountsAndLeavesOutOpenDevices) {
     EXPECT_EQ(serials[0], 30000032);
 }
 
+TEST_F(Registry, PersonalityOfAttachedAnalyzers) {
+    ASSERT_EQ(lxSimAttach(30000035, nullptr), lxNoError);
+    int32_t id = 0;
+    ASSERT_EQ(lxSimAttachRaw("LX530 Boot", "30000036", nullptr, &id), lxNoError);
+    ASSERT_EQ(lxSimAttachRaw("LX530X", "30000037", nullptr, &id), lxNoError);
+    const struct {
+        int32_t serial;
+        LxStatus status;
+        int32_t personality;
+    } cases[] = {{30000035, lxNoError, 1}, {30000036, lxNoError, 0}, {30000037, lxNoError, -1},
+                 {30000038, lxDeviceNotFoundErr, 99}};
+    for (const auto& c : cases) {
+        int32_t p = 99;
+        EXPECT_EQ(lxGetDevicePersonality(c.serial, &p), c.status) << c.serial;
+        EXPECT_EQ(p, c.personality) << c.serial;
+    }
+    EXPECT_EQ(lxGetDevicePersonality(30000035, nullptr), lxNullPtrErr);
+}
+
 TEST_F(Registry, OpenFailuresLeaveNoHandle) {
     int32_t h = 55;
     EXPECT_EQ(lxOpenDevice(&h), lxDeviceNotFoundErr);
