@@ -80,10 +80,17 @@ LX_API LxStatus lxSimResetCounters(int32_t serial);
 /* Personality of an attached device: 1 run firmware, 0 boot loader. */
 LX_API LxStatus lxSimGetPersonality(int32_t serial, int32_t* runFirmware);
 
-/* Virtual time, in milliseconds, that settle waits (re-enumeration, flash
- * erase and write, busy polls) have elapsed on simulated devices since the
- * process started. Monotonic; never sleeps for real. */
+/* Virtual time, in milliseconds, elapsed since the process started: the
+ * settle waits of simulated devices (re-enumeration, flash erase and write,
+ * busy polls) and lxSimAdvanceTimeMs. Monotonic; never sleeps for real. */
 LX_API LxStatus lxSimGetVirtualTimeMs(uint64_t* ms);
+
+/* Lets `ms` milliseconds pass at once, without sleeping: the virtual clock
+ * moves by ms, and every attached device's 122.88 MHz tick counter by
+ * 122880 ticks per ms (with its GPS receiver, which sends one message per
+ * second of device time). More than 1000000000 ms in one call:
+ * lxInvalidParameterErr, nothing changes. */
+LX_API LxStatus lxSimAdvanceTimeMs(uint64_t ms);
 
 /* The command words the device received, oldest first: every word of every
  * command block except the filler word 0x00000001 and the data words of a
@@ -93,6 +100,12 @@ LX_API LxStatus lxSimGetVirtualTimeMs(uint64_t* ms);
 LX_API LxStatus lxSimGetCommandLog(int32_t serial, uint32_t* words, int32_t capacity,
                                    int32_t* count);
 LX_API LxStatus lxSimClearCommandLog(int32_t serial);
+
+/* The bytes the device passed to its GPS receiver (command words 0x28 and
+ * 0x29, two bytes each, low byte first), oldest first; the most recent 65536
+ * are kept. Copies min(capacity, stored) bytes to `bytes` (which may be null
+ * when capacity is 0) and sets *count to the number stored. */
+LX_API LxStatus lxSimGetGpsInput(int32_t serial, uint8_t* bytes, int32_t capacity, int32_t* count);
 
 #ifdef __cplusplus
 } /* extern "C" */

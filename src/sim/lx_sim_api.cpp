@@ -14,6 +14,7 @@ namespace {
 
 constexpr int32_t kMinSerial = 10000000;
 constexpr int32_t kMaxSerial = 99999999;
+constexpr uint64_t kMaxAdvanceMs = 1000000000; // about 11.6 days per call
 
 template <typename F>
 LxStatus WithDevice(int32_t serial, F&& f) {
@@ -148,6 +149,26 @@ LX_API LxStatus lxSimGetVirtualTimeMs(uint64_t* ms) {
         if (!ms) return lxNullPtrErr;
         *ms = VirtualNowMs();
         return lxNoError;
+    });
+}
+
+LX_API LxStatus lxSimAdvanceTimeMs(uint64_t ms) {
+    return GuardedStatus([&] {
+        if (ms > kMaxAdvanceMs) return lxInvalidParameterErr;
+        // Devices count the virtual time in when they next look at their clock.
+        AdvanceVirtualMs(ms);
+        return lxNoError;
+    });
+}
+
+LX_API LxStatus lxSimGetGpsInput(int32_t serial, uint8_t* bytes, int32_t capacity, int32_t* count) {
+    return GuardedStatus([&] {
+        if (!count || (!bytes && capacity > 0)) return lxNullPtrErr;
+        if (capacity < 0) return lxInvalidParameterErr;
+        return WithDevice(serial, [&](SimDevice& d) {
+            *count = static_cast<int32_t>(d.GpsInput(bytes, static_cast<size_t>(capacity)));
+            return lxNoError;
+        });
     });
 }
 

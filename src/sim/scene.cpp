@@ -7,6 +7,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "sim/gps_receiver.h"
+
 namespace lx::sim {
 
 namespace {
@@ -30,6 +32,11 @@ uint32_t Integer(const json& v, const std::string& key, uint32_t hi) {
     if (!v.is_number_integer() || v.get<int64_t>() < 0 || v.get<int64_t>() > hi)
         throw SceneError("\"" + key + "\" must be an integer in [0, " + std::to_string(hi) + "]");
     return static_cast<uint32_t>(v.get<int64_t>());
+}
+
+bool Bool(const json& v, const std::string& key) {
+    if (!v.is_boolean()) throw SceneError("\"" + key + "\" must be true or false");
+    return v.get<bool>();
 }
 
 template <typename E>
@@ -82,6 +89,57 @@ void ParseEmitters(const json& v, Scene& s) {
     }
 }
 
+void ParseGps(const json& v, Scene& s) {
+    if (!v.is_object()) throw SceneError("\"gps\" must be an object");
+    auto g = std::make_shared<GpsScene>();
+    using GpsHandler = std::function<void(const json&, GpsScene&)>;
+    static const std::map<std::string, GpsHandler> kSynthetic{
+        {"fix", [](const json& v, GpsScene& g) { g.fix = Bool(v, "fix"); }},
+        {"latitude", [](const json& v, GpsScene& g) { g.latitudeDeg = Number(v, "latitude", -90.0, 90.0); }},
+        {"longitude", [](const json& v, GpsScene& g) { g.longitudeDeg = Number(v, "longitude", -180.0, 180.0); }},
+        {"altitude_m", [](const json& v, GpsScene& g) { g.altitudeM = Number(v, "altitude_m", -1000.0, 50000.0); }},
+        {"utc",
+         [](const json& v, GpsScene& g) {
+             const auto t = v.is_string() ? ParseUtc(v.get<std::string>()) : std::nullopt;
+             if (!t) throw SceneError("\"utc\" must be a time \"YYYY-MM-DDTHH:MM:SSZ\" in 2000..2099");
+             g.utcSeconds = *t;
+         }},
+    };
+    static const std::map<std::string, GpsHandler> kCommon{
+        {"nmea_log",
+         [](const json& v, GpsScene& g) {
+             if (!v.is_string() || v.get<std::string>().empty()) throw SceneError("\"nmea_log\" must be a path");
+             std::string why;
+             g.source = GpsScene::Source::Log;
+             g.logPath = v.get<std::string>();
+             g.log = LoadNmeaLog(g.logPath, &why);
+             if (!g.log) throw SceneError(why);
+         }},
+        {"receiver",
+         [](const json& v, GpsScene& g) {
+             g.sending = Choice<bool>(v, "receiver", {{"on", true}, {"silent", false}});
+         }},
+        {"disciplined_tune",
+         [](const json& v, GpsScene& g) {
+             g.disciplinedTune = static_cast<uint16_t>(Integer(v, "disciplined_tune", 0xFFFF));
+         }},
+    };
+    bool synthetic = false;
+    for (const auto& [key, value] : v.items()) {
+        if (const auto it = kSynthetic.find(key); it != kSynthetic.end()) {
+            it->second(value, *g);
+            synthetic = true;
+        } else if (const auto c = kCommon.find(key); c != kCommon.end()) {
+            c->second(value, *g);
+        } else {
+            throw SceneError("unknown gps key \"" + key + "\"");
+        }
+    }
+    if (synthetic && g->source == GpsScene::Source::Log)
+        throw SceneError("\"gps\": a replayed \"nmea_log\" takes no fix, position or utc");
+    s.gps = std::move(g);
+}
+
 const std::map<std::string, Handler>& SceneKeys() {
     static const std::map<std::string, Handler> kKeys{
         {"emitters", ParseEmitters},
@@ -106,6 +164,8 @@ const std::map<std::string, Handler>& SceneKeys() {
          [](const json& v, Scene& s) {
              s.pacing = Choice<Pacing>(v, "pacing", {{"fast", Pacing::Fast}, {"realtime", Pacing::Realtime}});
          }},
+        {"dithering", [](const json& v, Scene& s) { s.dithering = Bool(v, "dithering"); }},
+        {"gps", ParseGps},
     };
     return kKeys;
 }

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,33 @@ struct ToneEmitter {
     double frequencyHz = 0;
     double powerDbm = 0;
     double phaseDeg = 0;
+};
+
+// One message of a replayed receiver log: one second's burst of sentences,
+// each ended by CR LF.
+struct NmeaMessage {
+    std::string text;
+    bool fix = false; // its RMC said A (a message without RMC keeps the previous state)
+};
+
+// The GPS receiver fitted to the instrument: a synthetic one, or the replay of
+// a recorded log.
+struct GpsScene {
+    enum class Source : uint8_t { Synthetic, Log };
+    Source source = Source::Synthetic;
+    bool sending = true; // "receiver": "on"; false: "silent"
+    // Synthetic receiver.
+    bool fix = true;
+    double latitudeDeg = 48.1173;   // north positive
+    double longitudeDeg = 11.516667; // east positive
+    double altitudeM = 545.4;
+    int64_t utcSeconds = 1795262400; // 2026-11-21T12:00:00Z
+    // Replay.
+    std::string logPath;
+    std::shared_ptr<const std::vector<NmeaMessage>> log;
+    // Tune word the disciplined reference settles on; none: 20 above the word
+    // in use when disciplining begins.
+    std::optional<uint16_t> disciplinedTune;
 };
 
 enum class CalibrationContent : uint8_t { Factory, Unprogrammed, Corrupt };
@@ -29,6 +57,8 @@ struct Scene {
     std::array<uint32_t, 3> firmware{1, 2, 5}; // major, minor, revision
     CalibrationContent calibration = CalibrationContent::Factory;
     Pacing pacing = Pacing::Fast;
+    bool dithering = true;
+    std::shared_ptr<const GpsScene> gps; // null: no receiver fitted
 };
 
 // Parses a scene. Null or empty text is the default scene. On failure returns

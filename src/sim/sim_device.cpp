@@ -51,7 +51,9 @@ SimDevice::SimDevice(int32_t id, std::string product, std::string serial, std::s
     : id_(id), serial_(std::move(serial)), product_(std::move(product)), scene_(std::move(scene)) {
     runFirmware_ = product_ != "LX530 Boot";
     presentAtMs_ = VirtualNowMs();
-    origin_ = Clock::now();
+    virtualSeenMs_ = presentAtMs_;
+    origin_ = idleMark_ = blockTime_ = Clock::now();
+    gps_.Configure(scene_->gps);
     rng_ = 0x9E3779B97F4A7C15ULL ^ (static_cast<uint64_t>(id) << 17) ^ std::hash<std::string>{}(serial_);
     if (rng_ == 0) rng_ = 1;
     ProgramFactoryFlash(flash_, serial_, scene_->calibration);
@@ -136,6 +138,10 @@ int SimDevice::ControlOut(uint64_t generation, uint8_t request, const uint8_t* d
 }
 
 void SimDevice::Reenumerate(bool toRunFirmware) {
+    // The tick counter and the GPS receiver run on through the restart.
+    const auto now = Clock::now();
+    SyncTime(now);
+    RunGps();
     ++generation_;
     ++counters_.reenumerations;
     runFirmware_ = toRunFirmware;
@@ -147,9 +153,32 @@ void SimDevice::Reenumerate(bool toRunFirmware) {
     shortPackets_.clear();
     producedEnd_ = committedEnd_ = delivered_ = 0;
     run_ = RunState{};
-    samplePos_ = 0;
-    origin_ = Clock::now();
+    origin_ = now - std::chrono::duration_cast<Clock::duration>(
+                        std::chrono::duration<double>(static_cast<double>(samplePos_) / fe::kSampleRateHz));
+    idleMark_ = now;
+    pendingIq_ = 0;
     pendingStatus_ = 0;
+}
+
+void SimDevice::SyncTime(Clock::time_point now) {
+    const uint64_t virtualMs = VirtualNowMs();
+    const uint64_t dv = virtualMs - std::min(virtualMs, virtualSeenMs_);
+    virtualSeenMs_ = std::max(virtualMs, virtualSeenMs_);
+    samplePos_ += dv * (kTicksPerMs / 2);
+    if (scene_->pacing == Pacing::Realtime) {
+        // The ADC ran on while nothing was requested.
+        origin_ -= std::chrono::milliseconds(dv);
+        const double elapsed = std::chrono::duration<double>(now - origin_).count();
+        samplePos_ = std::max(samplePos_, static_cast<uint64_t>(std::max(0.0, elapsed) * fe::kSampleRateHz));
+    } else if (pendingIq_ == 0 && now > idleMark_) {
+        samplePos_ += static_cast<uint64_t>(std::chrono::duration<double>(now - idleMark_).count() * fe::kSampleRateHz);
+        idleMark_ = now;
+    }
+}
+
+void SimDevice::RunGps() {
+    // The reference follows the tune word: a moved word retunes what comes next.
+    if (gps_.RunTo(DeviceTick(), run_.osc)) run_.config.reset();
 }
 
 void SimDevice::FailPending() {
@@ -288,7 +317,10 @@ void SimDevice::Deliver(uint8_t* dst, uint64_t n) {
         n -= take;
         delivered_ += take;
         if (delivered_ == it.start + it.size) {
-            if (it.kind == OutItem::Kind::Iq) ++counters_.iqPackets;
+            if (it.kind == OutItem::Kind::Iq) {
+                ++counters_.iqPackets;
+                if (pendingIq_ > 0 && --pendingIq_ == 0) idleMark_ = Clock::now();
+            }
             if (it.kind == OutItem::Kind::Aux) ++counters_.auxPackets;
             items_.pop_front();
         }
@@ -318,9 +350,16 @@ void SimDevice::RenderItem(OutItem& it, uint8_t* dst) {
         AuxWrite<uint16_t>(dst, kAuxFirmwareMinorOffset, static_cast<uint16_t>(scene.firmware[1]));
         AuxWrite<uint16_t>(dst, kAuxFirmwareMajorOffset, static_cast<uint16_t>(scene.firmware[0]));
         AuxWrite<uint64_t>(dst, kAuxSampleCounterOffset, 2 * it.sampleIndex);
-        AuxWrite<uint16_t>(dst, kAuxOscTuneWordOffset, run_.tuneWord);
-        AuxWrite<uint32_t>(dst, kAuxStatusWordOffset, pendingStatus_);
+        AuxWrite<uint16_t>(dst, kAuxOscTuneWordOffset, it.gps.tuneWord);
+        uint32_t status = pendingStatus_;
+        if (!scene.dithering) status |= kAuxStatusNoDither;
+        if (it.gps.timebaseFollowsGps) status |= kAuxStatusGpsTimebase;
+        AuxWrite<uint32_t>(dst, kAuxStatusWordOffset, status);
         pendingStatus_ = 0;
+        AuxWritePulseCounter(dst, it.gps.pulseTick);
+        AuxWrite<uint32_t>(dst, kAuxGpsStatusOffset, it.gps.statusWord);
+        static_assert(sizeof(UartRing) == kAuxUartRingBytes);
+        if (it.gps.ring) std::memcpy(dst + kAuxUartRingOffset, it.gps.ring->data(), kAuxUartRingBytes);
         AuxWrite<uint16_t>(dst, kAuxSupplyVoltageOffset, Raw16(scene.supplyV, 0.00553));
         AuxWrite<uint16_t>(dst, kAuxSupplyCurrentOffset, Raw16(scene.supplyA, 0.002));
         // The fan controller runs the fan harder the further the instrument is
@@ -344,6 +383,7 @@ void SimDevice::Log(uint32_t w) {
 
 void SimDevice::ExecuteBlock(const uint8_t* data, uint32_t length) {
     const size_t count = length / 4;
+    blockTime_ = Clock::now(); // the device executes a block in one instant
     std::vector<uint32_t> words(count);
     for (size_t i = 0; i < count; ++i) words[i] = LoadLE<uint32_t>(data + 4 * i);
     counters_.commandBlocks += (length + 2047) / 2048;
@@ -422,14 +462,29 @@ void SimDevice::ExecuteRunWord(uint32_t w) {
         run_.config.reset();
         break;
     case 0x2E:
-        run_.tuneWord = static_cast<uint16_t>(operand);
+        // Pulses before this word steered the old word.
+        SyncTime(blockTime_);
+        RunGps();
+        run_.osc.tuneWord = static_cast<uint16_t>(operand);
+        run_.osc.autoTarget.reset();
         run_.config.reset();
         break;
     case 0x2D:
         run_.reference = operand;
         break;
-    case 0x2F:
-        run_.gpsTimebase = operand;
+    case 0x2F: {
+        SyncTime(blockTime_);
+        RunGps();
+        const bool follow = (operand & 1) != 0;
+        if (follow != run_.osc.followGps) run_.osc.autoTarget.reset();
+        run_.osc.followGps = follow;
+        break;
+    }
+    case 0x28: // to the GPS receiver's UART: two bytes, little-endian
+    case 0x29:
+        gpsInput_.push_back(static_cast<uint8_t>(operand));
+        gpsInput_.push_back(static_cast<uint8_t>(operand >> 8));
+        while (gpsInput_.size() > kGpsInputBytes) gpsInput_.pop_front();
         break;
     case 0x27:
         run_.gpio = operand & 0xFF;
@@ -442,7 +497,7 @@ void SimDevice::ExecuteRunWord(uint32_t w) {
         break;
     default:
         if (op >= 0x40 && op <= 0x7F) run_.taps[op - 0x40] = static_cast<uint16_t>(operand);
-        // Settle, spacer, stop, converter, power-up, switch and UART words
+        // Settle, spacer, stop, converter, power-up, switch and GPIO UART words
         // change nothing the simulation models; the log keeps them.
         break;
     }
@@ -455,7 +510,7 @@ std::shared_ptr<const CaptureConfig> SimDevice::CurrentConfig() {
     c->band = path.band;
     c->attenuationDb = path.attenuationDb;
     c->ifLevel = run_.ifLevel;
-    c->tuneWord = run_.tuneWord;
+    c->tuneWord = run_.osc.tuneWord;
     if (path.band >= 0) {
         const double synth = fe::SynthOutputHz(run_.synth, fe::BandUsesHighOutput(path.band));
         c->locked = synth > 0;
@@ -472,11 +527,8 @@ void SimDevice::QueueTransferRequest(uint32_t w) {
     const uint32_t aux = (w >> 8) & 0x7;
     const bool paced = scene_->pacing == Pacing::Realtime;
     const auto now = Clock::now();
-    if (paced) {
-        // The ADC ran on while nothing was requested.
-        const double elapsed = std::chrono::duration<double>(now - origin_).count();
-        samplePos_ = std::max(samplePos_, static_cast<uint64_t>(elapsed * fe::kSampleRateHz));
-    }
+    SyncTime(blockTime_);
+    RunGps();
     const auto readyOf = [&](uint64_t sampleEnd) {
         if (!paced) return now;
         return origin_ + std::chrono::duration_cast<Clock::duration>(
@@ -495,6 +547,18 @@ void SimDevice::QueueTransferRequest(uint32_t w) {
         it.config = config;
         items_.push_back(std::move(it));
         producedEnd_ += kIqPacketBytes;
+        ++pendingIq_;
+    }
+    AuxGps gps;
+    if (aux > 0) {
+        // The status packets report the receiver and the reference as of
+        // their own tick, behind this request's samples.
+        RunGps();
+        gps.statusWord = gps_.StatusWord();
+        gps.pulseTick = gps_.PulseTick();
+        gps.timebaseFollowsGps = run_.osc.followGps && gps_.HasFix();
+        gps.tuneWord = run_.osc.tuneWord;
+        gps.ring = gps_.Ring();
     }
     for (uint32_t k = 0; k < aux; ++k) {
         OutItem it;
@@ -503,6 +567,7 @@ void SimDevice::QueueTransferRequest(uint32_t w) {
         it.size = kAuxPacketBytes;
         it.sampleIndex = samplePos_;
         it.readyAt = readyOf(samplePos_);
+        it.gps = gps;
         items_.push_back(std::move(it));
         producedEnd_ += kAuxPacketBytes;
     }
@@ -564,12 +629,18 @@ void SimDevice::Detach() {
 
 void SimDevice::SetScene(std::shared_ptr<const Scene> scene) {
     std::lock_guard lk(mu_);
+    // Time up to now passed under the old scene, its receiver included.
+    const auto now = Clock::now();
+    SyncTime(now);
+    RunGps();
     if (scene->calibration != scene_->calibration) ProgramCalibration(flash_, scene->calibration);
     if (scene->pacing == Pacing::Realtime && scene_->pacing != Pacing::Realtime) {
         // Continue the ADC timeline from where the unpaced stream left it.
-        origin_ = Clock::now() - std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
-                                     static_cast<double>(samplePos_) / fe::kSampleRateHz));
+        origin_ = now - std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
+                            static_cast<double>(samplePos_) / fe::kSampleRateHz));
     }
+    if (scene->pacing != Pacing::Realtime) idleMark_ = now;
+    gps_.Configure(scene->gps);
     scene_ = std::move(scene);
     cv_.notify_all();
 }
@@ -616,6 +687,13 @@ size_t SimDevice::CommandLog(uint32_t* words, size_t capacity) {
 void SimDevice::ClearCommandLog() {
     std::lock_guard lk(mu_);
     log_.clear();
+}
+
+size_t SimDevice::GpsInput(uint8_t* bytes, size_t capacity) {
+    std::lock_guard lk(mu_);
+    const size_t n = std::min(capacity, gpsInput_.size());
+    if (bytes) std::copy_n(gpsInput_.begin(), n, bytes);
+    return gpsInput_.size();
 }
 
 } // namespace lx::sim

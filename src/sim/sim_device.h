@@ -14,6 +14,18 @@
 //   condition variable, which every state change that could finish them
 //   (command block, abort, detach, re-enumeration, scene change) notifies.
 //
+// Device time
+//   The 122.88 MHz tick counter is twice the ADC timeline's sample position
+//   and only moves forward (personality changes included). It moves when the
+//   device looks at it (a command block, a scene change): by the virtual time
+//   elapsed since it last looked (lxSimAdvanceTimeMs, backend Sleep), and by
+//   real time as well, except while a fast-paced device is streaming (I/Q
+//   packets requested and not yet taken), when only the samples it produces
+//   move it, so that a stream stays gapless. A realtime-paced timeline is
+//   wall-clock time plus the virtual time. The GPS receiver runs on these
+//   ticks (sim/gps_receiver.h); a status packet carries the receiver's state
+//   at its own tick, taken when it is requested.
+//
 // Output stream
 //   The device moves data through 32 KiB DMA buffers (four packets). Each
 //   transfer request appends its packets (I/Q first, then aux) to the stream;
@@ -40,6 +52,7 @@
 #include "lx_sim.h"
 #include "sim/flash.h"
 #include "sim/front_end.h"
+#include "sim/gps_receiver.h"
 #include "sim/scene.h"
 #include "sim/synthesis.h"
 #include "usb/usb_backend.h"
@@ -57,6 +70,7 @@ inline constexpr uint64_t kWriteBusyMs = 2;      // one page write
 inline constexpr uint32_t kDmaBufferBytes = 32768;
 inline constexpr uint32_t kFlashReadBytes = 32768;
 inline constexpr size_t kCommandLogWords = 1u << 18;
+inline constexpr size_t kGpsInputBytes = 1u << 16; // the receiver's input kept for lxSimGetGpsInput
 // Paced delivery: the device holds this much of the stream before it
 // overwrites unread samples (and reports data loss).
 inline constexpr double kDeviceBufferSeconds = 8.0 * 1024 * 1024 / (fe::kSampleRateHz * 4);
@@ -123,10 +137,22 @@ public:
     // Copies the oldest min(capacity, stored) words; returns the count stored.
     size_t CommandLog(uint32_t* words, size_t capacity);
     void ClearCommandLog();
+    // Bytes the GPS receiver got from the host, oldest first; copies the
+    // oldest min(capacity, stored) and returns the count stored.
+    size_t GpsInput(uint8_t* bytes, size_t capacity);
 
 private:
     friend class SimTransfer;
     using Clock = std::chrono::steady_clock;
+
+    // What a status packet reports of the GPS and the reference, as of its tick.
+    struct AuxGps {
+        uint32_t statusWord = 0;
+        uint64_t pulseTick = 0;
+        bool timebaseFollowsGps = false;
+        uint16_t tuneWord = fe::kResetTuneWord;
+        std::shared_ptr<const UartRing> ring;
+    };
 
     struct OutItem {
         enum class Kind : uint8_t { Iq, Aux, Bytes } kind = Kind::Iq;
@@ -136,17 +162,17 @@ private:
         Clock::time_point readyAt{};
         std::shared_ptr<const CaptureConfig> config;
         std::vector<uint8_t> bytes; // content, once rendered (always for flash reads)
+        AuxGps gps;                 // aux packets
     };
 
     struct RunState {
         fe::SynthRegisters synth;
         uint32_t bandOperand = 0;
         uint8_t ifLevel = 4;
-        uint16_t tuneWord = fe::kResetTuneWord;
+        Oscillator osc; // tune word (0x2E) and GPS discipline (0x2F)
         uint32_t captureControl = 0;
         uint16_t taps[64] = {};
         uint32_t reference = 0;
-        uint32_t gpsTimebase = 0;
         uint32_t gpio = 0;
         uint16_t fanSetPointRaw = 45 * 16;
         std::shared_ptr<const CaptureConfig> config; // null: recompute
@@ -173,6 +199,11 @@ private:
     uint64_t ReadyEnd(Clock::time_point now) const;
     void Log(uint32_t w);
     bool TakeFault(int32_t& fault);
+    // Brings device time up to `now` (see Device time above).
+    void SyncTime(Clock::time_point now);
+    uint64_t DeviceTick() const { return 2 * samplePos_; }
+    // Runs the GPS receiver and the discipline up to the device's present tick.
+    void RunGps();
 
     const int32_t id_;
     const std::string serial_;
@@ -201,9 +232,16 @@ private:
 
     // ADC timeline.
     uint64_t samplePos_ = 0;
-    Clock::time_point origin_; // paced: wall time of sample 0
+    Clock::time_point origin_;    // paced: wall time of sample 0
+    Clock::time_point idleMark_;  // fast: real time counted into the timeline up to here
+    Clock::time_point blockTime_; // arrival of the command block being executed
+    uint64_t virtualSeenMs_ = 0;  // virtual time counted into the timeline
+    uint32_t pendingIq_ = 0;      // I/Q packets requested and not yet taken
     uint32_t pendingStatus_ = 0;
     uint64_t rng_;
+
+    GpsReceiver gps_;
+    std::deque<uint8_t> gpsInput_;
 
     std::shared_ptr<const CaptureConfig> planConfig_;
     std::shared_ptr<const Scene> planScene_;

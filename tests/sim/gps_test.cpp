@@ -1,0 +1,419 @@
+// The simulated GPS receiver, device time and the disciplined reference, seen
+// as a host sees them: status packets decoded here by hand, NMEA checked
+// against the scene (positions in ddmm.mmmm worked out by hand, times by the
+// C library), replayed logs against their own files.
+#include <chrono>
+#include <complex>
+#include <ctime>
+#include <fstream>
+#include <numbers>
+#include <set>
+#include <thread>
+
+#include "lx_command/encoders.h"
+#include "sim_test_util.h"
+
+using namespace simtest;
+
+namespace {
+
+using GpsTest = SimTest;
+
+constexpr uint64_t kSecond = 122880000; // device ticks
+constexpr uint64_t kMs = 122880;
+constexpr int64_t kDefaultUtc = 1795262400; // 2026-11-21T12:00:00Z
+
+struct Aux {
+    uint64_t tick = 0, pulse = 0;
+    uint32_t status = 0, gps = 0;
+    uint16_t tune = 0;
+    std::string text; // the ring from the read index up to the write index
+    uint32_t Seq() const { return gps >> 18 & 3; }
+};
+
+Aux Decode(const uint8_t* p) {
+    Aux a{U64(p + 32), U64(p + 16), U32(p + 48), U32(p + 92), U16(p + 44), {}};
+    std::string bytes;
+    for (uint32_t w = a.gps >> 20 & 0x1FF; w != (a.gps >> 9 & 0x1FF); w = (w + 1) % 512)
+        bytes.append(reinterpret_cast<const char*>(p + 4096 + 4 * w), 4);
+    a.text = bytes.c_str();
+    EXPECT_LT(bytes.size() - a.text.size(), 4u) << "at most one word of NUL padding";
+    return a;
+}
+
+Aux Poll(UsbDevice& d) {
+    EXPECT_TRUE(Send(d, Request(0, 1)));
+    const ReadResult r = Read(d, 8192);
+    EXPECT_EQ(r.data.size(), 8192u);
+    return r.data.size() == 8192 ? Decode(r.data.data()) : Aux{};
+}
+
+void Advance(uint64_t ms) { ASSERT_EQ(lxSimAdvanceTimeMs(ms), lxNoError); }
+
+// Sentences split at CR LF into fields (f[0] "GPRMC", ...); every checksum must hold.
+std::vector<std::vector<std::string>> Parse(const std::string& text) {
+    std::vector<std::vector<std::string>> out;
+    size_t at = 0;
+    for (size_t end; (end = text.find("\r\n", at)) != std::string::npos; at = end + 2) {
+        const std::string s = text.substr(at, end - at);
+        const size_t star = s.rfind('*');
+        if (s[0] != '$' || star == std::string::npos || star + 3 != s.size()) {
+            ADD_FAILURE() << "not a sentence: " << s;
+            continue;
+        }
+        unsigned sum = 0;
+        for (size_t i = 1; i < star; ++i) sum ^= static_cast<unsigned char>(s[i]);
+        EXPECT_EQ(std::stoul(s.substr(star + 1), nullptr, 16), sum) << s;
+        std::vector<std::string> f(1);
+        for (char c : s.substr(1, star - 1)) {
+            if (c == ',') f.emplace_back();
+            else f.back().push_back(c);
+        }
+        out.push_back(f);
+    }
+    EXPECT_EQ(at, text.size()) << "text ends with CR LF";
+    return out;
+}
+
+std::string Utc(int64_t t, const char* format) {
+    const time_t tt = static_cast<time_t>(t);
+    tm parts{};
+    gmtime_r(&tt, &parts);
+    char buf[32];
+    std::strftime(buf, sizeof buf, format, &parts);
+    return buf;
+}
+
+// ---- the receiver -------------------------------------------------------------------
+
+TEST_F(GpsTest, SyntheticReceiverSendsTheScenesFixOncePerSecond) {
+    struct Case {
+        const char* gps;
+        int64_t utc;                     // the scene's utc, seconds since 1970
+        const char *lat, *lon, *alt;     // alt empty: no fix
+    };
+    const Case cases[] = {
+        {"{}", kDefaultUtc, "4807.0380,N", "01131.0000,E", "545.4"},
+        {R"({"latitude": -37.784788, "longitude": 175.314897, "altitude_m": 59.9, "utc": "2014-12-31T03:07:19Z"})",
+         1419995239, "3747.0873,S", "17518.8938,E", "59.9"},
+        // Crosses the year end.
+        {R"({"latitude": 51.068098, "longitude": -114.095645, "altitude_m": 1102.4, "utc": "2026-12-31T23:59:58Z"})",
+         1798761598, "5104.0859,N", "11405.7387,W", "1102.4"},
+        // 59.9999994' rounds into the next degree; then the leap day.
+        {R"({"latitude": 0.99999999, "longitude": -0.5, "altitude_m": -12.5, "utc": "2028-02-28T23:59:59Z"})",
+         1835395199, "0100.0000,N", "00030.0000,W", "-12.5"},
+        {R"({"fix": false})", kDefaultUtc, ",", ",", ""},
+    };
+    int32_t serial = 80000100;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.gps);
+        ASSERT_EQ(lxSimAttach(++serial, (std::string(R"({"gps": )") + c.gps + "}").c_str()), lxNoError);
+        auto d = Open(serial);
+        ASSERT_NE(d, nullptr);
+        const bool fix = *c.alt != '\0';
+        for (int step = 0; step < 5; ++step, Advance(1000)) {
+            const Aux a = Poll(*d);
+            const uint64_t k = a.tick / kSecond; // pulses so far; pulse k describes the second before it
+            EXPECT_EQ(a.Seq(), k % 4);
+            EXPECT_EQ(a.pulse, fix ? k * kSecond : 0);
+            if (k == 0) {
+                EXPECT_EQ(a.text, "");
+                continue;
+            }
+            const auto s = Parse(a.text);
+            ASSERT_EQ(s.size(), 2u) << a.text;
+            const auto &rmc = s[0], &gga = s[1];
+            ASSERT_TRUE(rmc.size() == 13 && rmc[0] == "GPRMC" && gga.size() == 15 && gga[0] == "GPGGA") << a.text;
+            const int64_t t = c.utc + static_cast<int64_t>(k) - 1;
+            EXPECT_EQ(rmc[1].substr(0, 6), Utc(t, "%H%M%S"));
+            EXPECT_EQ(gga[1], rmc[1]);
+            EXPECT_EQ(rmc[9], Utc(t, "%d%m%y"));
+            EXPECT_EQ(rmc[2], fix ? "A" : "V");
+            EXPECT_EQ(rmc[3] + "," + rmc[4], c.lat);
+            EXPECT_EQ(rmc[5] + "," + rmc[6], c.lon);
+            EXPECT_EQ(gga[2] + "," + gga[3] + "," + gga[4] + "," + gga[5], rmc[3] + "," + rmc[4] + "," + rmc[5] + "," + rmc[6]);
+            EXPECT_EQ(gga[6], fix ? "1" : "0");
+            EXPECT_EQ(gga[9], c.alt);
+        }
+        d.reset();
+        lxSimDetach(serial);
+    }
+}
+
+TEST_F(GpsTest, SilentReceiverAndNoReceiverSendNothingWhileTimeGoesOn) {
+    ASSERT_EQ(lxSimAttach(80000200, R"({"gps": {}})"), lxNoError);
+    ASSERT_EQ(lxSimAttach(80000201, nullptr), lxNoError);
+    auto d = Open(80000200), none = Open(80000201);
+    ASSERT_TRUE(d && none);
+    Advance(2500);
+    const Aux before = Poll(*d);
+    ASSERT_EQ(lxSimSetScene(80000200, R"({"gps": {"receiver": "silent"}})"), lxNoError);
+    // Rejected scenes leave the receiver as it is (silent, same clock).
+    const std::string nmea = std::string(LX_TEST_DATA_DIR) + "/nmea/";
+    for (const std::string& bad : std::initializer_list<std::string>{
+             R"({"gps": 1})", R"({"gps": {"latitude": 90.5}})", R"({"gps": {"longitude": -181}})",
+             R"({"gps": {"fix": "yes"}})", R"({"gps": {"utc": "2026-02-29T00:00:00Z"}})",
+             R"({"gps": {"utc": "1999-12-31T23:59:59Z"}})", R"({"gps": {"utc": "2026-11-21 12:00:00"}})",
+             R"({"gps": {"receiver": "off"}})", R"({"gps": {"disciplined_tune": 65536}})", R"({"gps": {"speed": 1}})",
+             R"({"gps": {"nmea_log": "/nonexistent/file.log"}})",
+             R"({"gps": {"nmea_log": ")" + nmea + R"(README.md"}})", // no RMC, GGA or ZDA
+             R"({"gps": {"nmea_log": ")" + nmea + R"(bu353s4.log", "latitude": 10}})", R"({"dithering": 0})"}) {
+        EXPECT_EQ(lxSimAttach(80000202, bad.c_str()), lxInvalidParameterErr) << bad;
+        EXPECT_EQ(lxSimSetScene(80000200, bad.c_str()), lxInvalidParameterErr) << bad;
+    }
+    Aux a;
+    for (int i = 0; i < 4; ++i) {
+        Advance(1000);
+        a = Poll(*d);
+        EXPECT_EQ(a.Seq(), before.Seq());
+        EXPECT_EQ(a.text, before.text) << "the ring keeps the last message";
+        const Aux n = Poll(*none);
+        EXPECT_EQ(n.gps | n.pulse, 0u);
+    }
+    EXPECT_GT(a.tick - before.tick, 366000000u) << "long enough for a host to call the GPS lost";
+    // Back on, it goes on with the second its clock has reached.
+    ASSERT_EQ(lxSimSetScene(80000200, R"({"gps": {}})"), lxNoError);
+    const uint64_t silentUntil = a.tick / kSecond;
+    Advance(1000);
+    a = Poll(*d);
+    const uint64_t k = a.tick / kSecond;
+    EXPECT_EQ(a.Seq(), (before.Seq() + k - silentUntil) % 4);
+    const auto s = Parse(a.text);
+    ASSERT_EQ(s.size(), 2u);
+    EXPECT_EQ(s[0][1].substr(0, 6), Utc(kDefaultUtc + static_cast<int64_t>(k) - 1, "%H%M%S"));
+}
+
+// A host stamps the first packet carrying a new message with its RMC time
+// + 1 s (+ 1950 ticks): that packet must come less than one status-packet
+// interval after the pulse.
+TEST_F(GpsTest, NewMessageArrivesAtThePulseWhileStreaming) {
+    ASSERT_EQ(lxSimAttach(80000300, R"({"gps": {}})"), lxNoError);
+    auto d = Open(80000300);
+    ASSERT_NE(d, nullptr);
+    constexpr uint64_t kAuxInterval = 3 * 4096;
+    Aux prev = Poll(*d);
+    bool seen = false;
+    for (int attempt = 0; attempt < 3 && !seen; ++attempt) {
+        uint64_t pulse = (prev.tick / kSecond + 1) * kSecond;
+        if (pulse - prev.tick < 20 * kMs) pulse += kSecond;
+        Advance((pulse - prev.tick) / kMs - 10); // stream the last 10 ms up to the pulse
+        ASSERT_TRUE(Send(*d, Request(3, 1)));
+        for (int i = 0; i < 400 && !seen; ++i) {
+            ASSERT_TRUE(Send(*d, Request(3, 1))); // one request ahead: the device never idles
+            const ReadResult r = Read(*d, 32768);
+            ASSERT_EQ(r.data.size(), 32768u);
+            const Aux a = Decode(&r.data[3 * 8192]);
+            if (a.Seq() != prev.Seq()) {
+                if (i == 0) break; // idle real time overshot the pulse: aim at the next one
+                seen = true;
+                EXPECT_LT(prev.tick, pulse);
+                EXPECT_GE(a.tick, pulse);
+                EXPECT_LT(a.tick, pulse + kAuxInterval);
+                const auto s = Parse(a.text);
+                ASSERT_FALSE(s.empty());
+                EXPECT_EQ(s[0][1].substr(0, 6), Utc(kDefaultUtc + static_cast<int64_t>(pulse / kSecond) - 1, "%H%M%S"));
+            }
+            prev = a;
+        }
+        while (Read(*d, 32768, 50).data.size() == 32768) {
+        }
+        prev = Poll(*d);
+    }
+    EXPECT_TRUE(seen);
+}
+
+struct LogCase {
+    const char *name, *file;
+    size_t seconds; // RMC/GGA/ZDA bursts, counted by hand
+};
+void PrintTo(const LogCase& c, std::ostream* os) { *os << c.file; }
+
+class LogReplay : public SimTest, public ::testing::WithParamInterface<LogCase> {};
+
+TEST_P(LogReplay, EverySentenceArrivesInOrderOneSecondPerMessage) {
+    const std::string path = std::string(LX_TEST_DATA_DIR) + "/nmea/" + GetParam().file;
+    std::ifstream f(path);
+    std::string expected, line;
+    while (std::getline(f, line)) {
+        while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
+        if (!line.empty() && line[0] != '#') expected += line + "\r\n";
+    }
+    ASSERT_EQ(lxSimAttach(80000400, (R"({"gps": {"nmea_log": ")" + path + R"("}})").c_str()), lxNoError);
+    auto d = Open(80000400);
+    ASSERT_NE(d, nullptr);
+    std::string all;
+    size_t messages = 0;
+    uint32_t seq = 0;
+    for (size_t step = 0; step < GetParam().seconds + 4; ++step) {
+        Advance(1000);
+        const Aux a = Poll(*d);
+        EXPECT_EQ(a.Seq(), std::min<uint64_t>(a.tick / kSecond, GetParam().seconds) % 4) << "one per pulse, then none";
+        if (a.Seq() == seq) continue;
+        seq = a.Seq();
+        ++messages;
+        all += a.text;
+        std::set<std::string> times; // of the sentences that carry the second's UTC
+        for (size_t at = 0, end; (end = a.text.find("\r\n", at)) != std::string::npos; at = end + 2) {
+            const std::string type = a.text.substr(at + 3, 3);
+            if (type == "RMC" || type == "GGA" || type == "ZDA") times.insert(a.text.substr(at + 7, 6));
+        }
+        EXPECT_EQ(times.size(), 1u) << a.text;
+    }
+    EXPECT_EQ(messages, GetParam().seconds);
+    EXPECT_EQ(all, expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Logs, LogReplay,
+                         ::testing::Values(LogCase{"SiRF", "bu353s4.log", 15}, LogCase{"Mtk", "mtk-3301.log", 11},
+                                           LogCase{"Quectel", "quectel-L70.log", 4}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// ---- status bits and the disciplined reference ------------------------------------------
+
+TEST_F(GpsTest, StatusBitsAndTuneWordFollowTheGpsDiscipline) {
+    struct Case {
+        const char* scene;
+        bool follow; // operand of the 0x2F word
+        uint64_t stepMs;
+        uint16_t target; // 0: bit 10 clear and the word stays
+    };
+    const Case cases[] = {
+        {R"({"gps": {}})", true, 1000, 0x8040 + 20},
+        {R"({"gps": {"disciplined_tune": 32700}, "dithering": false})", true, 7000, 32700}, // 132 counts down
+        {R"({"gps": {}})", false, 3000, 0},
+        {R"({"gps": {"fix": false}})", true, 3000, 0},
+        {R"({"gps": {"receiver": "silent"}})", true, 3000, 0},
+        {"{}", true, 3000, 0},
+    };
+    int32_t serial = 80000500;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.scene);
+        ASSERT_EQ(lxSimAttach(++serial, c.scene), lxNoError);
+        auto d = Open(serial);
+        ASSERT_NE(d, nullptr);
+        Advance(1500);
+        std::vector<uint32_t> words{0x2E008040u, 0x2F000000u | c.follow};
+        for (uint32_t w : Request(0, 1)) words.push_back(w);
+        ASSERT_TRUE(Send(*d, words));
+        const ReadResult r = Read(*d, 8192);
+        ASSERT_EQ(r.data.size(), 8192u);
+        const uint64_t start = Decode(r.data.data()).tick / kSecond;
+        for (int step = 0; step < 24; ++step) {
+            Advance(c.stepMs);
+            const Aux a = Poll(*d);
+            const uint64_t pulses = a.tick / kSecond - start;
+            EXPECT_EQ((a.status & 0x400) != 0, c.target != 0);
+            EXPECT_EQ((a.status & 1) != 0, std::string(c.scene).find("dithering") != std::string::npos);
+            uint16_t want = 0x8040;
+            if (c.target)
+                want = c.target > want ? static_cast<uint16_t>(want + std::min<uint64_t>(pulses, c.target - want))
+                                       : static_cast<uint16_t>(want - std::min<uint64_t>(pulses, want - c.target));
+            EXPECT_EQ(a.tune, want) << "after " << pulses << " pulses";
+        }
+        // Disciplining off: the bit clears and the word holds.
+        const uint16_t held = Poll(*d).tune;
+        ASSERT_TRUE(Send(*d, {0x2F000000u}));
+        Advance(3000);
+        const Aux a = Poll(*d);
+        EXPECT_EQ(a.status & 0x400, 0u);
+        EXPECT_EQ(a.tune, held);
+        d.reset();
+        lxSimDetach(serial);
+    }
+}
+
+// The samples come from the reference the tune word sets, whether the host
+// wrote the word or the discipline walked it there.
+TEST_F(GpsTest, DisciplinedWordRetunesTheReference) {
+    const double lo = 300 * 30.72e6, centre = lo - 23.04e6, tone = centre + 1e6;
+    const uint16_t target = 0x8040 + 1000;
+    const std::string scene = R"({"noise_floor_dbm_hz": -200, "emitters": [{"kind": "tone", "frequency_hz": )" +
+                              std::to_string(tone) + R"(, "power_dbm": -20}], "gps": {"disciplined_tune": )" +
+                              std::to_string(target) + "}}";
+    ASSERT_EQ(lxSimAttach(80000600, scene.c_str()), lxNoError);
+    auto d = Open(80000600);
+    ASSERT_NE(d, nullptr);
+    lx::TuningState st;
+    uint32_t tune[lx::kTuneMaxWords];
+    std::vector<uint32_t> words(tune, tune + lx::EncodeTune(st, tune, lo, centre, 4, 0, 24, false));
+    words.push_back(0x2E008040u);
+    ASSERT_TRUE(Send(*d, words));
+    // Baseband frequency of a clean tone: least-squares slope of its unwrapped phase.
+    const auto measure = [&] {
+        EXPECT_TRUE(Send(*d, Request(4, 0)));
+        const ReadResult r = Read(*d, 32768);
+        EXPECT_EQ(r.data.size(), 32768u);
+        const double n = 8192, mid = (n - 1) / 2;
+        double phase = 0, sxy = 0, sxx = 0;
+        std::complex<double> last;
+        for (size_t i = 0; i < 8192 && r.data.size() == 32768; ++i) {
+            const std::complex<double> x(static_cast<int16_t>(U16(&r.data[4 * i])) - 576,
+                                         static_cast<int16_t>(U16(&r.data[4 * i + 2])) - 576);
+            phase += i == 0 ? std::arg(x) : std::arg(x * std::conj(last));
+            last = x;
+            sxy += (static_cast<double>(i) - mid) * phase; // the mean phase drops out: sum(i - mid) = 0
+            sxx += (static_cast<double>(i) - mid) * (static_cast<double>(i) - mid);
+        }
+        return sxy / sxx * 61.44e6 / (2 * std::numbers::pi);
+    };
+    const double atFactoryWord = measure();
+    EXPECT_NEAR(atFactoryWord, 1e6, 1e3) << "the tone is in view";
+    ASSERT_TRUE(Send(*d, {0x2F000001u}));
+    Advance(1001000);
+    EXPECT_EQ(Poll(*d).tune, target);
+    const double walked = measure();
+    ASSERT_TRUE(Send(*d, {0x2F000000u, 0x2E000000u | target}));
+    EXPECT_NEAR(walked, measure(), 0.1);
+    // 0.3 ppb per count: the reference runs fast, so the tone sits lower.
+    EXPECT_NEAR(atFactoryWord - walked, tone * 1000 * 0.3e-9, 30.0);
+}
+
+// ---- device time ----------------------------------------------------------------------
+
+TEST_F(GpsTest, DeviceTimeAdvancesWithVirtualTimeAndIdleRealTime) {
+    ASSERT_EQ(lxSimAttach(80000800, nullptr), lxNoError);
+    auto d = Open(80000800);
+    ASSERT_NE(d, nullptr);
+    // Streaming (I/Q requested, not yet taken): samples and virtual time only.
+    ASSERT_TRUE(Send(*d, Request(1, 1)));
+    Advance(1234);
+    ASSERT_TRUE(Send(*d, Request(1, 1)));
+    const ReadResult r = Read(*d, 32768);
+    ASSERT_EQ(r.data.size(), 32768u);
+    EXPECT_EQ(U64(&r.data[3 * 8192 + 32]) - U64(&r.data[8192 + 32]), 2 * 2048 + 1234 * kMs);
+    // Idle: virtual time and real time.
+    for (uint64_t ms : {0ull, 1ull, 3000ull, 86400000ull}) {
+        const uint64_t v0 = VirtualMs();
+        const auto wall0 = std::chrono::steady_clock::now();
+        const uint64_t t0 = Poll(*d).tick;
+        Advance(ms);
+        std::this_thread::sleep_for(std::chrono::milliseconds(3));
+        const uint64_t t1 = Poll(*d).tick;
+        const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - wall0).count();
+        EXPECT_EQ(VirtualMs() - v0, ms);
+        EXPECT_GE(t1 - t0, (ms + 3) * kMs) << ms;
+        EXPECT_LE(t1 - t0, ms * kMs + static_cast<uint64_t>(wall * 122.88e6)) << ms;
+    }
+    const uint64_t v = VirtualMs();
+    EXPECT_EQ(lxSimAdvanceTimeMs(1000000001), lxInvalidParameterErr);
+    EXPECT_EQ(VirtualMs(), v);
+}
+
+// ---- the receiver's input --------------------------------------------------------------------
+
+TEST_F(GpsTest, ReceiverGetsTheBytesOfTheGpsWords) {
+    ASSERT_EQ(lxSimAttach(80001000, nullptr), lxNoError);
+    auto d = Open(80001000);
+    ASSERT_NE(d, nullptr);
+    // "$PMTK220,1000*1F\r\n" as a host sends it: groups of four bytes, each as two
+    // little-endian halves, the last group padded.
+    ASSERT_TRUE(Send(*d, {0x28005024u, 0x2900544Du, 0x2800324Bu, 0x29003032u, 0x2800312Cu, 0x29003030u,
+                          0x28002A30u, 0x29004631u, 0x28000A0Du, 0x29000000u}));
+    std::string got(24, '#');
+    int32_t count = -1;
+    ASSERT_EQ(lxSimGetGpsInput(80001000, reinterpret_cast<uint8_t*>(got.data()), 24, &count), lxNoError);
+    EXPECT_EQ(count, 20);
+    EXPECT_EQ(got, std::string("$PMTK220,1000*1F\r\n\0\0####", 24));
+}
+
+} // namespace
