@@ -1,0 +1,237 @@
+// GPS through the public API, fed by the simulated analyzer's receiver: a
+// synthetic fix, loss, replayed real receiver logs, and the timebase record
+// written while the reference is disciplined.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "e2e_support.h"
+
+namespace {
+
+struct Fix {
+    uint32_t updated = 0;
+    int64_t time = 0;
+    double lat = 0, lon = 0, alt = 0;
+    std::string text;
+    LxStatus status = lxNoError;
+};
+
+Fix ReadFix(int32_t h, int32_t refresh = 1) {
+    Fix f;
+    char buf[2100] = {};
+    int32_t len = sizeof buf;
+    f.status = lxGetGPSInfo(h, refresh, &f.updated, &f.time, &f.lat, &f.lon, &f.alt, buf, &len);
+    f.text.assign(buf, len > 0 ? size_t(len - 1) : 0);
+    return f;
+}
+
+uint32_t State(int32_t h) {
+    uint32_t s = 99;
+    EXPECT_EQ(lxGetGPSState(h, &s), lxNoError);
+    return s;
+}
+
+// The UTC of the RMC sentence in a message, plus the one second the host adds.
+int64_t RmcSecondsPlusOne(const std::string& text) {
+    const size_t p = text.find("RMC,");
+    if (p == std::string::npos) return -1;
+    std::vector<std::string> f;
+    size_t s = p + 4;
+    while (f.size() < 9) {
+        const size_t c = text.find_first_of(",\r", s);
+        f.push_back(text.substr(s, c - s));
+        if (c == std::string::npos || text[c] == '\r') break;
+        s = c + 1;
+    }
+    if (f.size() < 9 || f[0].size() < 6 || f[8].size() != 6) return -1;
+    std::tm tm{};
+    tm.tm_hour = std::stoi(f[0].substr(0, 2));
+    tm.tm_min = std::stoi(f[0].substr(2, 2));
+    tm.tm_sec = std::stoi(f[0].substr(4, 2));
+    tm.tm_mday = std::stoi(f[8].substr(0, 2));
+    tm.tm_mon = std::stoi(f[8].substr(2, 2)) - 1;
+    tm.tm_year = 100 + std::stoi(f[8].substr(4, 2));
+    return static_cast<int64_t>(timegm(&tm)) + 1;
+}
+
+class Gps : public e2e::SimTest {
+protected:
+    // One device second later, and a fresh housekeeping read.
+    Fix NextSecond(int32_t h) {
+        lxSimAdvanceTimeMs(1000);
+        return ReadFix(h);
+    }
+};
+
+TEST_F(Gps, SyntheticFixComesBackWithPositionAltitudeAndTime) {
+    // The receiver's clock starts at the scene's UTC when the analyzer is
+    // plugged in; the open itself spends device seconds in the boot loader.
+    const uint64_t attachedAtMs = VirtualMs();
+    const int32_t h = AttachAndOpen(30000301, R"({"gps": {"fix": true, "latitude": -33.8568,
+        "longitude": 151.2153, "altitude_m": 58.5, "utc": "2026-11-21T12:00:00Z"}})");
+    Fix f = NextSecond(h);
+    ASSERT_EQ(f.status, lxNoError);
+    EXPECT_EQ(f.updated, 1u);
+    // ddmm.mmmm carries 1e-4 minutes: 1.7e-6 degrees.
+    EXPECT_NEAR(f.lat, -33.8568, 2e-6);
+    EXPECT_NEAR(f.lon, 151.2153, 2e-6);
+    EXPECT_NEAR(f.alt, 58.5, 0.05);
+    const int64_t start = 1795262400; // 2026-11-21T12:00:00Z
+    const int64_t elapsed = static_cast<int64_t>((VirtualMs() - attachedAtMs) / 1000);
+    EXPECT_NEAR(double(f.time), double(start + elapsed), 2.0);
+    EXPECT_EQ(f.time, RmcSecondsPlusOne(f.text)) << f.text;
+    EXPECT_EQ(State(h), 1u);
+
+    // Time moves with the device's seconds; nothing new without a refresh.
+    const Fix g = NextSecond(h);
+    EXPECT_EQ(g.time, f.time + 1);
+    const Fix same = ReadFix(h, 0);
+    EXPECT_EQ(same.updated, 0u);
+    EXPECT_EQ(same.time, g.time);
+}
+
+TEST_F(Gps, NoFixAndLossClearThePosition) {
+    const int32_t h = AttachAndOpen(30000302, R"({"gps": {"fix": true, "latitude": 10, "longitude": 20}})");
+    ASSERT_EQ(NextSecond(h).lat, 10.0);
+    // Status V: position and time gone.
+    ASSERT_EQ(lxSimSetScene(30000302, R"({"gps": {"fix": false}})"), lxNoError);
+    Fix v = NextSecond(h);
+    v = NextSecond(h);
+    EXPECT_EQ(v.lat, 0.0);
+    EXPECT_EQ(v.lon, 0.0);
+    EXPECT_EQ(v.time, 0);
+    EXPECT_EQ(State(h), 0u);
+
+    // A receiver that goes quiet: the fix holds for under three seconds.
+    ASSERT_EQ(lxSimSetScene(30000302, R"({"gps": {"fix": true, "latitude": 10, "longitude": 20}})"), lxNoError);
+    ASSERT_EQ(NextSecond(h).lat, 10.0);
+    ASSERT_EQ(lxSimSetScene(30000302, R"({"gps": {"fix": true, "latitude": 10, "longitude": 20, "receiver": "silent"}})"),
+              lxNoError);
+    EXPECT_EQ(NextSecond(h).lat, 10.0);
+    EXPECT_EQ(NextSecond(h).lat, 10.0);
+    Fix lost = NextSecond(h);
+    lost = NextSecond(h);
+    EXPECT_EQ(lost.lat, 0.0);
+    EXPECT_EQ(lost.time, 0);
+    EXPECT_EQ(State(h), 0u);
+}
+
+TEST_F(Gps, TextBufferOfOneByteGetsOnlyItsTerminator) {
+    const int32_t h = AttachAndOpen(30000303, R"({"gps": {"fix": true}})");
+    NextSecond(h);
+    char buf[4] = {'x', 'x', 'x', 'x'};
+    int32_t len = 1;
+    EXPECT_EQ(lxGetGPSInfo(h, 0, nullptr, nullptr, nullptr, nullptr, nullptr, buf, &len), lxNoError);
+    EXPECT_EQ(len, 1);
+    EXPECT_EQ(buf[0], '\0');
+    EXPECT_EQ(buf[1], 'x');
+    len = 0; // nothing asked for: nothing written
+    EXPECT_EQ(lxGetGPSInfo(h, 0, nullptr, nullptr, nullptr, nullptr, nullptr, buf, &len), lxNoError);
+    EXPECT_EQ(len, 0);
+}
+
+struct LogCase {
+    const char* file;
+    const char* rmcTime; // replay until the RMC sentence of this time arrives
+    double lat, lon, alt;
+    int64_t seconds;
+};
+
+class GpsLog : public Gps, public ::testing::WithParamInterface<LogCase> {};
+
+// Values derived by hand from the sentences in the logs (see tests/gps too).
+TEST_P(GpsLog, ReplayedReceiverGivesThePositionAndTimeWrittenInIt) {
+    const auto& c = GetParam();
+    const std::string scene = std::string(R"({"gps": {"nmea_log": ")") + LX_TEST_DATA_DIR + "/nmea/" + c.file + "\"}}";
+    // The replay starts when the scene is set: after the open, whose boot
+    // loader passage would otherwise play most of a short log away.
+    const int32_t h = AttachAndOpen(30000310);
+    ASSERT_EQ(lxSimSetScene(30000310, scene.c_str()), lxNoError);
+    Fix f;
+    bool reached = false;
+    for (int i = 0; i < 120 && !reached; ++i) {
+        f = NextSecond(h);
+        reached = f.text.find(std::string("RMC,") + c.rmcTime) != std::string::npos;
+    }
+    ASSERT_TRUE(reached) << c.rmcTime;
+    EXPECT_NEAR(f.lat, c.lat, 1e-9);
+    EXPECT_NEAR(f.lon, c.lon, 1e-9);
+    EXPECT_NEAR(f.alt, c.alt, 1e-9);
+    EXPECT_EQ(f.time, c.seconds);
+    EXPECT_EQ(State(h), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Logs, GpsLog,
+    ::testing::Values(LogCase{"bu353s4.log", "030720.000", -(37 + 47.0875 / 60), 175 + 18.8938 / 60, 59.8,
+                              1419995241},
+                      LogCase{"quectel-L70.log", "150120.000", 51 + 4.0859 / 60, -(114 + 5.7388 / 60), 1102.3,
+                              1646838081},
+                      LogCase{"mtk-3301.log", "081436.000", 52 + 12.982135 / 60, 6 + 53.101394 / 60, 102.907,
+                              1219479277}),
+    [](const auto& info) {
+        std::string n = info.param.file;
+        return n.substr(0, n.find_first_of("-."));
+    });
+
+TEST_F(Gps, DisciplinedTuneWordIsRecordedInTheTimebaseFile) {
+    constexpr int32_t serial = 30000320;
+    const int32_t h = AttachAndOpen(serial, R"({"gps": {"fix": true}})");
+    char name[64];
+    std::snprintf(name, sizeof name, "/halvorn/cal_files/lx%08dgps.bin", serial);
+    const std::string path = std::string(std::getenv("XDG_CACHE_HOME")) + name;
+    uint16_t coarseBefore = 0;
+    ASSERT_EQ(lxAdminGetCoarseTuneVal(h, &coarseBefore), lxNoError);
+    uint32_t holdover = 9, when = 9;
+    ASSERT_EQ(lxGetGPSHoldoverInfo(h, &holdover, &when), lxNoError);
+    EXPECT_EQ(holdover, 0u);
+
+    ASSERT_EQ(lxSetGPSTimebaseUpdate(h, 1), lxNoError);
+    struct stat st{};
+    int seconds = 0;
+    bool sawDisciplined = false;
+    for (; seconds < 40 && stat(path.c_str(), &st) != 0; ++seconds) {
+        NextSecond(h);
+        sawDisciplined |= State(h) == 2;
+    }
+    ASSERT_EQ(stat(path.c_str(), &st), 0) << "no timebase file after " << seconds << " s";
+    EXPECT_TRUE(sawDisciplined);
+    EXPECT_EQ(st.st_size, 64);
+    // The word moved by at least 8 counts before it was recorded, in steps of
+    // one count per second.
+    EXPECT_GE(seconds, 8);
+    std::ifstream in(path, std::ios::binary);
+    unsigned char rec[64] = {};
+    in.read(reinterpret_cast<char*>(rec), 64);
+    EXPECT_EQ(std::memcmp(rec, "lxg\0", 4), 0);
+    EXPECT_EQ(rec[4], 1);
+    int64_t tune = 0;
+    std::memcpy(&tune, rec + 16, 8);
+    uint16_t coarseAfter = 0;
+    ASSERT_EQ(lxAdminGetCoarseTuneVal(h, &coarseAfter), lxNoError);
+    EXPECT_EQ(tune, coarseAfter);
+    EXPECT_GE(int(coarseAfter) - int(coarseBefore), 8);
+    ASSERT_EQ(lxGetGPSHoldoverInfo(h, &holdover, &when), lxNoError);
+    EXPECT_EQ(holdover, 1u);
+    EXPECT_NEAR(double(when), double(std::time(nullptr)), 5.0);
+
+    // The next open of the same analyzer starts from the recorded value.
+    ASSERT_EQ(lxCloseDevice(h), lxNoError);
+    int32_t again = -1;
+    ASSERT_EQ(lxOpenDeviceBySerial(&again, serial), lxNoError);
+    uint16_t coarseReopened = 0;
+    ASSERT_EQ(lxAdminGetCoarseTuneVal(again, &coarseReopened), lxNoError);
+    EXPECT_EQ(coarseReopened, coarseAfter);
+}
+
+} // namespace
