@@ -1,5 +1,6 @@
 #include "sim/factory_image.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -16,10 +17,6 @@ constexpr int kSteps = 7;
 constexpr int kFreqs = 490;
 
 void Put32(std::vector<uint8_t>& v, size_t at, uint32_t x) { StoreLE<uint32_t>(v.data() + at, x); }
-
-void FillFloat(std::vector<uint8_t>& v, size_t at, size_t count, float value) {
-    for (size_t i = 0; i < count; ++i) StoreLE<float>(v.data() + at + 4 * i, value);
-}
 
 double SlotTemperature(int slot) { return -30.0 + 15.0 * slot; }
 
@@ -66,13 +63,42 @@ std::vector<uint8_t> BuildFactoryCalRecord() {
         }
     }
 
-    const size_t responseValues = size_t{kSlots} * kFreqs * 13;
-    const size_t deValues = size_t{kSlots} * 4000;
-    FillFloat(r, kCalResponseAOffset, responseValues, 1.0f);
-    FillFloat(r, kCalResponseBOffset, responseValues, 0.0f);
-    FillFloat(r, kCalResponseCOffset, responseValues, 0.0f);
-    FillFloat(r, kCalResponseDOffset, deValues, 1.0f);
-    FillFloat(r, kCalResponseEOffset, deValues, 0.0f);
+    // Response tables, as the factory measures them around each calibration
+    // point: A and B the IF ripple's magnitude and phase at the 13 baseband
+    // offsets (the taper left out), C the RF flatness at the RF frequency
+    // each offset sees relative to the point itself (band 0's rise left out:
+    // the host's roll-off curve owns it).
+    for (int i = 0; i < kFreqs; ++i) {
+        const double centre = fe::GridRowCentreHz(i + 1);
+        const int band = fe::BandForFrequency(centre);
+        for (int s = 0; s < kSlots; ++s) {
+            const double t = SlotTemperature(s);
+            const double flatCentre = fe::RfFlatnessDb(centre, t);
+            for (int k = 0; k < kCalResponsePoints; ++k) {
+                const double offset = fe::ResponsePointOffsetHz(k);
+                const double rf = fe::BandMirrored(band) ? centre - offset : centre + offset;
+                const size_t at = 4 * ResponseIndex(s, i, k);
+                StoreLE<float>(r.data() + kCalResponseAOffset + at,
+                               static_cast<float>(std::pow(10.0, fe::IfRippleDb(band, offset, t) / 20.0)));
+                StoreLE<float>(r.data() + kCalResponseBOffset + at, static_cast<float>(fe::IfRipplePhase(offset, t)));
+                StoreLE<float>(r.data() + kCalResponseCOffset + at,
+                               static_cast<float>(fe::RfFlatnessDb(std::max(rf, 0.0), t) - flatCentre));
+            }
+        }
+    }
+    // D: the RF flatness at the middle of each 3.75 MHz cell relative to the
+    // calibration point of the grid row holding it; E: no service trim.
+    for (int s = 0; s < kSlots; ++s) {
+        const double t = SlotTemperature(s);
+        for (int j = 0; j < fe::kFineCells; ++j) {
+            const double f = (j + 0.5) * fe::kFineCellHz;
+            const double point = fe::GridRowCentreHz(fe::GridRowForFrequency(f));
+            const double db = fe::RfFlatnessDb(f, t) - fe::RfFlatnessDb(point, t);
+            StoreLE<float>(r.data() + kCalResponseDOffset + 4 * ResponseDEIndex(s, j),
+                           static_cast<float>(std::pow(10.0, db / 20.0)));
+            StoreLE<float>(r.data() + kCalResponseEOffset + 4 * ResponseDEIndex(s, j), 0.0f);
+        }
+    }
 
     uint32_t sum = 0;
     for (size_t at = 672; at < r.size(); at += 4) sum += LoadLE<uint32_t>(r.data() + at);

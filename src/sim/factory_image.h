@@ -25,8 +25,12 @@ inline constexpr uint32_t kFactoryTempRangeCode = 1;
 // undoes fe::GainDb at each (temperature slot, attenuation step, frequency
 // index), the IF level bytes are fe::FactoryIfLevel, the tune table and
 // offsets describe the reference oscillator of fe::ReferenceError. The
-// response tables A..E are neutral (A = D = 1, B = C = E = 0) until the
-// narrow-span work shapes the IF response they describe.
+// response tables describe the front end as the host's correction design
+// reads them (docs/corrections.md): A and B the IF ripple (fe::IfRippleDb,
+// fe::IfRipplePhase) at the 13 baseband offsets, C the RF flatness
+// (fe::RfFlatnessDb) across the capture relative to the calibration point,
+// D the RF flatness of each 3.75 MHz cell relative to its row's calibration
+// point, E zero (no service trim).
 std::vector<uint8_t> BuildFactoryCalRecord();
 
 // A firmware image in the chip maker's boot format ("CY" header, one section

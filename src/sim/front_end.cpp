@@ -21,24 +21,35 @@ constexpr std::array<double, kBandCount> kAttenuatorError{
 constexpr std::array<std::pair<double, double>, 6> kLowFrequencyRise{{
     {2.0e6, 0.85}, {2.4e6, 0.75}, {3.95e6, 0.5}, {5.35e6, 0.25}, {7.2e6, 0.1}, {8.7e6, 0.0}}};
 
-double LowFrequencyRiseDb(double rfHz) {
-    if (rfHz < kLowFrequencyRise.front().first) return kLowFrequencyRise.front().second;
-    for (size_t i = 1; i < kLowFrequencyRise.size(); ++i) {
-        const auto [f1, v1] = kLowFrequencyRise[i];
-        if (rfHz < f1) {
-            const auto [f0, v0] = kLowFrequencyRise[i - 1];
-            return v0 + (v1 - v0) * (rfHz - f0) / (f1 - f0);
-        }
-    }
-    return 0.0;
-}
-
 constexpr double kTempCoefficientDbPerC = -0.018;
+
+// RF flatness: a slope, a slow undulation and a temperature tilt.
+constexpr double kFlatnessSlopeDbPerGHz = -0.30;
+constexpr double kFlatnessWaveDb = 0.5;
+constexpr double kFlatnessWavePeriodGHz = 2.7;
+constexpr double kFlatnessTiltDbPerGHzPerC = 0.002;
+
+// IF ripple: one slow cosine across the capture whose depth grows with
+// temperature, a per-path tilt, and a sine of phase.
+constexpr double kRippleDb = 0.10;
+constexpr double kRipplePerC = 0.004;
+constexpr double kRipplePeriodHz = 44.0e6;
+constexpr double kRipplePhase = 0.6;
+constexpr double kRippleTiltDb = 0.03; // at +30.72 MHz, times -1, 0 or 1 by path
+constexpr double kPhaseRippleRad = 0.06;
+constexpr double kPhaseRipplePerC = 0.002;
+constexpr double kPhaseRipplePeriodHz = 52.0e6;
+constexpr double kPhaseRipplePhase = 0.3;
 constexpr double kIfLevelDbPerStep = 1.0;
 constexpr int kIfLevelMax = 15;
 
 constexpr double kVcoMinHz = 7.499e9;
 constexpr double kVcoMaxHz = 15.2e9;
+
+// Low edges of grid rows 1..10 (rows above: centre - 15.36 MHz).
+constexpr std::array<double, 10> kGridLowEdge{0.0,     38.4e6,  61.44e6,  92.16e6,  122.88e6,
+                                              153.6e6, 184.32e6, 215.04e6, 245.76e6, 276.48e6};
+constexpr double kGridRow10HighHz = 299.52e6;
 
 constexpr std::array<double, 10> kGridLo{61.44e6,  69.12e6,  99.84e6,  130.56e6, 161.28e6,
                                          192.0e6,  222.72e6, 253.44e6, 284.16e6, 307.2e6};
@@ -119,12 +130,30 @@ double CaptureCentreHz(int band, double loHz) {
     return loHz - (band == 0 ? kIfOffsetBand0Hz : kIfOffsetHz);
 }
 
+double LowFrequencyRiseDb(double rfHz) {
+    if (rfHz < kLowFrequencyRise.front().first) return kLowFrequencyRise.front().second;
+    for (size_t i = 1; i < kLowFrequencyRise.size(); ++i) {
+        const auto [f1, v1] = kLowFrequencyRise[i];
+        if (rfHz < f1) {
+            const auto [f0, v0] = kLowFrequencyRise[i - 1];
+            return v0 + (v1 - v0) * (rfHz - f0) / (f1 - f0);
+        }
+    }
+    return 0.0;
+}
+
+double RfFlatnessDb(double rfHz, double tempC) {
+    const double fGHz = rfHz * 1e-9;
+    return kFlatnessSlopeDbPerGHz * fGHz +
+           kFlatnessWaveDb * std::sin(2.0 * std::numbers::pi * fGHz / kFlatnessWavePeriodGHz) +
+           kFlatnessTiltDbPerGHzPerC * (tempC - 25.0) * fGHz;
+}
+
 double GainDb(int band, double rfHz, double attenuationDb, double tempC, int ifLevel) {
     if (band < 0 || band >= kBandCount) return -200.0;
     const size_t b = static_cast<size_t>(band);
-    const double fGHz = rfHz * 1e-9;
     double g = kBaseGainDb[b];
-    g += -0.30 * fGHz + 0.5 * std::sin(2.0 * std::numbers::pi * fGHz / 2.7);
+    g += RfFlatnessDb(rfHz, tempC);
     if (band == 0) g += LowFrequencyRiseDb(rfHz);
     g += (kTempCoefficientDbPerC - 0.001 * band) * (tempC - 25.0);
     g += kIfLevelDbPerStep * (std::clamp(ifLevel, 0, kIfLevelMax) - 4);
@@ -137,6 +166,51 @@ double IfResponse(double offsetHz) {
     if (a <= kIfFlatHz) return 1.0;
     if (a >= kIfEdgeHz) return 0.0;
     return 0.5 * (1.0 + std::cos(std::numbers::pi * (a - kIfFlatHz) / (kIfEdgeHz - kIfFlatHz)));
+}
+
+double IfRippleDb(int band, double offsetHz, double tempC) {
+    const double depth = kRippleDb * (1.0 + kRipplePerC * (tempC - 25.0));
+    const double wave = std::cos(2.0 * std::numbers::pi * offsetHz / kRipplePeriodHz + kRipplePhase) -
+                        std::cos(kRipplePhase);
+    const double tilt = kRippleTiltDb * ((std::max(band, 0) % 3) - 1) * offsetHz / kIfEdgeHz;
+    return depth * wave + tilt;
+}
+
+double IfRipplePhase(double offsetHz, double tempC) {
+    const double depth = kPhaseRippleRad * (1.0 + kPhaseRipplePerC * (tempC - 25.0));
+    return depth * (std::sin(2.0 * std::numbers::pi * offsetHz / kPhaseRipplePeriodHz + kPhaseRipplePhase) -
+                    std::sin(kPhaseRipplePhase));
+}
+
+std::complex<double> IfResponseAt(int band, double offsetHz, double tempC) {
+    const double taper = IfResponse(offsetHz);
+    if (taper <= 0.0) return 0.0;
+    return std::polar(taper * std::pow(10.0, IfRippleDb(band, offsetHz, tempC) / 20.0),
+                      IfRipplePhase(offsetHz, tempC));
+}
+
+TapRegisters ResetTapRegisters() {
+    TapRegisters r{};
+    r[kFilterDelaySamples] = 0x7FFF;
+    return r;
+}
+
+DeviceFilter::DeviceFilter() : DeviceFilter(ResetTapRegisters()) {}
+
+DeviceFilter::DeviceFilter(const TapRegisters& registers) {
+    // Pair 31 exists as registers but the filter never reads it.
+    for (size_t n = 0; n < kFilterTaps - 1; ++n) {
+        const auto value = [](uint16_t r) { return static_cast<int16_t>(r) / 32767.0; };
+        taps_[n] = {value(registers[n]), value(registers[kFilterTaps + n])};
+    }
+}
+
+std::complex<double> DeviceFilter::Response(double cyclesPerSample) const {
+    std::complex<double> sum = 0.0;
+    for (int n = 0; n < kFilterTaps; ++n)
+        sum += taps_[static_cast<size_t>(n)] *
+               std::polar(1.0, -2.0 * std::numbers::pi * cyclesPerSample * (n - kFilterDelaySamples));
+    return sum;
 }
 
 int FactoryIfLevel(int band) { return BandUsesHighOutput(band) ? 6 : 4; }
@@ -155,6 +229,22 @@ double ReferenceError(uint16_t tuneWord, double tempC) {
 double GridRowLoHz(int row) {
     if (row >= 1 && row <= 10) return kGridLo[static_cast<size_t>(row - 1)];
     return row * 30.72e6;
+}
+
+int GridRowForFrequency(double rfHz) {
+    if (!(rfHz >= kGridLowEdge[1])) return 1;
+    if (rfHz < kGridRow10HighHz) {
+        int row = 1;
+        while (row < 10 && kGridLowEdge[static_cast<size_t>(row)] <= rfHz) ++row;
+        return row;
+    }
+    // Row r >= 11 covers [r * 30.72 - 38.4, r * 30.72 - 7.68) MHz.
+    const double r = std::floor((rfHz + 38.4e6) / 30.72e6);
+    if (r >= 489) return 489;
+    int row = std::max(11, static_cast<int>(r));
+    if (rfHz < GridRowCentreHz(row) - 15.36e6) --row;
+    else if (rfHz >= GridRowCentreHz(row) + 15.36e6) ++row;
+    return std::clamp(row, 11, 489);
 }
 
 double GridRowCentreHz(int row) {

@@ -11,11 +11,22 @@
 //               for the doubling bands (1..5, 7, 8) a further halving in the
 //               mixer. The capture centre is C = LO - 23.04 MHz, or
 //               C = LO - 38.4 MHz in band 0, whose spectrum is mirrored.
-//   gain        GainDb(): per-band base gain, a smooth frequency term, the
-//               band-0 low-frequency rise, a temperature coefficient, the IF
-//               level and the attenuator (with its per-band error).
-//   IF filter   flat to +-28 MHz from C, raised-cosine taper to zero at
-//               +-30.72 MHz; nothing beyond (no aliasing).
+//   gain        GainDb(): per-band base gain, the RF flatness term (smooth in
+//               frequency, tilting with temperature), the band-0
+//               low-frequency rise, a temperature coefficient, the IF level
+//               and the attenuator (with its per-band error). Within one
+//               path GainDb varies with the tone's frequency only through
+//               RfFlatnessDb and band 0's rise.
+//   IF filter   IfResponseAt(): a small ripple in magnitude (about +-0.1 dB,
+//               growing with temperature, tilted per band) and phase (about
+//               +-0.06 rad), 0 dB and 0 rad at C, within the anti-alias
+//               taper: flat to +-28 MHz from C, raised-cosine taper to zero
+//               at +-30.72 MHz; nothing beyond (no aliasing).
+//   filter      the device's programmable 32-tap complex FIR (DeviceFilter),
+//               h = bank a + i bank b from the tap registers 0x40..0x7F,
+//               applied at the ADC rate to every stream (ahead of the
+//               decimator when there is one). Its pipeline delay of 15
+//               samples is taken out of the sample timeline.
 //   ADC         16-bit, full scale 1.0 = 32768 counts per component, a DC
 //               offset of +576 counts, a noise floor of its own, clipping at
 //               the 16-bit limits (which sets status bit 0x100).
@@ -25,14 +36,18 @@
 //               gives zero error.
 //
 // Levels: "dBFS" here is 10*log10 of the mean |x|^2 of complex samples in
-// full-scale units (counts / 32768). A CW tone of P dBm reads P + GainDb()
-// dBFS; the factory amplitude table holds -GainDb() at its calibration
-// points, so that the host's corrected reading is the input power.
+// full-scale units (counts / 32768). A CW tone of P dBm at baseband offset f
+// reads P + GainDb() + 20 log10 |IfResponseAt(f) DeviceFilter::Response(f)|
+// dBFS. The factory record holds -GainDb() at its calibration points and
+// describes the IF ripple and the RF flatness in its response tables, from
+// which the host designs the taps that flatten the capture; so the host's
+// corrected reading is the input power (docs/corrections.md).
 //
 // Pure functions and constants; thread-safe.
 #pragma once
 
 #include <array>
+#include <complex>
 #include <cstdint>
 
 namespace lx::sim::fe {
@@ -110,11 +125,55 @@ inline bool BandMirrored(int band) { return band == 0; }
 // rfHz through `band`, with `attenuationDb` nominal attenuation, at tempC and
 // IF level byte ifLevel.
 double GainDb(int band, double rfHz, double attenuationDb, double tempC, int ifLevel);
-// Amplitude response of the IF filter at an offset from the capture centre
+// RF flatness in dB at rfHz and tempC: the part of the gain that changes
+// smoothly with frequency (and tilts with temperature); the same for every
+// path. The factory's response tables C and D describe it.
+double RfFlatnessDb(double rfHz, double tempC);
+// Band 0's rise towards DC in dB (0 from 8.7 MHz up): exactly the host's
+// fixed low-frequency roll-off curve negated.
+double LowFrequencyRiseDb(double rfHz);
+
+// Magnitude of the anti-alias taper at an offset from the capture centre
 // (0..1; 0 beyond the capture).
 double IfResponse(double offsetHz);
+// The IF ripple alone (taper left out) at a baseband offset: magnitude in dB
+// and phase in radians, both 0 at the centre.
+double IfRippleDb(int band, double offsetHz, double tempC);
+double IfRipplePhase(double offsetHz, double tempC);
+// Complex response of the IF at a baseband offset (the sample stream's
+// frequency, after band 0's mirroring): taper, ripple and phase.
+std::complex<double> IfResponseAt(int band, double offsetHz, double tempC);
 // IF level byte the factory programs for a band.
 int FactoryIfLevel(int band);
+
+// ---- the device's programmable filter --------------------------------------------
+
+inline constexpr int kFilterTaps = 32;
+inline constexpr int kFilterDelaySamples = 15; // centre of the 31 taps in use
+
+// The complex FIR the device runs on the ADC stream. Tap n is
+// int16(reg[n]) / 32767 + i int16(reg[32 + n]) / 32767, reg[k] being the
+// operand of opcode 0x40 + k; pair 31 is never applied. A device reset leaves
+// the registers a pass-through (ResetTapRegisters: tap 15 = 0x7FFF); the
+// host's power-up sequence then loads its default-tap block (a single tap 16
+// of 0.515 + 0.5i: a one-sample delay, 2.9 dB of loss and a 44 degree turn),
+// which stays until a set-up sends the taps of its tuning.
+using TapRegisters = std::array<uint16_t, 2 * kFilterTaps>;
+TapRegisters ResetTapRegisters();
+
+class DeviceFilter {
+public:
+    DeviceFilter(); // the pass-through of ResetTapRegisters
+    explicit DeviceFilter(const TapRegisters& registers);
+
+    // Response at a frequency in cycles per ADC sample (-0.5 .. 0.5), with
+    // the pipeline delay of kFilterDelaySamples taken out.
+    std::complex<double> Response(double cyclesPerSample) const;
+    const std::array<std::complex<double>, kFilterTaps>& taps() const { return taps_; }
+
+private:
+    std::array<std::complex<double>, kFilterTaps> taps_{};
+};
 
 // ---- reference oscillator -------------------------------------------------------
 
@@ -133,5 +192,14 @@ double ReferenceError(uint16_t tuneWord, double tempC);
 // rule); the factory calibration point of frequency index i is row i + 1.
 double GridRowCentreHz(int row);
 double GridRowLoHz(int row);
+// The grid row 1..489 whose [low, high) edges hold rfHz (clamped at both ends).
+int GridRowForFrequency(double rfHz);
+
+// Width of the factory's fine flatness cells (table D): cell j covers
+// [j, j + 1) * 3.75 MHz, 4000 cells up to 15 GHz.
+inline constexpr double kFineCellHz = 3.75e6;
+inline constexpr int kFineCells = 4000;
+// Baseband offset of response point k (0..12) of tables A..C.
+inline constexpr double ResponsePointOffsetHz(int k) { return (k - 6) * 5.12e6; }
 
 } // namespace lx::sim::fe

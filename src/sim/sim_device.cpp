@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <complex>
 #include <cstring>
 #include <functional>
+#include <numbers>
 
 #include "lx_command/status_packet.h"
 #include "sim/factory_image.h"
@@ -496,7 +498,10 @@ void SimDevice::ExecuteRunWord(uint32_t w) {
         QueueTransferRequest(w);
         break;
     default:
-        if (op >= 0x40 && op <= 0x7F) run_.taps[op - 0x40] = static_cast<uint16_t>(operand);
+        if (op >= 0x40 && op <= 0x7F) {
+            run_.taps[op - 0x40] = static_cast<uint16_t>(operand);
+            run_.config.reset();
+        }
         // Settle, spacer, stop, converter, power-up, switch and GPIO UART words
         // change nothing the simulation models; the log keeps them.
         break;
@@ -511,6 +516,7 @@ std::shared_ptr<const CaptureConfig> SimDevice::CurrentConfig() {
     c->attenuationDb = path.attenuationDb;
     c->ifLevel = run_.ifLevel;
     c->tuneWord = run_.osc.tuneWord;
+    c->filter = fe::DeviceFilter(run_.taps);
     if (path.band >= 0) {
         const double synth = fe::SynthOutputHz(run_.synth, fe::BandUsesHighOutput(path.band));
         c->locked = synth > 0;
@@ -602,17 +608,21 @@ const RenderPlan& SimDevice::PlanFor(const std::shared_ptr<const CaptureConfig>&
         const double g = fe::GainDb(c.band, c.locked ? centre : 0.0, c.attenuationDb, s.temperatureC, c.ifLevel);
         noise += std::pow(10.0, (s.noiseFloorDbmHz + g + 10.0 * std::log10(fs)) / 10.0);
     }
-    plan_.noiseSigma = static_cast<float>(std::sqrt(noise));
+    // Everything the ADC delivers passes the device's filter; its gain at the
+    // centre stands for the (nearly flat) noise floor.
+    plan_.noiseSigma = static_cast<float>(std::sqrt(noise) * std::abs(c.filter.Response(0.0)));
     if (c.band < 0 || !c.locked) return plan_;
     for (const ToneEmitter& e : s.tones) {
         const double offset = e.frequencyHz - centre;
-        const double response = fe::IfResponse(offset);
-        if (response <= 0.0) continue;
+        const double baseband = fe::BandMirrored(c.band) ? -offset : offset;
+        const std::complex<double> response =
+            fe::IfResponseAt(c.band, baseband, s.temperatureC) * c.filter.Response(baseband / fs);
+        if (std::abs(response) <= 0.0) continue;
         const double g = fe::GainDb(c.band, e.frequencyHz, c.attenuationDb, s.temperatureC, c.ifLevel);
         ToneComponent t;
-        t.amplitude = static_cast<float>(std::pow(10.0, (e.powerDbm + g) / 20.0) * response);
-        t.cyclesPerSample = (fe::BandMirrored(c.band) ? -offset : offset) / fs;
-        t.phaseCycles = e.phaseDeg / 360.0;
+        t.amplitude = static_cast<float>(std::pow(10.0, (e.powerDbm + g) / 20.0) * std::abs(response));
+        t.cyclesPerSample = baseband / fs;
+        t.phaseCycles = e.phaseDeg / 360.0 + std::arg(response) / (2.0 * std::numbers::pi);
         plan_.tones.push_back(t);
     }
     return plan_;

@@ -104,6 +104,7 @@ struct CaptureConfig {
     double loHz = 0;
     double centreHz = 0;
     uint16_t tuneWord = fe::kResetTuneWord;
+    fe::DeviceFilter filter; // the tap registers in force
 };
 
 class SimDevice : public std::enable_shared_from_this<SimDevice> {
@@ -171,7 +172,7 @@ private:
         uint8_t ifLevel = 4;
         Oscillator osc; // tune word (0x2E) and GPS discipline (0x2F)
         uint32_t captureControl = 0;
-        uint16_t taps[64] = {};
+        fe::TapRegisters taps = fe::ResetTapRegisters();
         uint32_t reference = 0;
         uint32_t gpio = 0;
         uint16_t fanSetPointRaw = 45 * 16;

@@ -8,6 +8,7 @@
 #include <numbers>
 #include <thread>
 
+#include "cal/correction.h"
 #include "lx_command/encoders.h"
 #include "sim_test_util.h"
 
@@ -241,6 +242,10 @@ float F32(const uint8_t* p) {
     return f;
 }
 
+// Grid rows: LO = row tuning frequency, capture centre = row centre.
+double RowLo(int row) { return row <= 1 ? 61.44e6 : row * 30.72e6; } // rows used here are 1 and >= 11
+double RowCentre(int row) { return row <= 1 ? 23.04e6 : RowLo(row) - 23.04e6; }
+
 // A calibrated instrument as a host brings it up: the calibration record is
 // read through the boot loader, then the run image is started.
 struct Instrument {
@@ -248,17 +253,22 @@ struct Instrument {
     std::vector<uint8_t> cal;
     uint16_t tuneWord = 0; // the record's tune value plus its offset at 25 degrees
 
-    // Amplitude correction at 25 degrees, interpolated between the record's
-    // temperature points as the host does.
-    double Correction(int attenStep, int stepIndex) const {
+    // The host's temperature bracket at 25 degrees, between the record's
+    // temperature points.
+    lx::CalBracket Bracket() const {
         const double t = 25.0;
         int k = 0;
         while (k < 7 && F32(&cal[688 + 4 * k]) <= t) ++k;
-        const int slot = k - 1;
-        const double p0 = F32(&cal[688 + 4 * slot]), p1 = F32(&cal[688 + 4 * (slot + 1)]);
-        const double x = (t - p0) / (p1 - p0);
-        auto at = [&](int s) { return F32(&cal[1208 + 4 * ((s * 7 + attenStep) * 490 + (stepIndex - 1))]); };
-        return (1 - x) * at(slot) + x * at(slot + 1);
+        const double p0 = F32(&cal[688 + 4 * (k - 1)]), p1 = F32(&cal[688 + 4 * k]);
+        return {k - 1, static_cast<float>((t - p0) / (p1 - p0))};
+    }
+    // The equaliser the host sends for a grid row, and the step gain that
+    // goes with it (amplitude table plus the equaliser's level term).
+    lx::StepCorrection Equaliser(int stepIndex) const {
+        return lx::BuildStepCorrection(cal.data(), Bracket(), stepIndex, lx::FineCell(RowCentre(stepIndex)));
+    }
+    double Correction(int attenStep, int stepIndex) const {
+        return lx::StepGainDb(cal.data(), Bracket(), attenStep, stepIndex, Equaliser(stepIndex));
     }
 };
 
@@ -288,9 +298,8 @@ Instrument Bring(int32_t serial, const std::string& scene) {
 
 // Words that tune to grid row `row` (LO = row tuning frequency, capture
 // centre = row centre) with attenuation step `atten`, as the host's encoders
-// write them, followed by the tune word and a request.
-double RowLo(int row) { return row <= 1 ? 61.44e6 : row * 30.72e6; } // rows used here are 1 and >= 11
-double RowCentre(int row) { return row <= 1 ? 23.04e6 : RowLo(row) - 23.04e6; }
+// write them, followed by the row's equaliser taps, the tune word and a
+// request.
 
 std::vector<uint32_t> TuneAndCapture(const Instrument& in, int row, int atten, uint32_t iq, uint32_t aux) {
     const double lo = RowLo(row);
@@ -300,6 +309,10 @@ std::vector<uint32_t> TuneAndCapture(const Instrument& in, int row, int atten, u
     const int ifLevelIndex = row - 1;
     const int n = lx::EncodeTune(st, words, lo, centre, in.cal[716 + ifLevelIndex], 5 * atten, 24, false);
     std::vector<uint32_t> out(words, words + n);
+    lx::CommandList taps;
+    taps.BeginBlock();
+    lx::EncodeFilterTaps(taps, in.Equaliser(row).taps);
+    out.insert(out.end(), taps.Words().begin(), taps.Words().begin() + 2 * lx::kFilterTapPairs);
     out.push_back(0x2E000000u | in.tuneWord);
     out.push_back(0x30000000);
     const auto req = Request(iq, aux);
