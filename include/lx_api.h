@@ -243,6 +243,28 @@ LX_API LxStatus lxSetSweepGPIOSwitching(int32_t handle, const uint64_t* frequenc
                                         const uint8_t* values, int32_t count);
 LX_API LxStatus lxSetSweepGPIOSwitchingDisabled(int32_t handle);
 
+/* ==== Swept spectrum results (mode 1) =====================================
+ * After lxConfigure(handle, lxModeSweep). */
+
+/* The figures the sweep set-up achieved; each output optional. actualRbw:
+ * the resolution bandwidth the window length gives (Hz); actualVbw (Hz);
+ * actualStart: frequency of trace point 0 (Hz); binSize: spacing of trace
+ * points (Hz); sweepLength: number of trace points. lxInvalidConfigurationErr
+ * when mode 1 is not configured. */
+LX_API LxStatus lxGetSweepParameters(int32_t handle, double* actualRbw, double* actualVbw,
+                                     double* actualStart, double* binSize, int32_t* sweepLength);
+
+/* Runs one sweep and returns its minimum and maximum traces (sweepLength
+ * floats each; dBm on a logarithmic scale, mV on the linear one) and the time
+ * stamp of the sweep (ns since 1970, device time); each output optional.
+ * Blocks until the sweep is complete. 0, or a warning that still delivers the
+ * traces: lxADCOverflow (the input overloaded the chosen attenuation),
+ * lxUncalData (samples were lost), lxCPULimited, lxTempDrift (the analyzer's
+ * temperature moved by more than 2 degrees since lxConfigure); errors:
+ * lxInvalidConfigurationErr when mode 1 is not configured,
+ * lxSweepAlreadyActiveErr, lxFramingErr, lxConnectionLostErr. */
+LX_API LxStatus lxGetSweep(int32_t handle, float* minTrace, float* maxTrace, uint64_t* timestamp);
+
 /* ==== Power, identity, diagnostics ========================================
  * Calls marked "guarded" return lxInvalidConfigurationErr while a streaming
  * mode (real-time, I/Q, audio) runs: the analyzer's command path is busy. */

@@ -1,13 +1,19 @@
 #include "lx_lib/device.h"
 
+#include "engines/narrow_span_engine.h"
+#include "engines/sweep_engine.h"
+
 namespace lx {
 
 // Each measurement engine brings its set-up; until it exists, its mode is
 // refused and the device stays idle.
 LxStatus SetupMode(Device& dev, int32_t mode) {
-    (void)dev;
     switch (mode) {
-    case 1: case 2: case 3: case 4: case 5: case 100:
+    case 1:
+        // Spans below 5 MHz fit one capture: the narrow-span engine.
+        if (dev.sweep.stop - dev.sweep.start < engines::kMinSweepSpanHz) return engines::SetupNarrowSpan(dev);
+        return engines::SetupSweep(dev);
+    case 2: case 3: case 4: case 5: case 100:
         return lxInvalidConfigurationErr;
     default:
         return lxInvalidParameterErr;

@@ -189,6 +189,23 @@ std::complex<double> IfResponseAt(int band, double offsetHz, double tempC) {
                       IfRipplePhase(offsetHz, tempC));
 }
 
+int DecimationForCode(uint32_t captureControl) {
+    switch (captureControl) {
+    case 2: return 2;
+    case 3: return 4;
+    default: return 1;
+    }
+}
+
+double DecimatorResponse(double cyclesPerOutputSample, int factor) {
+    if (factor <= 1) return 1.0;
+    constexpr double kFlat = 0.4, kEdge = 0.5;
+    const double a = std::abs(cyclesPerOutputSample);
+    if (a <= kFlat) return 1.0;
+    if (!(a < kEdge)) return 0.0;
+    return 0.5 * (1.0 + std::cos(std::numbers::pi * (a - kFlat) / (kEdge - kFlat)));
+}
+
 TapRegisters ResetTapRegisters() {
     TapRegisters r{};
     r[kFilterDelaySamples] = 0x7FFF;

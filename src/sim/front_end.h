@@ -27,6 +27,11 @@
 //               applied at the ADC rate to every stream (ahead of the
 //               decimator when there is one). Its pipeline delay of 15
 //               samples is taken out of the sample timeline.
+//   decimator   capture-control codes 2 and 3 (DecimationForCode): after the
+//               programmable filter a fixed half-band chain band-limits the
+//               stream (DecimatorResponse) and every 2nd / 4th sample is
+//               kept. The samples keep the full-rate stream's scale and noise
+//               density; nothing beyond the output Nyquist folds back in.
 //   ADC         16-bit, full scale 1.0 = 32768 counts per component, a DC
 //               offset of +576 counts, a noise floor of its own, clipping at
 //               the 16-bit limits (which sets status bit 0x100).
@@ -174,6 +179,17 @@ public:
 private:
     std::array<std::complex<double>, kFilterTaps> taps_{};
 };
+
+// ---- the device's decimator -------------------------------------------------------
+
+// Samples the device keeps per output sample for a capture-control operand
+// (opcode 0x30): 2^(code - 1) for codes 1..3; 0 and anything else run at the
+// full rate.
+int DecimationForCode(uint32_t captureControl);
+// Magnitude of the decimator's low-pass at a frequency in cycles per OUTPUT
+// sample: 1 within +-0.4, a raised-cosine taper to 0 at +-0.5, 0 beyond.
+// Unity everywhere when the device does not decimate (factor 1).
+double DecimatorResponse(double cyclesPerOutputSample, int factor);
 
 // ---- reference oscillator -------------------------------------------------------
 

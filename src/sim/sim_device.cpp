@@ -337,7 +337,10 @@ void SimDevice::RenderItem(OutItem& it, uint8_t* dst) {
     case OutItem::Kind::Iq: {
         const RenderPlan& plan = PlanFor(it.config);
         const uint32_t noiseOffset = static_cast<uint32_t>(NextRandom(rng_) >> 32);
-        if (RenderIqPacket(plan, it.sampleIndex, noiseOffset, reinterpret_cast<int16_t*>(dst)))
+        // The plan's tones run in delivered samples; sampleIndex counts ADC
+        // samples and is a multiple of the factor (QueueTransferRequest).
+        const uint64_t first = it.sampleIndex / static_cast<uint64_t>(it.config->decimation);
+        if (RenderIqPacket(plan, first, noiseOffset, reinterpret_cast<int16_t*>(dst)))
             pendingStatus_ |= fe::kStatusAdcOverflow;
         if (scene.pacing == Pacing::Realtime &&
             Clock::now() - it.readyAt > std::chrono::duration<double>(kDeviceBufferSeconds))
@@ -493,6 +496,7 @@ void SimDevice::ExecuteRunWord(uint32_t w) {
         break;
     case 0x30:
         run_.captureControl = operand;
+        run_.config.reset();
         break;
     case 0x31:
         QueueTransferRequest(w);
@@ -517,6 +521,7 @@ std::shared_ptr<const CaptureConfig> SimDevice::CurrentConfig() {
     c->ifLevel = run_.ifLevel;
     c->tuneWord = run_.osc.tuneWord;
     c->filter = fe::DeviceFilter(run_.taps);
+    c->decimation = fe::DecimationForCode(run_.captureControl);
     if (path.band >= 0) {
         const double synth = fe::SynthOutputHz(run_.synth, fe::BandUsesHighOutput(path.band));
         c->locked = synth > 0;
@@ -542,13 +547,17 @@ void SimDevice::QueueTransferRequest(uint32_t w) {
     };
     auto config = iq > 0 ? CurrentConfig() : nullptr;
     const uint64_t before = producedEnd_;
+    const uint64_t factor = config ? static_cast<uint64_t>(config->decimation) : 1;
+    // The decimator keeps the ADC samples whose index is a multiple of its
+    // factor: a decimated capture starts on the next such sample.
+    if (iq > 0) samplePos_ = (samplePos_ + factor - 1) / factor * factor;
     for (uint32_t k = 0; k < iq; ++k) {
         OutItem it;
         it.kind = OutItem::Kind::Iq;
         it.start = producedEnd_;
         it.size = kIqPacketBytes;
         it.sampleIndex = samplePos_;
-        samplePos_ += kIqPacketSamples;
+        samplePos_ += kIqPacketSamples * factor;
         it.readyAt = readyOf(samplePos_);
         it.config = config;
         items_.push_back(std::move(it));
@@ -609,19 +618,26 @@ const RenderPlan& SimDevice::PlanFor(const std::shared_ptr<const CaptureConfig>&
         noise += std::pow(10.0, (s.noiseFloorDbmHz + g + 10.0 * std::log10(fs)) / 10.0);
     }
     // Everything the ADC delivers passes the device's filter; its gain at the
-    // centre stands for the (nearly flat) noise floor.
-    plan_.noiseSigma = static_cast<float>(std::sqrt(noise) * std::abs(c.filter.Response(0.0)));
+    // centre stands for the (nearly flat) noise floor. The decimator keeps
+    // 1/R of the band and of the noise power: the density stays, and the
+    // delivered samples (at fs / R) carry noise of sigma^2 / R.
+    const int R = std::max(c.decimation, 1);
+    plan_.noiseSigma =
+        static_cast<float>(std::sqrt(noise / static_cast<double>(R)) * std::abs(c.filter.Response(0.0)));
     if (c.band < 0 || !c.locked) return plan_;
     for (const ToneEmitter& e : s.tones) {
         const double offset = e.frequencyHz - centre;
         const double baseband = fe::BandMirrored(c.band) ? -offset : offset;
-        const std::complex<double> response =
-            fe::IfResponseAt(c.band, baseband, s.temperatureC) * c.filter.Response(baseband / fs);
+        // Cycles per delivered sample: a tone beyond the decimated band is
+        // taken out by the decimator, never folded in.
+        const double cycles = baseband / fs * R;
+        const std::complex<double> response = fe::IfResponseAt(c.band, baseband, s.temperatureC) *
+                                              c.filter.Response(baseband / fs) * fe::DecimatorResponse(cycles, R);
         if (std::abs(response) <= 0.0) continue;
         const double g = fe::GainDb(c.band, e.frequencyHz, c.attenuationDb, s.temperatureC, c.ifLevel);
         ToneComponent t;
         t.amplitude = static_cast<float>(std::pow(10.0, (e.powerDbm + g) / 20.0) * std::abs(response));
-        t.cyclesPerSample = baseband / fs;
+        t.cyclesPerSample = cycles;
         t.phaseCycles = e.phaseDeg / 360.0 + std::arg(response) / (2.0 * std::numbers::pi);
         plan_.tones.push_back(t);
     }

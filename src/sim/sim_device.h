@@ -35,6 +35,10 @@
 //   same. So an IN transfer of L bytes completes with min(L, bytes up to the
 //   next short packet) once those bytes have been sent, leftover bytes go to
 //   the next transfer, and with nothing sent it waits.
+//   A decimating capture (capture control 2 or 3) still fills 2048-sample
+//   packets; each spans 2 or 4 times the ADC samples, and its first sample
+//   sits on an ADC sample index divisible by the factor (the decimator's
+//   phase is fixed to the timeline).
 //   Packets are synthesised when an IN transfer takes them (the tuning in
 //   force when they were requested, the scene in force when they are
 //   delivered), straight into the caller's buffer.
@@ -105,6 +109,7 @@ struct CaptureConfig {
     double centreHz = 0;
     uint16_t tuneWord = fe::kResetTuneWord;
     fe::DeviceFilter filter; // the tap registers in force
+    int decimation = 1;      // ADC samples per delivered sample (capture control)
 };
 
 class SimDevice : public std::enable_shared_from_this<SimDevice> {

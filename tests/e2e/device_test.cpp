@@ -197,6 +197,9 @@ std::vector<NamedCall> AllPerDeviceExports() {
         {"lxSetSweepWindow", [](int32_t h) { return lxSetSweepWindow(h, 9); }},
         {"lxSetSweepGPIOSwitching", [](int32_t h) { return lxSetSweepGPIOSwitching(h, nullptr, nullptr, 3); }},
         {"lxSetSweepGPIOSwitchingDisabled", [](int32_t h) { return lxSetSweepGPIOSwitchingDisabled(h); }},
+        {"lxGetSweepParameters",
+         [](int32_t h) { return lxGetSweepParameters(h, nullptr, nullptr, nullptr, nullptr, nullptr); }},
+        {"lxGetSweep", [](int32_t h) { return lxGetSweep(h, nullptr, nullptr, nullptr); }},
     };
 }
 

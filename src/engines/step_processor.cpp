@@ -1,0 +1,228 @@
+#include "engines/step_processor.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "common/lx_assert.h"
+#include "dsp/kernels.h"
+#include "dsp/simd.h"
+
+namespace lx::engines {
+
+namespace {
+
+// 50 ohm: mV = sqrt(P[mW] * 1e-3 * 50) * 1e3 = sqrt(P[mW]) * 223.6.
+constexpr float kMilliVoltsPerSqrtMilliWatt = 223.6f;
+// dBm -> mV: exp((x + 46.9897) * ln(10) / 20), i.e. 10^((x + 46.9897) / 20).
+constexpr double kDbmToMvOffset = 46.9897;
+constexpr double kNepersPerTwentyDb = 0.115129254758358;
+
+LX_DSP_CLONES void SqrtLoop(float* x, int64_t n) {
+    for (int64_t i = 0; i < n; ++i) x[i] = std::sqrt(x[i]);
+}
+
+LX_DSP_CLONES void SquareLoop(float* x, int64_t n) {
+    for (int64_t i = 0; i < n; ++i) x[i] = x[i] * x[i];
+}
+
+LX_DSP_CLONES void ScaleLoop(float* x, float s, int64_t n) {
+    for (int64_t i = 0; i < n; ++i) x[i] *= s;
+}
+
+LX_DSP_CLONES void AddLoop(float* x, float s, int64_t n) {
+    for (int64_t i = 0; i < n; ++i) x[i] += s;
+}
+
+LX_DSP_CLONES void AccumulateLoop(double* __restrict sum, const float* __restrict s, int64_t n) {
+    for (int64_t i = 0; i < n; ++i) sum[i] += static_cast<double>(s[i]);
+}
+
+LX_DSP_CLONES void MeanLoop(const double* __restrict sum, double inv, float* __restrict out, int64_t n) {
+    for (int64_t i = 0; i < n; ++i) out[i] = static_cast<float>(sum[i] * inv);
+}
+
+// a = a * (1 - w) + s * w
+LX_DSP_CLONES void BlendLoop(float* __restrict a, const float* __restrict s, float keep, float w, int64_t n) {
+    for (int64_t i = 0; i < n; ++i) a[i] = a[i] * keep + s[i] * w;
+}
+
+// a = a * (1 - r) + s * r, then min/max updated with a.
+LX_DSP_CLONES void VideoLoop(float* __restrict a, const float* __restrict s, float keep, float r,
+                             float* __restrict mn, float* __restrict mx, int64_t n) {
+    for (int64_t i = 0; i < n; ++i) {
+        const float v = a[i] * keep + s[i] * r;
+        a[i] = v;
+        mn[i] = v < mn[i] ? v : mn[i];
+        mx[i] = v > mx[i] ? v : mx[i];
+    }
+}
+
+} // namespace
+
+bool StepConfigValid(const StepProcessorConfig& c) {
+    return dsp::IsPowerOf2(c.fftSize) && c.fftSize >= 64 && c.fftSize <= dsp::kMaxFftSize &&
+           c.windowLength >= 2 && c.windowLength <= c.fftSize && c.averageCount >= 1 && c.vbwRatio > 0.0 &&
+           c.vbwRatio <= 1.0 && c.detector >= 0 && c.detector <= 1 && c.videoUnits >= 0 && c.videoUnits <= 3 &&
+           c.scale >= 0 && c.scale <= 2 && c.windowType >= 0 && c.windowType <= 5;
+}
+
+StepProcessor::StepProcessor(const StepProcessorConfig& config)
+    : config_(config),
+      valid_(StepConfigValid(config)),
+      // An invalid size builds an unusable FFT object without a report; the
+      // configuration check above already said no.
+      fft_(config.windowType, 0, valid_ ? config.fftSize : 64, valid_ ? config.fftSize - config.windowLength : 0) {
+    if (!valid_) return;
+    const int64_t n = config_.fftSize;
+    spectrum_.resize(n);
+    segment_.resize(n);
+    min_.resize(n);
+    max_.resize(n);
+    if (config_.videoUnits != static_cast<int32_t>(VideoUnits::kSample)) {
+        if (config_.detector == static_cast<int32_t>(Detector::kAverage))
+            sum_.resize(n);
+        else
+            video_.resize(n);
+    }
+    valid_ = fft_.valid();
+    Begin();
+}
+
+int64_t StepProcessor::SegmentCount() const noexcept {
+    return config_.videoUnits == static_cast<int32_t>(VideoUnits::kSample) ? 1 : config_.averageCount;
+}
+
+int64_t StepProcessor::SamplesNeeded() const noexcept {
+    return (SegmentCount() - 1) * static_cast<int64_t>(hop()) + config_.windowLength;
+}
+
+void StepProcessor::Begin() noexcept {
+    taken_ = 0;
+    weight_ = 1.0;
+    tracing_ = false;
+    if (!valid_) return;
+    min_.zero();
+    max_.zero();
+    sum_.zero();
+    video_.zero();
+}
+
+void StepProcessor::SegmentSpectrum(const cf32* segment, float* out) noexcept {
+    const int64_t n = config_.fftSize;
+    const int64_t half = n / 2;
+    cf32* x = spectrum_.span().data();
+    const dsp::DspStatus st = fft_.Transform(segment, x);
+    LX_ASSERT_TEXT(st == dsp::DspStatus::kOk, "status == ippStsNoErr", "src/dsp");
+    // FFT bins 0..N/2-1 are the upper half of the band: they go to outputs
+    // N/2..N-1, so that output 0 is the lowest frequency.
+    if (config_.videoUnits == static_cast<int32_t>(VideoUnits::kLog)) {
+        dsp::PowerDb(x + half, out, half);
+        dsp::PowerDb(x, out + half, half);
+        return;
+    }
+    dsp::Power(x + half, out, half);
+    dsp::Power(x, out + half, half);
+    if (config_.videoUnits == static_cast<int32_t>(VideoUnits::kVoltage)) SqrtLoop(out, n);
+}
+
+void StepProcessor::AddSegment(const cf32* segment) noexcept {
+    if (!valid_ || segment == nullptr || taken_ >= SegmentCount()) return;
+    const int64_t n = config_.fftSize;
+    if (config_.videoUnits == static_cast<int32_t>(VideoUnits::kSample)) {
+        SegmentSpectrum(segment, min_.span().data());
+        std::memcpy(max_.span().data(), min_.span().data(), sizeof(float) * static_cast<size_t>(n));
+        ++taken_;
+        return;
+    }
+    float* s = segment_.span().data();
+    SegmentSpectrum(segment, s);
+    ++taken_;
+    if (config_.detector == static_cast<int32_t>(Detector::kAverage)) {
+        AccumulateLoop(sum_.span().data(), s, n);
+        return;
+    }
+    float* a = video_.span().data();
+    const double r = config_.vbwRatio;
+    if (weight_ > r) {
+        // Warm-up: a plain running mean until its weight reaches the video
+        // filter's; these segments never reach the traces.
+        BlendLoop(a, s, static_cast<float>(1.0 - weight_), static_cast<float>(weight_), n);
+        weight_ = 1.0 / static_cast<double>(taken_ + 1);
+        return;
+    }
+    const float keep = static_cast<float>(1.0 - r);
+    const float rf = static_cast<float>(r);
+    if (!tracing_) {
+        BlendLoop(a, s, keep, rf, n);
+        std::memcpy(min_.span().data(), a, sizeof(float) * static_cast<size_t>(n));
+        std::memcpy(max_.span().data(), a, sizeof(float) * static_cast<size_t>(n));
+        tracing_ = true;
+        return;
+    }
+    VideoLoop(a, s, keep, rf, min_.span().data(), max_.span().data(), n);
+}
+
+void StepProcessor::Finish(float gainDb, float* minOut, float* maxOut) noexcept {
+    if (!valid_ || minOut == nullptr || maxOut == nullptr) return;
+    const int64_t n = config_.fftSize;
+    const size_t bytes = sizeof(float) * static_cast<size_t>(n);
+    if (config_.videoUnits != static_cast<int32_t>(VideoUnits::kSample) &&
+        config_.detector == static_cast<int32_t>(Detector::kAverage)) {
+        const double inv = taken_ > 0 ? 1.0 / static_cast<double>(taken_) : 0.0;
+        MeanLoop(sum_.span().data(), inv, minOut, n);
+        std::memcpy(maxOut, minOut, bytes);
+    } else {
+        std::memcpy(minOut, min_.span().data(), bytes);
+        std::memcpy(maxOut, max_.span().data(), bytes);
+    }
+    ConvertToScale(config_, gainDb, minOut, n);
+    ConvertToScale(config_, gainDb, maxOut, n);
+}
+
+void StepProcessor::Process(const cf32* samples, float gainDb, float* minOut, float* maxOut) noexcept {
+    if (!valid_ || samples == nullptr) return;
+    Begin();
+    const int64_t segments = SegmentCount();
+    const int64_t h = hop();
+    for (int64_t k = 0; k < segments; ++k) AddSegment(samples + k * h);
+    Finish(gainDb, minOut, maxOut);
+}
+
+void StepProcessor::ConvertToScale(const StepProcessorConfig& c, float gainDb, float* v, int64_t n) noexcept {
+    if (v == nullptr || n <= 0) return;
+    const bool linear = c.scale == static_cast<int32_t>(Scale::kLinear);
+    const bool gain = c.scale != static_cast<int32_t>(Scale::kLogNoStepGain);
+    const float dbGain = gain ? gainDb : 0.0f;
+    const float linGain = static_cast<float>(std::pow(10.0, static_cast<double>(gainDb) * 0.05));
+    switch (static_cast<VideoUnits>(c.videoUnits)) {
+    case VideoUnits::kLog:
+        if (linear) {
+            for (int64_t i = 0; i < n; ++i)
+                v[i] = static_cast<float>(std::exp((static_cast<double>(v[i]) + kDbmToMvOffset) * kNepersPerTwentyDb)) *
+                       linGain;
+        } else if (dbGain != 0.0f) {
+            AddLoop(v, dbGain, n);
+        }
+        return;
+    case VideoUnits::kVoltage:
+        if (linear) {
+            ScaleLoop(v, kMilliVoltsPerSqrtMilliWatt * linGain, n);
+        } else {
+            SquareLoop(v, n);
+            dsp::PowerToDb(v, v, n, dbGain);
+        }
+        return;
+    case VideoUnits::kPower:
+    case VideoUnits::kSample:
+        if (linear) {
+            SqrtLoop(v, n);
+            ScaleLoop(v, kMilliVoltsPerSqrtMilliWatt * linGain, n);
+        } else {
+            dsp::PowerToDb(v, v, n, dbGain);
+        }
+        return;
+    }
+}
+
+} // namespace lx::engines

@@ -1,0 +1,34 @@
+// Pieces both swept-spectrum engines share: the attenuation a sweep runs
+// with, and the order in which a finished sweep's warnings become its status.
+//
+// Pure functions; thread-safe.
+#pragma once
+
+#include <cstdint>
+
+#include "lx_api.h"
+
+namespace lx::engines {
+
+// The attenuation step 0..6 of a sweep: the attenuator setting when it is
+// 0 or more (at most 6), else chosen from the reference level (AutoAttenuation).
+int32_t SweepAttenuation(int32_t attenuatorSetting, double refLevelDbm);
+
+// What one sweep ran into.
+struct SweepWarnings {
+    LxStatus link = lxNoError; // the device's stored error status (the transport's link status)
+    bool framingError = false; // a status packet without its magic
+    bool dataLost = false;     // status word bit 9
+    bool adcOverflow = false;  // status word bit 8
+    bool cpuOverrun = false;   // the host fell behind the stream (stepped sweep only)
+    float temperature = 0;     // now
+    float temperatureAtConfigure = 0;
+};
+
+inline constexpr float kTempDriftLimitC = 2.0f;
+
+// Strongest first: the link status, lxFramingErr, lxUncalData, lxADCOverflow,
+// lxCPULimited, lxTempDrift (more than 2 degC since configure), else 0.
+LxStatus SweepStatus(const SweepWarnings& w);
+
+} // namespace lx::engines

@@ -1,0 +1,179 @@
+// Narrow-span plan arithmetic against values worked out by hand from the
+// decimation rule, and the command list read back word by word.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "common/lx_assert.h"
+#include "engines/narrow_span_engine.h"
+#include "sim/front_end.h"
+
+namespace {
+
+using namespace lx;
+using namespace lx::engines;
+
+// Each halving of the span below 23,592,960 / D doubles D; the boundaries sit
+// exactly on 47,185,920 / (2 D).
+TEST(NarrowSpanPlan, DecimationFollowsTheSpan) {
+    struct Case {
+        double span;
+        int32_t d;
+    };
+    const Case cases[] = {
+        {47185919.0, 1}, {23592960.0, 1}, {23592959.0, 2}, {11796480.0, 2}, {11796479.0, 4},
+        {5e6, 8},        {4999999.0, 8},  {2949120.0, 8},  {2949119.0, 16}, {1474560.0, 16},
+        {1474559.0, 32}, {737280.0, 32},  {368640.0, 64},  {368639.0, 128}, {184320.0, 128},
+        {184319.0, 256}, {1000.0, 256},   {0.0, 256},
+    };
+    for (const Case& c : cases) EXPECT_EQ(NarrowSpanDecimation(c.span), c.d) << c.span;
+
+    AssertionCapture cap;
+    EXPECT_EQ(NarrowSpanDecimation(47185920.0), 1);
+    EXPECT_TRUE(cap.saw("span < usableBW", "src/lx_lib"));
+}
+
+SweepSettings Settings(double start, double stop, double rbw, double vbw, double sweepTime, int32_t window) {
+    SweepSettings s;
+    s.start = start;
+    s.stop = stop;
+    s.rbw = rbw;
+    s.vbw = vbw;
+    s.sweepTime = sweepTime;
+    s.window = window;
+    return s;
+}
+
+// Hand-derived plans: split of D between device and host, window and FFT
+// (with both clamps), averaging from VBW and from the sweep time, packets
+// with the FIR's extra packet and whole buffers, bins, even sweep length
+// centred on the centre.
+TEST(NarrowSpanPlan, ArithmeticMatchesWorkedExamples) {
+    struct Case {
+        const char* name;
+        SweepSettings s;
+        int32_t device, host;
+        double fsD;
+        int32_t windowLength, fftSize;
+        int64_t averageCount;
+        int32_t packets;
+        double binSize;
+        int32_t sweepLength, firstBin;
+    };
+    const Case cases[] = {
+        // 1 MHz: D 32. L = trunc(3.7702 * 1.92e6 / 1000) = 7238; samples 8192,
+        // 4 * 8 + 1 = 33 -> 36 packets; bin 234.375, round(4266.67) + 2 = 4269 -> 4270.
+        {"1 MHz flat-top", Settings(1e9 - 5e5, 1e9 + 5e5, 1000, 1000, 1e-6, 0), 4, 8, 1.92e6, 7238, 8192, 1, 36,
+         234.375, 4270, 1961},
+        // 100 kHz: D 256. L = 2400, FFT 4096, 10 averages -> 13312 samples, but
+        // the sweep time gives trunc(0.1234567 * 240000) = 29629: (29629 - 2400)
+        // / 1024 + 1 = 27 averages, ceil(29629 / 2048) = 15, * 64 + 1 = 961 -> 964.
+        {"100 kHz, VBW and sweep time", Settings(2e9, 2e9 + 1e5, 100, 10, 0.1234567, 5), 4, 64, 240000.0, 2400, 4096,
+         27, 964, 58.59375, 1710, 1193},
+        // 4 MHz: D 8 (fsD 7.68 MHz). L = trunc(9.65) = 9 -> 8, FFT 8 -> 64;
+        // 1 * 2 + 1 = 3 -> 4 packets; bin 120 kHz, round(33.3) + 2 = 35 -> 36.
+        {"4 MHz, RBW wider than the FFT", Settings(30e6, 34e6, 3e6, 3e6, 1e-6, 0), 4, 2, 7.68e6, 8, 64, 1, 4,
+         120000.0, 36, 14},
+        // L = trunc(7.68e6 / 1e7) = 0 -> 4.
+        {"window below its minimum", Settings(500e6, 503e6, 1e7, 1e7, 1e-6, 5), 4, 2, 7.68e6, 4, 64, 1, 4, 120000.0,
+         28, 18},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const NarrowSpanPlan n = PlanNarrowSpan(c.s, -1, -20.0);
+        const SweepPlan& p = n.sweep;
+        EXPECT_EQ(n.deviceDecimation, c.device);
+        EXPECT_EQ(n.hostDecimation, c.host);
+        EXPECT_DOUBLE_EQ(n.decimatedRate, c.fsD);
+        EXPECT_EQ(n.CaptureCode(), 3u); // log2(4) + 1
+        EXPECT_EQ(p.windowLength, c.windowLength);
+        EXPECT_EQ(p.fftSize, c.fftSize);
+        EXPECT_EQ(p.zeroPad, c.fftSize - c.windowLength);
+        EXPECT_EQ(p.averageCount, c.averageCount);
+        EXPECT_EQ(p.packetsPerStep, c.packets);
+        EXPECT_DOUBLE_EQ(p.binSize, c.binSize);
+        EXPECT_EQ(p.sweepLength, c.sweepLength);
+        EXPECT_EQ(n.firstOutputBin, c.firstBin);
+        const double centre = (c.s.start + c.s.stop) / 2;
+        EXPECT_DOUBLE_EQ(p.actualStart, centre - c.sweepLength / 2 * c.binSize);
+        EXPECT_NEAR(p.actualRbw, WindowFactor(c.s.window) * c.fsD / c.windowLength, 1e-9);
+        // Trace point i is FFT bin firstBin + i; the FFT's centre bin is the
+        // requested centre, and the packets carry every sample the segments read.
+        EXPECT_DOUBLE_EQ(p.actualStart + (p.fftSize / 2 - n.firstOutputBin) * p.binSize, centre);
+        EXPECT_GE(n.DecimatedSamples() - 2048 / n.hostDecimation,
+                  (p.averageCount - 1) * p.hop + p.windowLength);
+    }
+}
+
+// The command list, decoded: the tuning (read back through the simulator's
+// own synthesizer model) lands the capture centre next to the requested
+// centre, the equaliser taps and capture code 3 follow, then requests of at
+// most 255 packets that add up to the plan's, each whole in its block, and
+// the end word last.
+TEST(NarrowSpanPlan, CommandListTunesOnceAndRequestsEveryPacket) {
+    struct Case {
+        double start, stop, rbw, vbw, sweepTime;
+    };
+    const Case cases[] = {
+        {1e9 - 5e5, 1e9 + 5e5, 1000, 1000, 1e-6}, // a few packets, one block
+        {12.5e6, 12.6e6, 100, 0.5, 0.05},        // band 0, 200 averages: requests over two blocks
+        {7.1234e9, 7.1244e9, 300, 300, 0.5},      // sweep-time bound
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.start);
+        NarrowSpanPlan n = PlanNarrowSpan(Settings(c.start, c.stop, c.rbw, c.vbw, c.sweepTime, 0), 2, 0.0);
+        TuningState tuning;
+        const CommandList list = BuildNarrowSpanCommands(n, tuning);
+        const std::vector<uint32_t>& w = list.Words();
+        ASSERT_EQ(w.size() % CMD_SIZE_WORDS, 0u);
+
+        sim::fe::SynthRegisters regs;
+        uint32_t bandOperand = 0, capture = 0, end = 0;
+        int taps = 0;
+        int64_t packets = 0, listed = 0;
+        bool endSeen = false, afterEnd = false;
+        for (size_t i = 0; i < w.size(); ++i) {
+            const uint32_t op = w[i] >> 24, operand = w[i] & 0xFFFFFF;
+            if (w[i] == kFillerWord) continue;
+            if (endSeen) afterEnd = true;
+            if (op == 0x20) regs.reg[(operand >> 16) & 0x7F] = static_cast<uint16_t>(operand);
+            if (op == 0x2C) bandOperand = operand;
+            if (op >= 0x40 && op <= 0x7F) ++taps;
+            if (op == 0x30) capture = operand;
+            if (op == 0x31) {
+                const uint32_t k = operand & 0xFF;
+                EXPECT_LE(k, 255u);
+                EXPECT_LE(i % CMD_SIZE_WORDS + 5, size_t{CMD_SIZE_WORDS}) << "a request split across blocks";
+                packets += k;
+            }
+            if (w[i] == 0x32000000u) {
+                endSeen = true;
+                end = w[i];
+            }
+        }
+        for (uint32_t b : list.IqPacketTotals()) listed += b;
+        if (packets > 100 * 255) {
+            EXPECT_GT(list.BlockCount(), 1u);
+        }
+        EXPECT_EQ(packets, n.sweep.packetsPerStep);
+        EXPECT_EQ(listed, packets);
+        EXPECT_EQ(n.sweep.packetsPerStep % 4, 0);
+        EXPECT_EQ(taps, 64);
+        EXPECT_EQ(capture, 3u);
+        EXPECT_EQ(end, 0x32000000u);
+        EXPECT_FALSE(afterEnd);
+
+        const sim::fe::RfPath path = sim::fe::DecodeBandWord(bandOperand);
+        ASSERT_GE(path.band, 0);
+        EXPECT_DOUBLE_EQ(path.attenuationDb, 10.0); // the attenuator setting, 5 dB a step
+        const double lo = sim::fe::LoHz(path.band, sim::fe::SynthOutputHz(regs, sim::fe::BandUsesHighOutput(path.band)));
+        const double centre = sim::fe::CaptureCentreHz(path.band, lo);
+        EXPECT_NEAR(centre, n.capture.captureCentreHz, 1e-3);
+        EXPECT_LE(std::abs(centre - (c.start + c.stop) / 2), n.capture.resolutionHz / 2 + 1.0);
+        EXPECT_EQ(sim::fe::BandMirrored(path.band), n.capture.mirrored);
+        // The shifter moves the requested centre to 0 Hz at the device's rate.
+        EXPECT_NEAR(n.ShiftCyclesPerSample() * 61.44e6 / 4, -((c.start + c.stop) / 2 - centre), 1e-3);
+    }
+}
+
+} // namespace

@@ -1,0 +1,122 @@
+// The step processor against a NumPy reference (step_reference.py): every
+// detector, video unit and scale, with zero padding and step gain, on two
+// tones (one above the centre, one below, one off-bin) in noise with a level
+// step half-way, so that min and max differ. Levels against the scene, the
+// detectors on a signal that comes and goes and video averaging of noise are
+// checked end to end (tests/e2e/sweep_test.cpp).
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "engines/step_processor.h"
+
+namespace {
+
+using lx::engines::cf32;
+using lx::engines::StepProcessor;
+using lx::engines::StepProcessorConfig;
+
+std::map<std::string, std::vector<double>> LoadReference() {
+    std::map<std::string, std::vector<double>> values;
+    char pattern[] = "/tmp/lx_step_ref_XXXXXX";
+    const char* dir = mkdtemp(pattern);
+    if (!dir) return values;
+    const std::string file = std::string(dir) + "/step.txt";
+    const std::string cmd =
+        std::string(LX_TEST_PYTHON) + " " + LX_TEST_SOURCE_DIR + "/tests/engines/step_reference.py " + file;
+    if (std::system(cmd.c_str()) == 0) {
+        std::ifstream in(file);
+        std::string line;
+        while (std::getline(in, line)) {
+            std::istringstream fields(line);
+            std::string key, tok;
+            fields >> key;
+            auto& v = values[key];
+            while (fields >> tok) v.push_back(std::strtod(tok.c_str(), nullptr));
+        }
+    }
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
+    return values;
+}
+
+const std::map<std::string, std::vector<double>>& Reference() {
+    static const auto values = LoadReference();
+    return values;
+}
+
+class StepReference : public ::testing::TestWithParam<const char*> {};
+
+// Every case twice: in one contiguous block (Process), and segment by segment
+// from copies scattered in memory (Begin/AddSegment/Finish), as a wrapping
+// ring or an over-long step feeds it.
+TEST_P(StepReference, MatchesNumPy) {
+    const auto& ref = Reference();
+    ASSERT_FALSE(ref.empty()) << "reference script failed";
+    const std::string name = GetParam();
+    const auto& p = ref.at(name + "/params");
+    StepProcessorConfig c;
+    c.windowType = static_cast<int32_t>(p[0]);
+    c.fftSize = static_cast<int32_t>(p[1]);
+    c.windowLength = static_cast<int32_t>(p[2]);
+    c.averageCount = static_cast<int64_t>(p[3]);
+    c.vbwRatio = p[4];
+    c.detector = static_cast<int32_t>(p[5]);
+    c.videoUnits = static_cast<int32_t>(p[6]);
+    c.scale = static_cast<int32_t>(p[7]);
+    const float gain = static_cast<float>(p[8]);
+    const auto& xs = ref.at(name + "/x");
+    std::vector<cf32> x(xs.size() / 2);
+    for (size_t i = 0; i < x.size(); ++i) x[i] = {static_cast<float>(xs[2 * i]), static_cast<float>(xs[2 * i + 1])};
+    const auto& wantMin = ref.at(name + "/min");
+    const auto& wantMax = ref.at(name + "/max");
+
+    StepProcessor sp(c);
+    ASSERT_TRUE(sp.valid());
+    ASSERT_EQ(sp.SamplesNeeded(), static_cast<int64_t>(x.size()));
+    const size_t n = static_cast<size_t>(c.fftSize);
+    ASSERT_EQ(wantMin.size(), n);
+
+    // Log outputs compare in dB, linear ones relative to the trace's peak.
+    const bool linear = c.scale == 1;
+    const double peak = *std::max_element(wantMax.begin(), wantMax.end());
+    const auto check = [&](const std::vector<float>& got, const std::vector<double>& want, const char* what) {
+        for (size_t k = 0; k < n; ++k) {
+            const double tol = linear ? 2e-5 * peak + 1e-4 * std::abs(want[k]) : 2e-3;
+            ASSERT_NEAR(got[k], want[k], tol) << what << " bin " << k;
+        }
+    };
+
+    std::vector<float> mn(n, -1.0f), mx(n, -1.0f);
+    sp.Process(x.data(), gain, mn.data(), mx.data());
+    check(mn, wantMin, "min (whole step)");
+    check(mx, wantMax, "max (whole step)");
+
+    std::vector<float> mn2(n), mx2(n);
+    sp.Begin();
+    std::vector<std::vector<cf32>> copies;
+    for (int64_t k = 0; sp.NeedsMore(); ++k) {
+        const auto first = x.begin() + k * sp.hop();
+        copies.emplace_back(first, first + c.windowLength);
+        sp.AddSegment(copies.back().data());
+    }
+    sp.Finish(gain, mn2.data(), mx2.data());
+    check(mn2, wantMin, "min (segment by segment)");
+    check(mx2, wantMax, "max (segment by segment)");
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, StepReference,
+                         ::testing::Values("avg_power_flattop_padded", "avg_log_blackman", "avg_voltage_linear",
+                                           "minmax_power_vbw_quarter", "minmax_log_vbw_third_linear",
+                                           "minmax_voltage_rbw_eq_vbw", "sample_units_first_segment",
+                                           "minmax_power_scale2_no_gain"));
+
+} // namespace
