@@ -73,7 +73,7 @@ private:
 std::vector<int32_t> AttachedSerials();
 
 // Personality of a simulated analyzer (true: run firmware); nullopt for one
-// on the bus, whose personality the public API does not report.
+// on the bus (used to tell simulated analyzers from hardware).
 std::optional<bool> SimulatedPersonality(int32_t serial);
 
 } // namespace lx::cli

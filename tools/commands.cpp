@@ -47,8 +47,10 @@ int RunList(bool json) {
     for (int32_t serial : AttachedSerials()) {
         ListedDevice d;
         d.serial = serial;
-        d.runFirmware = SimulatedPersonality(serial);
-        d.simulated = d.runFirmware.has_value();
+        d.simulated = SimulatedPersonality(serial).has_value();
+        int32_t personality = -1;
+        if (lxGetDevicePersonality(serial, &personality) == lxNoError && personality >= 0)
+            d.runFirmware = personality == 1;
         devices.push_back(d);
     }
     if (json)

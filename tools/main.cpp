@@ -2,6 +2,7 @@
 //
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] list
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] info [--serial N]
+//   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] sweep [options]
 //
 // The global options may also follow the subcommand. Exit codes: 0 done,
 // 1 the library or an analyzer refused, 2 the command line is wrong.
@@ -17,6 +18,7 @@
 #include "cli_support.h"
 #include "commands.h"
 #include "lx_api.h"
+#include "sweep.h"
 
 using namespace lx::cli;
 
@@ -34,9 +36,10 @@ int UsageError(const std::string& message) {
 } // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{"Finds and inspects LX530 spectrum analyzers.", "lx530"};
+    CLI::App app{"Finds, inspects and measures with LX530 spectrum analyzers.", "lx530"};
     app.footer("Exit status: 0 done, 1 the library or an analyzer refused, 2 wrong command line.\n"
-               "Without hardware: 'lx530 --sim info' runs on a simulated LX530 (docs/simulator.md).");
+               "Without hardware: 'lx530 --sim info' or 'lx530 sweep --scene scenes/demo.json' run on a\n"
+               "simulated LX530 (docs/simulator.md).");
     // Subcommands hand options they do not know to the top level, so that
     // the global ones work after the subcommand too.
     app.fallthrough();
@@ -55,8 +58,7 @@ int main(int argc, char** argv) {
     app.add_option("--sim-serial", simSerial,
                    "Serial number of the simulated LX530 (default " + std::to_string(kDefaultSimSerial) + ")")
         ->type_name("SERIAL")
-        ->check(CLI::Range(10000000, 99999999))
-        ->needs(sim);
+        ->check(CLI::Range(10000000, 99999999));
     app.add_flag("--json", json, "Print a JSON document instead of text");
 
     auto* list = app.add_subcommand("list", "List the attached analyzers: serial and personality");
@@ -66,6 +68,8 @@ int main(int argc, char** argv) {
     std::optional<int32_t> serial;
     info->add_option("--serial", serial, "Serial number of the analyzer to open")->type_name("SERIAL");
     info->footer(kGlobalFooter);
+    SweepOptions sweepOptions;
+    auto* sweep = AddSweepCommand(app, sweepOptions);
 
     // Leftovers are reported here rather than by the parser, so that a
     // mistyped subcommand is named as one.
@@ -85,21 +89,35 @@ int main(int argc, char** argv) {
     }
 
     const auto extras = app.remaining();
-    const bool haveSubcommand = list->parsed() || info->parsed();
+    const bool haveSubcommand = list->parsed() || info->parsed() || sweep->parsed();
     if (!extras.empty()) {
         if (!haveSubcommand && extras.front().rfind('-', 0) != 0)
-            return UsageError("unknown subcommand '" + extras.front() + "' (try 'list' or 'info')");
+            return UsageError("unknown subcommand '" + extras.front() + "' (try 'list', 'info' or 'sweep')");
         return UsageError("unexpected argument '" + extras.front() + "'");
     }
-    if (!haveSubcommand) return UsageError("a subcommand is required: 'list' or 'info'");
+    if (!haveSubcommand) return UsageError("a subcommand is required: 'list', 'info' or 'sweep'");
     if (sim->count() > 0 && !scene.empty()) sceneFile = scene;
+    // `sweep --scene FILE` is --sim=FILE spelt the way a measurement reads.
+    const bool sceneOption = sweep->parsed() && sweepOptions.scene.has_value();
+    if (sceneOption) {
+        if (sim->count() > 0) return UsageError("give the scene either as --sim=FILE or as --scene FILE");
+        sceneFile = sweepOptions.scene;
+    }
+    const bool simulate = sim->count() > 0 || sceneOption;
+    if (app.get_option("--sim-serial")->count() > 0 && !simulate)
+        return UsageError("--sim-serial needs --sim (or --scene)");
 
     int code = kExitOk;
     try {
         // Declared first, so unplugged only after the analyzer was closed.
         std::optional<SimulatedAnalyzer> simulated;
-        if (sim->count() > 0) simulated.emplace(simSerial, sceneFile);
-        code = list->parsed() ? RunList(json) : RunInfo(serial, json);
+        if (simulate) simulated.emplace(simSerial, sceneFile);
+        if (list->parsed())
+            code = RunList(json);
+        else if (info->parsed())
+            code = RunInfo(serial, json);
+        else
+            code = RunSweep(sweepOptions, json);
     } catch (const Failure& f) {
         std::fprintf(stderr, "lx530: %s\n", f.what());
         if (!f.Hint().empty()) std::fprintf(stderr, "lx530: %s\n", f.Hint().c_str());

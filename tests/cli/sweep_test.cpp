@@ -1,0 +1,583 @@
+// `lx530 sweep`: its command line, its peak search against SciPy's, the
+// trace files and the plot read back by independent parsers (Pillow for the
+// PNG), and whole runs on a simulated analyzer checked against the scene.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "lx_api.h"
+#include "lx_sim.h"
+#include "plot.h"
+#include "sweep_report.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using namespace lx::cli;
+
+std::string Quote(const std::string& s) {
+    std::string q = "'";
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+std::string Slurp(const fs::path& p) {
+    std::ifstream in(p);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string l; std::getline(in, l);) lines.push_back(l);
+    return lines;
+}
+
+std::vector<std::string> Split(const std::string& line, const std::string& sep) {
+    std::vector<std::string> out;
+    size_t at = 0;
+    for (size_t next; (next = line.find(sep, at)) != std::string::npos; at = next + sep.size())
+        out.push_back(line.substr(at, next - at));
+    out.push_back(line.substr(at));
+    return out;
+}
+
+// Runs the reference script; its JSON answer, or null after a failure.
+json Reference(const std::string& args) {
+    const std::string cmd = std::string(LX_TEST_PYTHON) + " " + LX_TEST_SOURCE_DIR +
+                            "/tests/cli/sweep_reference.py " + args;
+    std::string out;
+    if (FILE* p = popen(cmd.c_str(), "r")) {
+        char buf[65536];
+        for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+        if (pclose(p) != 0) out.clear();
+    }
+    if (out.empty()) {
+        ADD_FAILURE() << "reference script failed: " << cmd;
+        return nullptr;
+    }
+    return json::parse(out);
+}
+
+struct TempDir {
+    TempDir() {
+        std::string tmpl = (fs::temp_directory_path() / "lx530-sweep-XXXXXX").string();
+        if (mkdtemp(tmpl.data())) path = tmpl;
+    }
+    ~TempDir() {
+        std::error_code ec;
+        fs::remove_all(path, ec);
+    }
+    fs::path path;
+};
+
+struct Result {
+    int exitCode = -1;
+    std::string out, err;
+};
+
+// Runs lx530 in `dir` ("{dir}" in an argument stands for it) with a
+// calibration cache of its own.
+Result RunTool(const fs::path& dir, std::vector<std::string> args) {
+    static int runs = 0;
+    const std::string n = std::to_string(runs++);
+    const fs::path out = dir / ("out" + n), err = dir / ("err" + n);
+    std::string cmd = "XDG_CACHE_HOME=" + Quote((dir / "cache").string()) + " " + Quote(LX530_PATH);
+    for (auto& a : args) {
+        for (size_t at; (at = a.find("{dir}")) != std::string::npos;) a.replace(at, 5, dir.string());
+        cmd += " " + Quote(a);
+    }
+    const int status = std::system((cmd + " >" + Quote(out.string()) + " 2>" + Quote(err.string())).c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Slurp(out), Slurp(err)};
+}
+
+Trace MakeTrace(double start, double bin, std::vector<float> max, bool linear = false) {
+    Trace t;
+    t.start = start;
+    t.binSize = bin;
+    t.linear = linear;
+    t.min = max;
+    for (auto& v : t.min) v = linear ? v / 2 : v - 6;
+    t.max = std::move(max);
+    return t;
+}
+
+// ---- quantities on the command line ------------------------------------------
+
+TEST(SweepQuantities, FrequenciesAndTimes) {
+    const std::optional<double> no;
+    const struct {
+        const char* text;
+        std::optional<double> hz, seconds;
+    } cases[] = {
+        {"9000", 9000, 9000},        {"100k", 100e3, no},      {"2.4G", 2.4e9, no},     {"2.4g", 2.4e9, no},
+        {"433.92m", 433.92e6, no},   {"433.92MHz", 433.92e6, no}, {"1.5e-3", 1.5e-3, 1.5e-3}, {"50Hz", 50, no},
+        {"-5M", -5e6, no},           {"10ms", no, 10e-3},      {"250us", no, 250e-6},   {"2s", no, 2},
+        {"100x", no, no},            {"100 k", no, no},        {"k", no, no},           {"", no, no},
+        {"1.2.3M", no, no},          {"2GG", no, no},          {"100kHzz", no, no},     {"nan", no, no},
+        {"inf", no, no},             {"1e400", no, no},        {"5min", no, no},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(ParseFrequency(c.text), c.hz) << c.text;
+        EXPECT_EQ(ParseSeconds(c.text), c.seconds) << c.text;
+    }
+}
+
+// ---- peak search -------------------------------------------------------------
+
+TEST(SweepPeaks, AgreeWithScipy) {
+    const json ref = Reference("peaks");
+    ASSERT_FALSE(ref.is_null());
+    for (const auto& c : ref["cases"]) {
+        SCOPED_TRACE(c["name"].get<std::string>());
+        std::vector<float> values;
+        for (double v : c["values"]) values.push_back(static_cast<float>(v));
+        const Trace t = MakeTrace(1e6, 1000, values, c["linear"]);
+
+        EXPECT_NEAR(PeakFloor(t), c["floor"].get<double>(), 1e-6);
+        std::vector<size_t> found;
+        for (const auto& p : FindPeaks(t, 1000)) {
+            found.push_back(p.index);
+            EXPECT_DOUBLE_EQ(p.frequency, 1e6 + 1000.0 * static_cast<double>(p.index));
+            EXPECT_EQ(p.level, values[p.index]);
+        }
+        EXPECT_EQ(found, c["peaks"].get<std::vector<size_t>>());
+
+        // The table keeps the strongest.
+        const auto two = FindPeaks(t, 2);
+        ASSERT_EQ(two.size(), std::min<size_t>(2, found.size()));
+        for (size_t k = 0; k < two.size(); ++k) EXPECT_EQ(two[k].index, found[k]);
+    }
+}
+
+TEST(SweepPeaks, EdgesPlateausAndNonNumbers) {
+    // Each pattern sits in a quiet trace of -100 dBm: 50 points before it
+    // (`atEnd`: none after it), so that the noise floor is -90 dBm.
+    struct Case {
+        const char* name;
+        std::vector<float> pattern;
+        bool atEnd;
+        std::vector<size_t> peaks; // indices into the pattern
+    };
+    const float inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+    const Case cases[] = {
+        {"rising to the last point", {-90, -80, -70, -60}, true, {}},
+        {"plateau at the last point", {-90, -60, -60}, true, {}},
+        {"shoulder plateau below a higher point", {-60, -60, -40, -100}, false, {2}},
+        {"plateau peak counts once, at its middle", {-40, -40, -40, -40, -100}, false, {1}},
+        {"NaN and -inf are no levels", {nan, -100, -40, -inf, -100}, false, {2}},
+        {"twins of one height both count", {-50, -53, -50, -100}, false, {0, 2}},
+        {"a dip of 7 dB parts two peaks", {-50, -58, -51, -100}, false, {0, 2}},
+        {"a dip of 4 dB does not", {-50, -55, -51, -100}, false, {0}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<float> values(50, -100.0f);
+        values.insert(values.end(), c.pattern.begin(), c.pattern.end());
+        if (!c.atEnd) values.insert(values.end(), 50, -100.0f);
+        std::vector<size_t> found;
+        for (const auto& p : FindPeaks(MakeTrace(0, 1, values), 10)) found.push_back(p.index - 50);
+        std::sort(found.begin(), found.end());
+        EXPECT_EQ(found, c.peaks);
+    }
+    EXPECT_TRUE(FindPeaks(MakeTrace(0, 1, {-100, -100, -20, -100, -100}), 0).empty());
+}
+
+// ---- trace files ---------------------------------------------------------------
+
+// Lines of 30.72 MHz that abut, each with its date, time, edges, step and
+// sweep count; values in dBm to 0.01 dB, converted from mV on the linear
+// scale (0 dBm is 1 mW into 50 ohm: sqrt(0.05) V = 223.607 mV).
+TEST(SweepFiles, RtlPowerLines) {
+    const struct {
+        double start, bin;
+        size_t points;
+        bool linear;
+    } cases[] = {{1e9, 15000, 1, false}, {99990000, 15000, 5000, true}, {433.9e6, 58.59375, 3000, false}};
+    const std::time_t when = 1700000000;
+    std::tm tm{};
+    localtime_r(&when, &tm);
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%d, %H:%M:%S", &tm);
+    // Digits after the point of a plain decimal number (0 for an integer), -1
+    // for anything else.
+    auto decimals = [](const std::string& text) {
+        auto digits = [](const std::string& d) { return !d.empty() && d.find_first_not_of("0123456789") == d.npos; };
+        const std::string t = text.substr(text.rfind('-', 0) == 0 ? 1 : 0);
+        const size_t dot = t.find('.');
+        const std::string fraction = dot == t.npos ? "" : t.substr(dot + 1);
+        if (!digits(t.substr(0, dot)) || (dot != t.npos && !digits(fraction))) return -1;
+        return static_cast<int>(fraction.size());
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.points) + " points " + std::to_string(c.bin) + " Hz apart");
+        auto dbm = [](size_t i) { return -120.0 + static_cast<double>(i % 97); };
+        std::vector<float> v(c.points);
+        for (size_t i = 0; i < v.size(); ++i)
+            v[i] = static_cast<float>(c.linear ? 223.60680 * std::pow(10.0, dbm(i) / 20) : dbm(i));
+        std::ostringstream out;
+        WriteRtlPower(out, MakeTrace(c.start, c.bin, v, c.linear), when, 3);
+
+        size_t point = 0;
+        double previousHigh = c.start;
+        for (const auto& line : Lines(out.str())) {
+            const auto f = Split(line, ", ");
+            ASSERT_GE(f.size(), 7u);
+            EXPECT_EQ(f[0] + ", " + f[1], stamp);
+            EXPECT_EQ(decimals(f[2]), 0) << f[2];
+            EXPECT_EQ(decimals(f[3]), 0) << f[3];
+            EXPECT_EQ(decimals(f[4]), 2) << f[4];
+            EXPECT_EQ(f[5], "3");
+            const double low = std::stod(f[2]), high = std::stod(f[3]);
+            const size_t values = f.size() - 6;
+            EXPECT_NEAR(low, previousHigh, 0.5) << "lines abut";
+            EXPECT_NEAR(std::stod(f[4]), c.bin, 0.005);
+            EXPECT_NEAR(high - low, c.bin * static_cast<double>(values), 1.0);
+            EXPECT_LE(high - low, kRtlPowerChunkHz + 1.0);
+            previousHigh = high;
+            for (size_t k = 6; k < f.size(); ++k, ++point) {
+                EXPECT_EQ(decimals(f[k]), 2) << f[k];
+                EXPECT_NEAR(std::stod(f[k]), dbm(point), 0.0051);
+            }
+        }
+        EXPECT_EQ(point, c.points);
+    }
+}
+
+// ---- plot ----------------------------------------------------------------------
+
+TEST(SweepPlot, SpikeSurvivesDecimation) {
+    struct Case {
+        size_t points, columns, spike;
+    };
+    for (const auto& c : {Case{193335, 883, 28928}, Case{193335, 883, 193334}, Case{1000, 883, 0},
+                          Case{500, 883, 250}, Case{884, 883, 883}}) {
+        SCOPED_TRACE(std::to_string(c.points) + " points in " + std::to_string(c.columns) + " columns");
+        std::vector<float> v(c.points);
+        for (size_t i = 0; i < v.size(); ++i) v[i] = -110.0f + static_cast<float>((i * 7919) % 13) * 0.5f;
+        v[c.spike] = -20.0f;
+        const Trace t = MakeTrace(1e8, 15000, v);
+        const Envelope e = Decimate(t, t.max, c.columns);
+        ASSERT_EQ(e.hi.size(), std::min(c.points, c.columns));
+        const auto top = std::max_element(e.hi.begin(), e.hi.end());
+        EXPECT_EQ(*top, -20.0);
+        // Drawn where it is: within the span of points its column covers.
+        const double pointsPerColumn = static_cast<double>(c.points) / static_cast<double>(e.hi.size());
+        EXPECT_NEAR(e.frequency[static_cast<size_t>(top - e.hi.begin())], t.FrequencyAt(c.spike),
+                    pointsPerColumn * t.binSize);
+        EXPECT_EQ(*std::min_element(e.lo.begin(), e.lo.end()), -110.0);
+        EXPECT_TRUE(std::is_sorted(e.frequency.begin(), e.frequency.end()));
+    }
+}
+
+// The max trace's yellow, the min trace's blue and the markers' red over the
+// background, as the reference script's arguments.
+const char* const kTraceColours = "'[[255, 214, 0], [40, 170, 255], [255, 90, 70]]' '[12, 16, 22]'";
+
+// ---- the command line ------------------------------------------------------------
+
+struct CommandCase {
+    const char* name;
+    std::vector<std::string> args;
+    int exitCode;
+    std::vector<std::string> messages; // on stderr
+};
+
+void PrintTo(const CommandCase& c, std::ostream* os) { *os << c.name; }
+
+class SweepCommandLine : public ::testing::TestWithParam<CommandCase> {};
+
+// Refused before any analyzer is opened (no --sim: an attempt to open one
+// would fail with 1, not 2), with nothing on stdout and no file left behind.
+TEST_P(SweepCommandLine, RefusedWithAMessage) {
+    const auto& c = GetParam();
+    TempDir dir;
+    std::ofstream(dir.path / "scene.json") << R"({"emitters": []})";
+    std::vector<std::string> args = {"sweep", "--csv", "{dir}/trace.csv"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    const Result r = RunTool(dir.path, args);
+    EXPECT_EQ(r.exitCode, c.exitCode) << r.err;
+    EXPECT_EQ(r.out, "");
+    for (const auto& m : c.messages) EXPECT_THAT(r.err, HasSubstr(m));
+    for (const auto& e : fs::directory_iterator(dir.path)) {
+        const std::string name = e.path().filename().string();
+        EXPECT_TRUE(name.rfind("out", 0) == 0 || name.rfind("err", 0) == 0 || name == "cache" ||
+                    name == "scene.json")
+            << "left behind: " << name;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sweep, SweepCommandLine,
+    ::testing::Values(
+        CommandCase{"BadSuffix", {"--start", "100x", "--stop", "1G"}, 2, {"--start: '100x' is not a frequency"}},
+        CommandCase{"StartAboveStop", {"--start", "2G", "--stop", "1G"}, 2, {"--start must be below --stop"}},
+        CommandCase{"NegativeStart", {"--start=-5M", "--stop", "1G"}, 2, {"cannot be negative"}},
+        CommandCase{"ZeroSpan", {"--center", "1G", "--span", "0"}, 2, {"--span must be above 0"}},
+        CommandCase{"StartWithoutStop", {"--start", "1G"}, 2, {"--start requires --stop"}},
+        CommandCase{"StartAndCenter", {"--start", "1G", "--stop", "2G", "--center", "1G", "--span", "1M"}, 2,
+                    {"excludes"}},
+        CommandCase{"UnknownWindow", {"--window", "kaiser"}, 2,
+                    {"--window: 'kaiser' is not one of flattop|nuttall|blackman|hamming|gaussian|rect"}},
+        CommandCase{"UnknownScale", {"--scale", "linear"}, 2, {"--scale: 'linear' is not one of log|lin|lognogain"}},
+        CommandCase{"BadSweepTime", {"--sweep-time", "5min"}, 2, {"--sweep-time: '5min' is not a time"}},
+        CommandCase{"AttenuatorTooHigh", {"--atten", "7"}, 2, {"--atten: '7'"}},
+        CommandCase{"TinyPng", {"--png", "{dir}/a.png", "--png-size", "100x100"}, 2, {"--png-size: '100x100'"}},
+        CommandCase{"UnwritableFile", {"--rtl-power", "{dir}/no/such/folder.csv"}, 2,
+                    {"cannot write", "No such file or directory"}},
+        CommandCase{"OneFileForTwoOutputs", {"--png", "{dir}/./trace.csv"}, 2, {"named for two outputs"}},
+        CommandCase{"SceneTwice", {"--sim={dir}/scene.json", "--scene", "{dir}/scene.json"}, 2, {"either"}},
+        CommandCase{"MissingScene", {"--scene", "{dir}/missing.json"}, 2, {"cannot read scene file"}},
+        CommandCase{"SimSerialWithoutSim", {"--sim-serial", "12345678"}, 2, {"--sim-serial needs --sim"}},
+        // Accepted, then refused by the analyzer's absence: 1, and the CSV
+        // created up front is gone again.
+        CommandCase{"SerialNotAttached", {"--sim", "--serial", "12345678"}, 1,
+                    {"opening analyzer 12345678: Device not found (-1)"}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// ---- whole runs on a simulated analyzer ---------------------------------------------
+
+// The sweep engine arrives with lx_api's mode 1; until then lxConfigure(h, 1)
+// answers lxInvalidConfigurationErr and these runs have nothing to measure.
+bool SweepAvailable() {
+    static const bool available = [] {
+        constexpr int32_t kSerial = 77777777;
+        if (lxSimAttach(kSerial, nullptr) != lxNoError) return false;
+        int32_t h = -1;
+        LxStatus s = lxOpenDeviceBySerial(&h, kSerial);
+        if (s >= 0) {
+            (void)lxSetSweepStartStop(h, 100e6, 1e9);
+            s = lxConfigure(h, lxModeSweep);
+            (void)lxCloseDevice(h);
+        }
+        (void)lxSimDetach(kSerial);
+        return s != lxInvalidConfigurationErr;
+    }();
+    return available;
+}
+
+#define SKIP_WITHOUT_SWEEP()                                                                                  \
+    if (!SweepAvailable())                                                                                    \
+    GTEST_SKIP() << "lxConfigure(h, 1) returns lxInvalidConfigurationErr: this lx_api has no sweep engine yet"
+
+struct Tone {
+    double hz, dbm;
+};
+const Tone kTones[] = {{500e6, -30.0}, {1.2e9, -55.0}};
+
+struct RunCase {
+    const char* name;
+    std::vector<std::string> args;
+};
+
+void PrintTo(const RunCase& c, std::ostream* os) { *os << c.name; }
+
+struct Outcome {
+    Result result;
+    json doc;
+    std::string csv, rtlPower;
+    fs::path png;
+};
+
+// One run of the tool per case on the two-tone scene, shared by the checks of
+// that case.
+const Outcome& RunOnce(const RunCase& c) {
+    static std::map<std::string, Outcome> runs;
+    static TempDir dir;
+    auto it = runs.find(c.name);
+    if (it != runs.end()) return it->second;
+    const fs::path d = dir.path / c.name;
+    fs::create_directories(d);
+    json scene = {{"noise_floor_dbm_hz", -160}, {"emitters", json::array()}};
+    for (const auto& t : kTones)
+        scene["emitters"].push_back({{"kind", "tone"}, {"frequency_hz", t.hz}, {"power_dbm", t.dbm}});
+    std::ofstream(d / "scene.json") << scene.dump();
+    std::vector<std::string> args = {"sweep", "--scene", "{dir}/scene.json", "--start", "100M", "--stop", "2G",
+                                     "--rbw", "100k", "--json", "--csv", "{dir}/trace.csv", "--rtl-power",
+                                     "{dir}/rtl.csv", "--png", "{dir}/plot.png", "--png-size", "900x500"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    Outcome o;
+    o.result = RunTool(d, args);
+    if (o.result.exitCode == 0) o.doc = json::parse(o.result.out, nullptr, false);
+    o.csv = Slurp(d / "trace.csv");
+    o.rtlPower = Slurp(d / "rtl.csv");
+    o.png = d / "plot.png";
+    return runs.emplace(c.name, std::move(o)).first->second;
+}
+
+// Ran and reported; fails the test otherwise.
+const Outcome* Ran(const RunCase& c) {
+    const Outcome& o = RunOnce(c);
+    EXPECT_EQ(o.result.exitCode, 0) << o.result.err;
+    EXPECT_THAT(o.result.err, Not(HasSubstr("lx530:"))) << "no warning expected";
+    if (o.result.exitCode != 0 || o.doc.is_discarded()) return nullptr;
+    return &o;
+}
+
+// The CSV's min and max columns.
+std::pair<std::vector<double>, std::vector<double>> Columns(const std::string& csv) {
+    std::vector<double> min, max;
+    for (const auto& line : Lines(csv)) {
+        if (line.rfind("frequency", 0) == 0) continue;
+        const auto f = Split(line, ",");
+        min.push_back(std::stod(f[1]));
+        max.push_back(std::stod(f[2]));
+    }
+    return {min, max};
+}
+
+// The q-quantile of the values (the sorted point q (n - 1), rounded down).
+double Quantile(std::vector<double> v, double q) {
+    const auto k = static_cast<size_t>(q * static_cast<double>(v.size() - 1));
+    std::nth_element(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(k), v.end());
+    return v[k];
+}
+
+const RunCase kMinMaxOnce{"MinMaxMillivoltsOnce",
+                          {"--scale", "lin", "--units", "voltage", "--detector", "minmax", "--vbw", "30k"}};
+const RunCase kMinMaxHeld{"HeldMinMaxMillivolts",
+                          {"--scale", "lin", "--units", "voltage", "--detector", "minmax", "--vbw", "30k",
+                           "--count", "3"}};
+
+class SweepRun : public ::testing::TestWithParam<RunCase> {
+protected:
+    const Outcome* Ran() { return ::Ran(GetParam()); }
+};
+
+TEST_P(SweepRun, PeakTableNamesTheScenesTones) {
+    SKIP_WITHOUT_SWEEP();
+    const Outcome* o = Ran();
+    ASSERT_NE(o, nullptr);
+    const double bin = o->doc["sweep"]["bin_size_hz"];
+    const auto& peaks = o->doc["peaks"];
+    ASSERT_EQ(peaks.size(), std::size(kTones)) << peaks.dump(2);
+    // Strongest first, which is the scene's order.
+    for (size_t k = 0; k < std::size(kTones); ++k) {
+        EXPECT_NEAR(peaks[k]["frequency_hz"].get<double>(), kTones[k].hz, bin) << k;
+        EXPECT_NEAR(peaks[k]["dbm"].get<double>(), kTones[k].dbm, 0.5) << k;
+    }
+}
+
+// The CSV: one row per trace point, from the actual start in bin steps, min
+// not above max, the peaks' levels at their indices. The rtl_power file: the
+// same max trace in dBm to 0.01 dB, lines starting where their first point is.
+TEST_P(SweepRun, TraceFilesHoldEveryPoint) {
+    SKIP_WITHOUT_SWEEP();
+    const Outcome* o = Ran();
+    ASSERT_NE(o, nullptr);
+    const auto& sweep = o->doc["sweep"];
+    const double start = sweep["actual_start_hz"], bin = sweep["bin_size_hz"];
+    const bool linear = sweep["level_unit"] == "mV";
+    const auto lines = Lines(o->csv);
+    ASSERT_EQ(lines.size(), sweep["sweep_length"].get<size_t>() + 1);
+    EXPECT_EQ(lines[0], linear ? "frequency_hz,min_mv,max_mv" : "frequency_hz,min_dbm,max_dbm");
+    std::vector<float> max;
+    for (size_t i = 1; i < lines.size(); ++i) {
+        const auto f = Split(lines[i], ",");
+        ASSERT_EQ(f.size(), 3u) << lines[i];
+        ASSERT_DOUBLE_EQ(std::stod(f[0]), start + bin * static_cast<double>(i - 1)) << "row " << i;
+        ASSERT_LE(std::stof(f[1]), std::stof(f[2])) << "min above max in row " << i;
+        max.push_back(std::stof(f[2]));
+    }
+    for (const auto& p : o->doc["peaks"]) EXPECT_EQ(max[p["index"].get<size_t>()], p["level"].get<float>());
+
+    size_t point = 0;
+    for (const auto& line : Lines(o->rtlPower)) {
+        const auto f = Split(line, ", ");
+        ASSERT_GE(f.size(), 7u) << line;
+        EXPECT_NEAR(std::stod(f[2]), start + bin * static_cast<double>(point), 0.5);
+        EXPECT_EQ(f[5], std::to_string(sweep["sweeps"].get<int>()));
+        for (size_t k = 6; k < f.size() && point < max.size(); ++k, ++point)
+            EXPECT_NEAR(std::stod(f[k]), ToDbm(max[point], linear), 0.0051) << "point " << point;
+    }
+    EXPECT_EQ(point, max.size());
+}
+
+// The PNG as Pillow reads it: the size asked for, and the traces and markers
+// in their colours.
+TEST_P(SweepRun, PngOfTheRequestedSize) {
+    SKIP_WITHOUT_SWEEP();
+    const Outcome* o = Ran();
+    ASSERT_NE(o, nullptr);
+    const json png = Reference("png " + Quote(o->png.string()) + " " + kTraceColours);
+    ASSERT_FALSE(png.is_null());
+    EXPECT_EQ(png["format"], "PNG");
+    EXPECT_EQ(png["width"], 900);
+    EXPECT_EQ(png["height"], 500);
+    // The traces run across the graticule (600 of the 900 columns), the min
+    // trace below the max one in dBm (in mV both lie on the zero line);
+    // markers over both tones.
+    EXPECT_GT(png["colours"][0]["columns"].get<int>(), 450) << "max trace";
+    if (o->doc["sweep"]["level_unit"] == "dBm") {
+        EXPECT_GT(png["colours"][1]["columns"].get<int>(), 450) << "min trace";
+    }
+    EXPECT_GT(png["colours"][2]["pixels"].get<int>(), 60) << "markers";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sweep, SweepRun,
+    // Three sweeps held, in millivolts through the voltage video path.
+    ::testing::Values(RunCase{"AveragedDbm", {}}, kMinMaxHeld),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// Each point of the held max trace is the highest of three independent noise
+// readings, so its median over the trace is the 0.5^(1/3) quantile of one
+// sweep's; the held min trace mirrors it. A tool that kept the last sweep
+// would sit at the median, 1.5 dB or more away.
+TEST(SweepHold, ThreeSweepsHoldTheirExtremes) {
+    SKIP_WITHOUT_SWEEP();
+    const Outcome* once = Ran(kMinMaxOnce);
+    const Outcome* held = Ran(kMinMaxHeld);
+    ASSERT_TRUE(once && held);
+    const auto [onceMin, onceMax] = Columns(once->csv);
+    const auto [heldMin, heldMax] = Columns(held->csv);
+    ASSERT_EQ(onceMax.size(), heldMax.size());
+    const double q = std::pow(0.5, 1.0 / 3.0);
+    auto db = [](double mv) { return 20 * std::log10(mv); };
+    EXPECT_NEAR(db(Quantile(heldMax, 0.5)), db(Quantile(onceMax, q)), 0.3);
+    EXPECT_NEAR(db(Quantile(heldMin, 0.5)), db(Quantile(onceMin, 1 - q)), 0.3);
+}
+
+TEST(SweepWarnings, ClampedSettingsAreReportedAndTheSweepRuns) {
+    SKIP_WITHOUT_SWEEP();
+    struct Case {
+        std::vector<std::string> args;
+        std::string warning;
+    };
+    const Case cases[] = {
+        {{"--start", "100M", "--stop", "20G", "--rbw", "1M"},
+         "lx530: warning: setting the span to 100.000 MHz .. 20.000 GHz: Setting clamped (1)"},
+        {{"--start", "100M", "--stop", "200M", "--rbw", "100k", "--vbw", "1M"},
+         "lx530: warning: setting RBW 100.000 kHz, VBW 1.000 MHz, sweep time 1e-06 s: Setting clamped (1)"},
+    };
+    TempDir dir;
+    for (const auto& c : cases) {
+        std::vector<std::string> args = {"sweep", "--sim"};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        const Result r = RunTool(dir.path, args);
+        EXPECT_EQ(r.exitCode, 0) << r.err;
+        EXPECT_THAT(r.err, HasSubstr(c.warning));
+        EXPECT_THAT(r.out, HasSubstr("Span"));
+    }
+}
+
+} // namespace
