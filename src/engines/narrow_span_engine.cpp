@@ -213,21 +213,8 @@ LxStatus NarrowSpanEngine::Run(float* minTrace, float* maxTrace, uint64_t* times
     if (maxTrace) std::memcpy(maxTrace, mx + plan_.firstOutputBin, bytes);
 
     SweepWarnings w;
-    uint64_t stamp = 0;
-    if (statusValid) {
-        if (device_.TakeStatusPacket(statusRecord_.data())) {
-            w.adcOverflow = (device_.statusWord & kAuxStatusAdcOverflow) != 0;
-            w.dataLost = (device_.statusWord & kAuxStatusDataLoss) != 0;
-            stamp = static_cast<uint64_t>(device_.gps.deviceTimeNs);
-        } else {
-            link.SetFramingError(true);
-        }
-    }
+    const uint64_t stamp = TakeEndOfSweepStatus(device_, statusRecord_.data(), statusValid, w);
     if (timestamp) *timestamp = stamp;
-    w.link = link.LinkStatus();
-    w.framingError = link.FramingError();
-    w.temperature = device_.temperature;
-    w.temperatureAtConfigure = device_.temperatureAtConfigure;
     return SweepStatus(w);
 }
 

@@ -134,26 +134,11 @@ LxStatus SweepEngine::Result(float* minTrace, float* maxTrace, uint64_t* timesta
     // overflow and loss bits for the whole sweep, and its temperature and
     // time as the sweep ended. Taken in here, on the caller's thread, which
     // owns the device's housekeeping fields.
-    usb::UsbTransport& link = device_.Transport();
     SweepWarnings w;
-    uint64_t stamp = 0;
-    if (statusValid_.load()) {
-        if (device_.TakeStatusPacket(statusRecord_.data())) {
-            w.adcOverflow = (device_.statusWord & kAuxStatusAdcOverflow) != 0;
-            w.dataLost = (device_.statusWord & kAuxStatusDataLoss) != 0;
-            stamp = static_cast<uint64_t>(device_.gps.deviceTimeNs);
-        } else {
-            link.SetFramingError(true);
-        }
-    }
+    const uint64_t stamp = TakeEndOfSweepStatus(device_, statusRecord_.data(), statusValid_.load(), w);
     if (timestamp) *timestamp = stamp;
     pending_.store(false);
-
-    w.link = link.LinkStatus();
-    w.framingError = link.FramingError();
     w.cpuOverrun = cpuOverrun_.load();
-    w.temperature = device_.temperature;
-    w.temperatureAtConfigure = device_.temperatureAtConfigure;
     return SweepStatus(w);
 }
 

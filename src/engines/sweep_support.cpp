@@ -4,6 +4,8 @@
 #include <cmath>
 
 #include "engines/sweep_plan.h"
+#include "lx_command/status_packet.h"
+#include "lx_lib/device.h"
 
 namespace lx::engines {
 
@@ -19,6 +21,25 @@ LxStatus SweepStatus(const SweepWarnings& w) {
     if (w.cpuOverrun) return lxCPULimited;
     if (std::fabs(w.temperature - w.temperatureAtConfigure) > kTempDriftLimitC) return lxTempDrift;
     return lxNoError;
+}
+
+uint64_t TakeEndOfSweepStatus(Device& dev, const uint8_t* record, bool recordValid, SweepWarnings& w) {
+    usb::UsbTransport& link = dev.Transport();
+    uint64_t stamp = 0;
+    if (recordValid) {
+        if (dev.TakeStatusPacket(record)) {
+            w.adcOverflow = (dev.statusWord & kAuxStatusAdcOverflow) != 0;
+            w.dataLost = (dev.statusWord & kAuxStatusDataLoss) != 0;
+            stamp = static_cast<uint64_t>(dev.gps.deviceTimeNs);
+        } else {
+            link.SetFramingError(true);
+        }
+    }
+    w.link = link.LinkStatus();
+    w.framingError = link.FramingError();
+    w.temperature = dev.temperature;
+    w.temperatureAtConfigure = dev.temperatureAtConfigure;
+    return stamp;
 }
 
 } // namespace lx::engines

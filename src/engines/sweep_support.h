@@ -1,12 +1,18 @@
 // Pieces both swept-spectrum engines share: the attenuation a sweep runs
-// with, and the order in which a finished sweep's warnings become its status.
+// with, the status packet read at the end of a sweep, and the order in which
+// a finished sweep's warnings become its status.
 //
-// Pure functions; thread-safe.
+// Thread-safe but for TakeEndOfSweepStatus, which runs on the device's owner
+// (caller's) thread.
 #pragma once
 
 #include <cstdint>
 
 #include "lx_api.h"
+
+namespace lx {
+class Device;
+}
 
 namespace lx::engines {
 
@@ -26,6 +32,13 @@ struct SweepWarnings {
 };
 
 inline constexpr float kTempDriftLimitC = 2.0f;
+
+// Takes the status packet read after a sweep's data into the device (when one
+// was read): sets the overflow and data-loss warnings from its status word,
+// or flags a framing error when it lacks its magic; then fills the remaining
+// warnings from the device and its link. Returns the time stamp of the sweep
+// (device time, ns since 1970; 0 without a packet).
+uint64_t TakeEndOfSweepStatus(Device& dev, const uint8_t* record, bool recordValid, SweepWarnings& w);
 
 // Strongest first: the link status, lxFramingErr, lxUncalData, lxADCOverflow,
 // lxCPULimited, lxTempDrift (more than 2 degC since configure), else 0.
