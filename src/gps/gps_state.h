@@ -22,6 +22,7 @@ inline constexpr double kNsPerTick = 8.138020833333334;
 // About 2.98 s without a new message while the fix is valid: the GPS is lost.
 inline constexpr uint64_t kLossTicks = 366000000;
 inline constexpr size_t kNmeaBufferBytes = 2048;
+inline constexpr uint32_t kNoSequence = 0xFFFFFFFFu;
 
 struct GpsState {
     mutable std::mutex mutex;
@@ -35,7 +36,11 @@ struct GpsState {
     bool statusBit = false;        // bit 10 of the last status word: timebase follows the GPS
 
     // Intake thread only.
-    uint32_t sequence = 0;      // 2-bit message sequence of the last message
+    // 2-bit message sequence of the last message; none before the first
+    // packet, so that the first packet's message is always taken (a device
+    // whose sequence happens to stand at 0 would otherwise hide its fix for
+    // a second).
+    uint32_t sequence = kNoSequence;
     uint64_t messageTick = 0;   // device tick of the last message
     bool anchored = false;
     uint64_t anchorTick = 0;

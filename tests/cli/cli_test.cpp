@@ -193,6 +193,22 @@ TEST_F(CliTest, CorruptCalibrationWarnsAndStillReports) {
                                                       "text": "Invalid calibration data"}])"));
 }
 
+// A GPS receiver in the scene: the fix, position and time reach the report
+// straight after the open (no waiting for the next message).
+TEST_F(CliTest, InfoReportsTheGpsFixOfTheScene) {
+    const std::string file = WriteFile("gps.json", R"({"gps": {"fix": true, "latitude": -33.8568,
+        "longitude": 151.2153, "altitude_m": 58.5, "utc": "2026-11-21T12:00:00Z"}})");
+    const Result js = Run({"--sim=" + file, "info", "--json"});
+    ASSERT_EQ(js.exitCode, 0) << js.err;
+    const json doc = Parse(js);
+    EXPECT_EQ(doc["gps"]["state"], 1);
+    EXPECT_NEAR(doc["gps"]["fix"]["latitude_deg"].get<double>(), -33.8568, 2e-6);
+    EXPECT_NEAR(doc["gps"]["fix"]["longitude_deg"].get<double>(), 151.2153, 2e-6);
+    EXPECT_NEAR(doc["gps"]["fix"]["altitude_m"].get<double>(), 58.5, 0.05);
+    const Result text = Run({"--sim=" + file, "info"});
+    EXPECT_THAT(text.out, HasSubstr("2026-11-21T12:00:"));
+}
+
 // ---- failures ----------------------------------------------------------------
 
 struct FailureCase {

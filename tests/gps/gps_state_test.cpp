@@ -63,6 +63,14 @@ TEST(GpsIntake, SameSequenceIsNotANewMessageAndTimeRunsOnFromTheAnchor) {
     EXPECT_EQ(t1 - t0, Ns(2048 - 98 + 122880000) - Ns(2048 - 98));
 }
 
+TEST(GpsIntake, FirstPacketIsAlwaysANewMessageWhateverItsSequence) {
+    GpsState g;
+    Packet p(kFixText, 0, 1000);
+    lx::gps::TakeStatusPacket(g, p.f, 1, 0);
+    EXPECT_TRUE(g.nmea.fixValid);
+    EXPECT_EQ(g.messageCounter, 1u);
+}
+
 TEST(GpsIntake, DecimationChangesThePipelineDelay) {
     struct {
         int d1;
