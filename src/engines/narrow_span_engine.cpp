@@ -49,13 +49,8 @@ double NarrowSpanPlan::ShiftCyclesPerSample() const {
 
 NarrowSpanPlan PlanNarrowSpan(const SweepSettings& s, int32_t attenuator, double refLevelDbm) {
     NarrowSpanPlan n;
+    n.sweep = PlanFromSettings(s);
     SweepPlan& p = n.sweep;
-    p.window = s.window;
-    p.detector = s.detector;
-    p.videoUnits = s.videoUnits;
-    p.scale = s.scale;
-    p.start = s.start;
-    p.stop = s.stop;
 
     const double span = s.stop - s.start;
     n.decimation = NarrowSpanDecimation(span);

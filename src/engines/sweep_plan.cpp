@@ -68,7 +68,7 @@ StepProcessorConfig SweepPlan::ProcessorConfig() const {
     return c;
 }
 
-SweepPlan PlanSweep(const SweepSettings& s, int32_t attenuator, double refLevelDbm) {
+SweepPlan PlanFromSettings(const SweepSettings& s) {
     SweepPlan p;
     p.window = s.window;
     p.detector = s.detector;
@@ -76,6 +76,11 @@ SweepPlan PlanSweep(const SweepSettings& s, int32_t attenuator, double refLevelD
     p.scale = s.scale;
     p.start = s.start;
     p.stop = s.stop;
+    return p;
+}
+
+SweepPlan PlanSweep(const SweepSettings& s, int32_t attenuator, double refLevelDbm) {
+    SweepPlan p = PlanFromSettings(s);
 
     p.windowFactor = WindowFactor(s.window);
     const double length = std::floor(p.windowFactor * kAdcRateHz / s.rbw);

@@ -129,6 +129,10 @@ struct SweepPlan {
 // steps carry their table rows, bins and flags but no corrections.
 SweepPlan PlanSweep(const SweepSettings& settings, int32_t attenuator, double refLevelDbm);
 
+// A plan with the span and display settings (window, detector, video units,
+// scale) taken over from the sweep settings; both sweep set-ups start here.
+SweepPlan PlanFromSettings(const SweepSettings& settings);
+
 // Fills every step's equaliser, step gain and IF level byte from the
 // calibration record at the temperature bracket.
 void FillStepCorrections(SweepPlan& plan, const uint8_t* cal, CalBracket bracket);

@@ -2,6 +2,8 @@
 // decimation rule, and the command list read back word by word.
 #include <gtest/gtest.h>
 
+#include "plan_settings.h"
+
 #include <cmath>
 
 #include "common/lx_assert.h"
@@ -33,16 +35,7 @@ TEST(NarrowSpanPlan, DecimationFollowsTheSpan) {
     EXPECT_TRUE(cap.saw("span < usableBW", "src/lx_lib"));
 }
 
-SweepSettings Settings(double start, double stop, double rbw, double vbw, double sweepTime, int32_t window) {
-    SweepSettings s;
-    s.start = start;
-    s.stop = stop;
-    s.rbw = rbw;
-    s.vbw = vbw;
-    s.sweepTime = sweepTime;
-    s.window = window;
-    return s;
-}
+using lx::engines::test::Settings;
 
 // Hand-derived plans: split of D between device and host, window and FFT
 // (with both clamps), averaging from VBW and from the sweep time, packets

@@ -3,6 +3,8 @@
 // words).
 #include <gtest/gtest.h>
 
+#include "plan_settings.h"
+
 #include <cmath>
 #include <numeric>
 #include <vector>
@@ -15,16 +17,7 @@ namespace {
 using namespace lx;
 using namespace lx::engines;
 
-SweepSettings Settings(double start, double stop, double rbw, double vbw, double sweepTime, int32_t window = 0) {
-    SweepSettings s;
-    s.start = start;
-    s.stop = stop;
-    s.rbw = rbw;
-    s.vbw = vbw;
-    s.sweepTime = sweepTime;
-    s.window = window;
-    return s;
-}
+using lx::engines::test::Settings;
 
 struct PlanCase {
     const char* name;
