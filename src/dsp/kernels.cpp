@@ -22,6 +22,18 @@ LX_DSP_CLONES void ConvertLoop(const int16_t* src, float* dst, int64_t n) {
     }
 }
 
+LX_DSP_CLONES void ConvertWindowLoop(const int16_t* src, const float* w, float* dst, int64_t n) {
+    for (int64_t i = 0; i < n; ++i) {
+        int re = static_cast<int>(src[2 * i]) - kRawDcOffset;
+        int im = static_cast<int>(src[2 * i + 1]) - kRawDcOffset;
+        re = re < -32768 ? -32768 : re;
+        im = im < -32768 ? -32768 : im;
+        const float g = w[i] * kRawScale;
+        dst[2 * i] = static_cast<float>(re) * g;
+        dst[2 * i + 1] = static_cast<float>(im) * g;
+    }
+}
+
 LX_DSP_CLONES void MultiplyLoop(const float* a, const float* b, float* out, int64_t n) {
     for (int64_t i = 0; i < n; ++i) out[i] = a[i] * b[i];
 }
@@ -81,6 +93,12 @@ float* F(cf32* p) { return reinterpret_cast<float*>(p); }
 DspStatus ConvertIq16(const int16_t* src, cf32* dst, int64_t count) noexcept {
     if (Bad(src, dst, count)) return DspStatus::kBadArgument;
     ConvertLoop(src, F(dst), 2 * count);
+    return DspStatus::kOk;
+}
+
+DspStatus ConvertIq16Windowed(const int16_t* src, const float* window, cf32* dst, int64_t count) noexcept {
+    if (Bad(src, dst, count) || Bad(window, dst, count)) return DspStatus::kBadArgument;
+    ConvertWindowLoop(src, window, F(dst), count);
     return DspStatus::kOk;
 }
 

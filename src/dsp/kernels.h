@@ -35,6 +35,11 @@ inline constexpr float kPowerFloorDb = -380.0f;
 // interleaved I/Q pairs (2 * count int16 values).
 DspStatus ConvertIq16(const int16_t* src, cf32* dst, int64_t count) noexcept;
 
+// dst[k] = ConvertIq16(src)[k] * window[k]: conversion and a real window in one
+// pass over the samples, for the streaming spectrum paths (the window multiply
+// is then free: the loop is bound by the loads of the raw samples).
+DspStatus ConvertIq16Windowed(const int16_t* src, const float* window, cf32* dst, int64_t count) noexcept;
+
 // out[k] = a[k] * b[k] on plain floats. Used with a window stored twice per
 // sample (w0, w0, w1, w1, ...) to window complex data as 2 * count floats.
 DspStatus MultiplyFloats(const float* a, const float* b, float* out, int64_t count) noexcept;

@@ -32,6 +32,7 @@ inline constexpr uint32_t kOpGpsTimebase = 0x2F;
 inline constexpr uint32_t kOpCaptureControl = 0x30;
 inline constexpr uint32_t kOpTransferRequest = 0x31;
 inline constexpr uint32_t kOpStop = 0x32;
+inline constexpr uint32_t kOpTriggerEdge = 0x33;   // external trigger edge the device reports
 inline constexpr uint32_t kOpPowerUpDone = 0x3F;
 inline constexpr uint32_t kOpTapBankA = 0x40;       // 0x40..0x5F: first value of tap pair i
 inline constexpr uint32_t kOpTapBankB = 0x60;       // 0x60..0x7F: second value of tap pair i
@@ -41,6 +42,14 @@ inline constexpr uint32_t MakeWord(uint32_t opcode, uint32_t operand) {
 }
 
 inline constexpr uint32_t kSpacerWord = 0x01000000;
+
+// The edge of the external trigger input that the device reports in its status
+// packets: 0 rising, 1 falling (the I/Q trigger-edge setting). The protocol has
+// no word for it, so it takes the free opcode after the stop word; it holds
+// until the next such word or a power-up.
+inline constexpr uint32_t kTriggerEdgeRising = 0;
+inline constexpr uint32_t kTriggerEdgeFalling = 1;
+inline constexpr uint32_t TriggerEdgeWord(uint32_t edge) { return MakeWord(kOpTriggerEdge, edge & 1u); }
 inline constexpr uint32_t kStopWord = 0x32000000;
 
 // ---- transfer requests ----------------------------------------------------

@@ -58,10 +58,25 @@ inline constexpr size_t kAuxUartRingBytes = kAuxUartRingWords * 4;
 // with every new NMEA message), 20..28 ring read index (in 32-bit words). The
 // tick of the block the packet follows is the sample counter above.
 inline constexpr size_t kAuxGpsStatusOffset = 92; // u32
-// Added with the GPS and I/Q streaming work: the GPS status word (message
-// sequence, ring read and write indexes), the block tick, the message tick and
-// the trigger fields. Keep them between the housekeeping fields above and the
-// UART ring, and add their offsets here.
+
+// Trigger fields: flags (bit 0: an external trigger edge fell within the block
+// the packet follows) and the edge's position in 122.88 MHz ticks from the
+// antenna time of that block's first sample.
+inline constexpr size_t kAuxTriggerFlagsOffset = 56;    // u32
+inline constexpr size_t kAuxTriggerPositionOffset = 60; // u32
+inline constexpr uint32_t kAuxTriggerExternal = 1u << 0;
+
+// ---- time of the samples -------------------------------------------------------
+// The sample counter K (kAuxSampleCounterOffset) in the packet behind a block of
+// B delivered samples at hardware decimation D1 is the tick at which the block's
+// last sample left the pipeline: the block's first sample is the antenna signal
+// at tick K - 2*D1*B + PipelineOffsetTicks(D1), each further sample 2*D1 ticks
+// later. The sweep list (D1 = 1, one block per step) uses the offset of D1 = 1.
+inline constexpr uint64_t kDeviceTicksPerSecond = 122880000;
+inline constexpr int64_t PipelineOffsetTicks(int hwDecimation) {
+    return hwDecimation == 4 ? 7880 : hwDecimation == 2 ? 3920 : 1950;
+}
+inline constexpr int64_t kSweepListPipelineTicks = 1950;
 
 static_assert(kAuxUartRingOffset + kAuxUartRingBytes <= kAuxRecordBytes);
 

@@ -39,6 +39,29 @@ TEST(ConvertIq16, EveryRawValue) {
     EXPECT_EQ(e[2], cf32(32191.0f / 32768, 0.0f));
 }
 
+// The fused conversion equals conversion followed by the window multiply, to the
+// rounding of one product, on every raw value (the low saturation edge included).
+TEST(ConvertIq16Windowed, MatchesConvertThenWindow) {
+    std::mt19937 rng(5);
+    std::uniform_int_distribution<int> raw16(-32768, 32767);
+    std::uniform_real_distribution<float> wd(0.0f, 1.5f);
+    const int64_t n = 70001;
+    std::vector<int16_t> raw(2 * n);
+    std::vector<float> w(n);
+    for (auto& v : raw) v = static_cast<int16_t>(raw16(rng));
+    raw[0] = -32768;
+    for (auto& v : w) v = wd(rng);
+    std::vector<cf32> fused(n + 1, cf32(9, 9)), ref(n);
+    ASSERT_EQ(lx::dsp::ConvertIq16Windowed(raw.data(), w.data(), fused.data(), n), DspStatus::kOk);
+    ASSERT_EQ(lx::dsp::ConvertIq16(raw.data(), ref.data(), n), DspStatus::kOk);
+    for (int64_t k = 0; k < n; ++k) {
+        ASSERT_NEAR(fused[k].real(), ref[k].real() * w[k], 1.2e-7f * std::abs(ref[k].real() * w[k])) << k;
+        ASSERT_NEAR(fused[k].imag(), ref[k].imag() * w[k], 1.2e-7f * std::abs(ref[k].imag() * w[k])) << k;
+    }
+    EXPECT_EQ(fused[n], cf32(9, 9));
+    EXPECT_EQ(lx::dsp::ConvertIq16Windowed(raw.data(), nullptr, fused.data(), 1), DspStatus::kBadArgument);
+}
+
 // 10 log10 against double precision over the whole normal float range of powers
 // (log-uniform magnitudes, exact powers of two and the mantissa split at sqrt 2), with an
 // offset, through both the complex and the power entry points.
