@@ -216,18 +216,20 @@ int RunIqList(const IqListOptions& o, bool json) {
     std::vector<Row> rows;
     uint32_t serial = 0;
     try {
-        if (o.sigmf) {
-            if (o.perStep) {
-                for (int p = 0; p < o.passes; ++p)
-                    for (size_t k = 0; k < stepCount; ++k) {
-                        const std::string base = *o.sigmf + (o.passes > 1 ? "-" + std::to_string(p + 1) : "") + "-" +
-                                                 std::to_string(k);
-                        writers.push_back(std::make_unique<SigmfWriter>(base, global));
-                    }
-            } else {
-                writers.push_back(std::make_unique<SigmfWriter>(*o.sigmf, global));
-            }
+        if (o.sigmf && o.perStep) {
+            for (int p = 0; p < o.passes; ++p)
+                for (size_t k = 0; k < stepCount; ++k) {
+                    const std::string base =
+                        *o.sigmf + (o.passes > 1 ? "-" + std::to_string(p + 1) : "") + "-" + std::to_string(k);
+                    writers.push_back(std::make_unique<SigmfWriter>(base, global));
+                }
+        } else if (o.sigmf) {
+            writers.push_back(std::make_unique<SigmfWriter>(*o.sigmf, global));
         }
+    } catch (const SigmfError& e) {
+        throw Usage(e.what()); // a path that cannot be written, before the analyzer is touched
+    }
+    try {
         // The buffers outlive the analyzer: closing it on an error stops
         // requests that may still be writing into them.
         const int depth = std::min(o.passes, kInFlight);
