@@ -87,6 +87,46 @@ SweepListPlan PlanSweepList(const IqSweepListSettings& settings, const uint8_t* 
     return plan;
 }
 
+void ConvertSweepListPacket(const int16_t* raw, int64_t n, int64_t first, const SweepListStepPlan& st,
+                            const std::complex<float>* tone, float scale, bool asFloat, void* destination,
+                            std::complex<float>* work) {
+    std::complex<float>* x = work;
+    auto* xf = reinterpret_cast<float*>(x);
+    dsp::ConvertIq16(raw, x, n);
+    if (st.capture.mirrored) {
+        // Band 0 delivers RF F at C - F: the conjugate puts it at F - C.
+        for (int64_t i = 0; i < n; ++i) xf[2 * i + 1] = -xf[2 * i + 1];
+    }
+    dsp::ComplexMultiply(x, tone, x, n);
+    // The tone table covers one packet; this packet's phase comes from its
+    // first sample's index, in double precision.
+    const double turns = st.shiftCycles * static_cast<double>(first);
+    const double phase = 2.0 * std::numbers::pi * (turns - std::floor(turns));
+    const float cr = static_cast<float>(std::cos(phase)) * scale;
+    const float ci = static_cast<float>(std::sin(phase)) * scale;
+    const int64_t at = st.outputOffset + first;
+    if (asFloat) {
+        float* out = static_cast<float*>(destination) + 2 * at;
+        for (int64_t i = 0; i < n; ++i) {
+            const float re = xf[2 * i], im = xf[2 * i + 1];
+            out[2 * i] = re * cr - im * ci;
+            out[2 * i + 1] = re * ci + im * cr;
+        }
+        return;
+    }
+    // Round to nearest (ties to even) by adding and taking away 1.5 * 2^23:
+    // exact for the clamped range and, unlike lrint, vectorised.
+    constexpr float kRound = 12582912.0f;
+    int16_t* out = static_cast<int16_t*>(destination) + 2 * at;
+    for (int64_t i = 0; i < n; ++i) {
+        const float re = xf[2 * i], im = xf[2 * i + 1];
+        const float a = std::clamp((re * cr - im * ci) * 32768.0f, -32768.0f, 32767.0f);
+        const float b = std::clamp((re * ci + im * cr) * 32768.0f, -32768.0f, 32767.0f);
+        out[2 * i] = static_cast<int16_t>(static_cast<int32_t>((a + kRound) - kRound));
+        out[2 * i + 1] = static_cast<int16_t>(static_cast<int32_t>((b + kRound) - kRound));
+    }
+}
+
 // ---- engine -------------------------------------------------------------------------
 
 IqSweepListEngine::IqSweepListEngine(Device& device, SweepListPlan plan)
@@ -279,42 +319,13 @@ void IqSweepListEngine::TakeRead(const Flight& f, const uint8_t* data) {
     const float scale = asFloat && !plan_.uncorrected ? st.scale : 1.0f;
     const std::complex<float>* tone = tones_[static_cast<size_t>(f.step)].span().data();
     std::complex<float>* x = work_.span().data();
-    auto* xf = reinterpret_cast<float*>(x);
 
-    for (int32_t p = 0; p < f.packets; ++p) {
+    for (int32_t p = 0; p < f.packets && slot.destination != nullptr; ++p) {
         const int64_t first = (f.firstPacket + p) * kSamplesPerPacket;
         const int64_t n = std::min<int64_t>(kSamplesPerPacket, int64_t{st.samples} - first);
-        if (n <= 0 || slot.destination == nullptr) break;
-        dsp::ConvertIq16(reinterpret_cast<const int16_t*>(data + int64_t{p} * kBytesPerPacket), x, n);
-        if (st.capture.mirrored) {
-            // Band 0 delivers RF F at C - F: the conjugate puts it at F - C.
-            for (int64_t i = 0; i < n; ++i) xf[2 * i + 1] = -xf[2 * i + 1];
-        }
-        dsp::ComplexMultiply(x, tone, x, n);
-        // The tone table covers one packet; this packet's phase comes from
-        // its first sample's index, in double precision.
-        const double turns = st.shiftCycles * static_cast<double>(first);
-        const double phase = 2.0 * std::numbers::pi * (turns - std::floor(turns));
-        const float cr = static_cast<float>(std::cos(phase)) * scale;
-        const float ci = static_cast<float>(std::sin(phase)) * scale;
-        const int64_t at = st.outputOffset + first;
-        if (asFloat) {
-            float* out = static_cast<float*>(slot.destination) + 2 * at;
-            for (int64_t i = 0; i < n; ++i) {
-                const float re = xf[2 * i], im = xf[2 * i + 1];
-                out[2 * i] = re * cr - im * ci;
-                out[2 * i + 1] = re * ci + im * cr;
-            }
-        } else {
-            int16_t* out = static_cast<int16_t*>(slot.destination) + 2 * at;
-            for (int64_t i = 0; i < n; ++i) {
-                const float re = xf[2 * i], im = xf[2 * i + 1];
-                const float a = std::clamp((re * cr - im * ci) * 32768.0f, -32768.0f, 32767.0f);
-                const float b = std::clamp((re * ci + im * cr) * 32768.0f, -32768.0f, 32767.0f);
-                out[2 * i] = static_cast<int16_t>(std::lrint(a));
-                out[2 * i + 1] = static_cast<int16_t>(std::lrint(b));
-            }
-        }
+        if (n <= 0) break;
+        ConvertSweepListPacket(reinterpret_cast<const int16_t*>(data + int64_t{p} * kBytesPerPacket), n, first, st,
+                               tone, scale, asFloat, slot.destination, x);
     }
     if (!f.status) return;
 

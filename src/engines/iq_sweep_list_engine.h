@@ -66,6 +66,7 @@
 
 #include <array>
 #include <atomic>
+#include <complex>
 #include <cstdint>
 #include <vector>
 
@@ -112,6 +113,14 @@ struct SweepListPlan {
 // The plan and the command list of a step list at a temperature bracket.
 // An empty list gives a plan without steps.
 SweepListPlan PlanSweepList(const IqSweepListSettings& settings, const uint8_t* cal, CalBracket bracket);
+
+// One packet (n <= 2048 samples, starting at sample `first` of the step) into
+// the step's place in `destination`: converted, conjugated in band 0,
+// shifted (tone: the step's 2048-sample table), then times `scale` as floats
+// or rounded to int16. `work` holds 2048 samples. No allocation.
+void ConvertSweepListPacket(const int16_t* raw, int64_t n, int64_t first, const SweepListStepPlan& step,
+                            const std::complex<float>* tone, float scale, bool asFloat, void* destination,
+                            std::complex<float>* work);
 
 class IqSweepListEngine final : public Engine {
 public:
