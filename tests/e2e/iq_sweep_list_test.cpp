@@ -152,6 +152,31 @@ TEST_F(SweepList, SixteenRequestsInFlightCompleteInOrder) {
     }
 }
 
+// Time stamps: each step starts one step duration (its packets of 2048 at
+// 61.44 MS/s, not just its sample count) plus the retuning after the
+// previous one, within a pass and from one pass to the next.
+TEST_F(SweepList, TimeStampsAdvanceByDurationAndRetune) {
+    const std::vector<Step> steps{{50e6, 2049}, {1.2e9, 5000}, {9e9, 16384}, {20e6, 100}};
+    Open(steps);
+    Configure(steps);
+    const int64_t n = Total(steps);
+    std::vector<float> a(size_t(2 * n)), b(size_t(2 * n));
+    std::vector<uint64_t> ta(steps.size()), tb(steps.size());
+    ASSERT_EQ(lxIQSweepListStartSweep(h, 0, a.data(), ta.data()), lxNoError);
+    ASSERT_EQ(lxIQSweepListStartSweep(h, 1, b.data(), tb.data()), lxNoError);
+    ASSERT_EQ(lxIQSweepListFinishSweep(h, 0), lxNoError);
+    ASSERT_EQ(lxIQSweepListFinishSweep(h, 1), lxNoError);
+    std::vector<uint64_t> t(ta);
+    t.insert(t.end(), tb.begin(), tb.end());
+    for (size_t i = 1; i < t.size(); ++i) {
+        const Step& prev = steps[(i - 1) % steps.size()];
+        const double duration = std::ceil(prev.samples / 2048.0) * 2048.0 / kFs * 1e9;
+        const double gap = double(int64_t(t[i] - t[i - 1])) - duration;
+        EXPECT_GT(gap, -16.3) << i; // one sample
+        EXPECT_LT(gap, 200e3) << i; // the retuning takes microseconds, not a fraction of a millisecond
+    }
+}
+
 // Argument and state checks: each bad call returns its status and changes
 // nothing a later good call could see.
 TEST_F(SweepList, ArgumentAndStateChecks) {
