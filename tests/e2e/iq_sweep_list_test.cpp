@@ -154,7 +154,8 @@ TEST_F(SweepList, SixteenRequestsInFlightCompleteInOrder) {
 
 // Time stamps: each step starts one step duration (its packets of 2048 at
 // 61.44 MS/s, not just its sample count) plus the retuning after the
-// previous one, within a pass and from one pass to the next.
+// previous one. Between passes the analyzer may also wait for the host's
+// next request, so there the next pass only starts after the last step.
 TEST_F(SweepList, TimeStampsAdvanceByDurationAndRetune) {
     const std::vector<Step> steps{{50e6, 2049}, {1.2e9, 5000}, {9e9, 16384}, {20e6, 100}};
     Open(steps);
@@ -173,7 +174,9 @@ TEST_F(SweepList, TimeStampsAdvanceByDurationAndRetune) {
         const double duration = std::ceil(prev.samples / 2048.0) * 2048.0 / kFs * 1e9;
         const double gap = double(int64_t(t[i] - t[i - 1])) - duration;
         EXPECT_GT(gap, -16.3) << i; // one sample
-        EXPECT_LT(gap, 200e3) << i; // the retuning takes microseconds, not a fraction of a millisecond
+        if (i % steps.size() != 0) {
+            EXPECT_LT(gap, 200e3) << i; // the retuning takes microseconds, not a fraction of a millisecond
+        }
     }
 }
 
