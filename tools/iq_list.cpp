@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <fstream>
 #include <memory>
+#include <set>
 #include <sstream>
 
 #include <nlohmann/json.hpp>
@@ -264,10 +265,14 @@ int RunIqList(const IqListOptions& o, bool json) {
         Check(lxIQSweepListGetCorrections(h, scale.data()), "reading the step corrections", &warnings);
 
         for (int p = 0; p < depth; ++p)
-            Check(lxIQSweepListStartSweep(h, p, buf[size_t(p)].data(), stamps[size_t(p)].data()), "starting pass 1", &warnings);
+            Check(lxIQSweepListStartSweep(h, p, buf[size_t(p)].data(), stamps[size_t(p)].data()),
+                  "starting pass " + std::to_string(p + 1), &warnings);
+        std::set<LxStatus> seen;
         for (int p = 0; p < o.passes; ++p) {
             const int slot = p % depth;
-            Check(lxIQSweepListFinishSweep(h, slot), "pass " + std::to_string(p + 1), &warnings);
+            // A warning once per kind over many passes, not once per pass.
+            const LxStatus finished = lxIQSweepListFinishSweep(h, slot);
+            if (finished <= 0 || seen.insert(finished).second) Check(finished, "pass " + std::to_string(p + 1), &warnings);
             const char* data = buf[size_t(slot)].data();
             int64_t at = 0;
             for (size_t k = 0; k < stepCount; ++k) {
