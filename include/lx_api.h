@@ -265,6 +265,56 @@ LX_API LxStatus lxGetSweepParameters(int32_t handle, double* actualRbw, double* 
  * lxSweepAlreadyActiveErr, lxFramingErr, lxConnectionLostErr. */
 LX_API LxStatus lxGetSweep(int32_t handle, float* minTrace, float* maxTrace, uint64_t* timestamp);
 
+/* ==== I/Q sweep list (mode 4) =============================================
+ * A list of 1..1000 steps, each a block of I/Q samples at 61.44 MS/s centred
+ * on the step's frequency: one pass of the list per request, up to 16
+ * requests (slots 0..15) in flight, each into a buffer of its own.
+ * The list is empty after open; lxConfigure(handle, lxModeIQSweepList) with
+ * an empty list returns lxInvalidConfigurationErr. Per-step setters take the
+ * step index first: an index below 0 or not below the step count returns
+ * lxInvalidParameterErr. See docs/iq_sweep_list.md. */
+
+/* 0 complex float (default): calibrated, |x|^2 is the power in mW (dBm after
+ * 10 log10); 1 complex int16: full scale 32768, never scaled (multiply by the
+ * step's lxIQSweepListGetCorrections factor and divide by 32768). */
+LX_API LxStatus lxSetIQSweepListDataType(int32_t handle, int32_t dataType);
+/* 1 (default) applies each step's calibration scale to float output; 0
+ * delivers float samples in full-scale units (1.0 = ADC full scale). */
+LX_API LxStatus lxSetIQSweepListCorrected(int32_t handle, int32_t corrected);
+/* 1..1000. Shrinking drops the last steps; new steps take frequency 1 GHz,
+ * reference level -20 dBm, automatic attenuation, 1000000 samples. */
+LX_API LxStatus lxSetIQSweepListSteps(int32_t handle, int32_t steps);
+LX_API LxStatus lxGetIQSweepListSteps(int32_t handle, int32_t* steps);
+/* 9 kHz .. 15 GHz; the step's samples are centred on it. */
+LX_API LxStatus lxSetIQSweepListFreq(int32_t handle, int32_t step, double hz);
+/* -100 .. 20 dBm; also switches the step back to automatic attenuation, so
+ * set the reference level first and a fixed attenuation after it. */
+LX_API LxStatus lxSetIQSweepListRef(int32_t handle, int32_t step, double dbm);
+/* -1 automatic, 0..6 steps of 5 dB (values beyond are clamped). */
+LX_API LxStatus lxSetIQSweepListAtten(int32_t handle, int32_t step, int32_t atten);
+/* Samples of the step (the device delivers them in packets of 2048). */
+LX_API LxStatus lxSetIQSweepListSampleCount(int32_t handle, int32_t step, uint32_t samples);
+
+/* Results; all return lxInvalidConfigurationErr unless mode 4 runs.
+ * Each step's linear amplitude factor, one float per step. */
+LX_API LxStatus lxIQSweepListGetCorrections(int32_t handle, float* corrections);
+/* Queues one pass into `destination`: the steps one after the other, each
+ * its sample count of complex values (8 bytes each for float, 4 for int16).
+ * `timestamps` (may be null): one per step, ns since 1970 of the step's first
+ * sample. The buffers belong to the library until the slot's finish returns.
+ * lxInvalidParameterErr for a slot outside 0..15, lxNullPtrErr for a null
+ * destination, lxSweepAlreadyActiveErr while the slot is active. */
+LX_API LxStatus lxIQSweepListStartSweep(int32_t handle, int32_t slot, void* destination,
+                                        uint64_t* timestamps);
+/* Waits for the slot's pass; requests complete in the order they started.
+ * Returns the link status after a failed transfer, lxFramingErr, lxUncalData
+ * (samples lost), lxADCOverflow, lxTempDrift, else 0; lxSweepAlreadyActiveErr
+ * for a slot that was not started. */
+LX_API LxStatus lxIQSweepListFinishSweep(int32_t handle, int32_t slot);
+/* Start in slot 0 and finish it; lxSweepAlreadyActiveErr while any slot is
+ * active. */
+LX_API LxStatus lxIQSweepListGetSweep(int32_t handle, void* destination, uint64_t* timestamps);
+
 /* ==== Power, identity, diagnostics ========================================
  * Calls marked "guarded" return lxInvalidConfigurationErr while a streaming
  * mode (real-time, I/Q, audio) runs: the analyzer's command path is busy. */

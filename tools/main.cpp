@@ -1,6 +1,7 @@
 // lx530: the command-line face of lx_api.
 //
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] list
+//   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] list FREQ... | --csv FILE [options]
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] info [--serial N]
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] sweep [options]
 //
@@ -17,6 +18,7 @@
 
 #include "cli_support.h"
 #include "commands.h"
+#include "iq_list.h"
 #include "lx_api.h"
 #include "sweep.h"
 
@@ -61,8 +63,10 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(10000000, 99999999));
     app.add_flag("--json", json, "Print a JSON document instead of text");
 
-    auto* list = app.add_subcommand("list", "List the attached analyzers: serial and personality");
-    list->footer(kGlobalFooter);
+    auto* list = app.add_subcommand(
+        "list", "List the attached analyzers; with frequencies, capture I/Q at each of them (an I/Q sweep list)");
+    IqListOptions iqListOptions;
+    AddIqListOptions(*list, iqListOptions);
     auto* info = app.add_subcommand(
         "info", "Open an analyzer (the first, or --serial) and print its identity, housekeeping and GPS state");
     std::optional<int32_t> serial;
@@ -96,12 +100,15 @@ int main(int argc, char** argv) {
         return UsageError("unexpected argument '" + extras.front() + "'");
     }
     if (!haveSubcommand) return UsageError("a subcommand is required: 'list', 'info' or 'sweep'");
+    if (list->parsed() && !iqListOptions.Requested() && iqListOptions.AnyGiven(*list))
+        return UsageError("list: the sweep-list options need frequencies or --csv");
     if (sim->count() > 0 && !scene.empty()) sceneFile = scene;
     // `sweep --scene FILE` is --sim=FILE spelt the way a measurement reads.
-    const bool sceneOption = sweep->parsed() && sweepOptions.scene.has_value();
+    const bool sceneOption = (sweep->parsed() && sweepOptions.scene.has_value()) ||
+                             (list->parsed() && iqListOptions.scene.has_value());
     if (sceneOption) {
         if (sim->count() > 0) return UsageError("give the scene either as --sim=FILE or as --scene FILE");
-        sceneFile = sweepOptions.scene;
+        sceneFile = sweep->parsed() ? sweepOptions.scene : iqListOptions.scene;
     }
     const bool simulate = sim->count() > 0 || sceneOption;
     if (app.get_option("--sim-serial")->count() > 0 && !simulate)
@@ -112,7 +119,9 @@ int main(int argc, char** argv) {
         // Declared first, so unplugged only after the analyzer was closed.
         std::optional<SimulatedAnalyzer> simulated;
         if (simulate) simulated.emplace(simSerial, sceneFile);
-        if (list->parsed())
+        if (list->parsed() && iqListOptions.Requested())
+            code = RunIqList(iqListOptions, json);
+        else if (list->parsed())
             code = RunList(json);
         else if (info->parsed())
             code = RunInfo(serial, json);
