@@ -75,7 +75,7 @@ protected:
         const std::string cmd = std::string(LX_TEST_PYTHON) +
                                 " -c 'import json,sys,jsonschema; jsonschema.Draft202012Validator(json.load(open(sys.argv[1])))"
                                 ".validate(json.load(open(sys.argv[2])))' " +
-                                Quote(std::string(LX_TEST_DATA_DIR) + "/sigmf/sigmf-schema.json") + " " +
+                                Quote(std::string(LX_TEST_SHARED_DIR) + "/data/sigmf/sigmf-schema.json") + " " +
                                 Quote(meta.string()) + " 2>&1";
         std::string out;
         FILE* p = popen(cmd.c_str(), "r");
