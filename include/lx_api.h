@@ -454,7 +454,8 @@ LX_API LxStatus lxBootClearCorrections(int32_t handle, double* progress);
  * failure: lxFlashTransferErr. */
 LX_API LxStatus lxBootWriteFPGAProgram(int32_t handle, const char* path, double* progress);
 /* Programs a calibration record at page 4096 and verifies it; a programming
- * or verify failure is reported as lxFileIOErr. */
+ * or verify failure is reported as lxFileIOErr. A verified record also
+ * replaces the analyzer's calibration cache file. */
 LX_API LxStatus lxBootWriteCorrections(int32_t handle, const LX530CalData* cal, double* progress);
 /* Programs a run image file (at most 256 KiB) with the serial put in its
  * placeholder (serial < 1: the serial of the analyzer in the slot) and

@@ -11,6 +11,7 @@
 #include "boot/boot_image.h"
 #include "cal/cal_record.h"
 #include "common/lx_assert.h"
+#include "lx_lib/cal_files.h"
 #include "usb/rom_loader.h"
 #include "usb/usb_transport.h"
 
@@ -245,8 +246,12 @@ LxStatus WriteCorrections(int32_t handle, const uint8_t* record, double* progres
         SetProgress(progress, 0.0);
         const std::vector<uint8_t> image(record, record + calSizeBytes);
         // A programming failure is reported with the file status here.
-        return ProgramImage(link, image, kCalFirstPage * kPageBytes, progress) == lxNoError ? lxNoError
-                                                                                             : lxFileIOErr;
+        if (ProgramImage(link, image, kCalFirstPage * kPageBytes, progress) != lxNoError) return lxFileIOErr;
+        // The cache file is a copy of the flash record, which just changed:
+        // an earlier copy with the same date (say, of a record damaged by a
+        // failed write) would otherwise be taken instead of the flash.
+        if (link.Serial() >= 0) SaveCalFile(link.Serial(), image.data());
+        return lxNoError;
     });
 }
 
