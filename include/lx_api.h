@@ -410,7 +410,10 @@ LX_API LxStatus lxAdminSetCoarseTuneVal(int32_t handle, uint16_t value);
  * another thread may poll them (with an atomic load). Writes verify what
  * they programmed by reading it back; docs/flash.md describes how to
  * recover from a failed write. Image files are in the chip maker's boot
- * format; see docs/flash.md. */
+ * format; see docs/flash.md. Each sector erased for the FPGA program and
+ * each page written or block verified is reported on the library's debug
+ * output ("Erasing Page %d", "Writing Page %d", "Verifying Page %d"), which
+ * is silent unless a sink is installed. */
 
 /* Downloads the boot image file at path into the RAM of the first analyzer
  * still in the chip's own ROM loader, which checks its checksum and starts
