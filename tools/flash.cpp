@@ -207,6 +207,10 @@ int Verify(const FlashOptions& o, bool json) {
         throw Failure(kExitUsage, "no readable manifest.json in " + o.path, "make one with 'lx530 flash backup DIR'");
     }
     BootSession session(o.serial);
+    const int32_t backupSerial = manifest.value("serial", -1);
+    if (backupSerial != session.Serial())
+        std::fprintf(stderr, "lx530: warning: the backup is of analyzer %08d, this is %08d\n", backupSerial,
+                     session.Serial());
     nlohmann::json report = nlohmann::json::array();
     bool allMatch = true;
     for (const Region& r : kRegions) {
