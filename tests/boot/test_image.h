@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -100,8 +102,10 @@ inline std::vector<uint8_t> Patched(std::vector<uint8_t> img, int32_t serial) {
     return img;
 }
 
+// Into the temporary folder, under a name of this process's own: tests run
+// as parallel processes.
 inline std::string WriteFile(const std::string& name, const std::vector<uint8_t>& bytes) {
-    const std::string path = ::testing::TempDir() + name;
+    const std::string path = ::testing::TempDir() + "lx-" + std::to_string(getpid()) + "-" + name;
     std::FILE* f = std::fopen(path.c_str(), "wb");
     if (f) {
         std::fwrite(bytes.data(), 1, bytes.size(), f);
