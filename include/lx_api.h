@@ -8,8 +8,8 @@
  * Devices are addressed by a handle 0..8 returned by the open functions.
  * Setters only store; settings reach the instrument at lxConfigure.
  *
- * Usable from C (C11) and C++. The service functions for calibration records
- * (lxCal*, kdCalDoesCorrectionsExist) use C++ linkage and are declared in the
+ * Usable from C (C11) and C++. The service functions (lxCal*, lxAdmin*,
+ * lxBoot*, kdCalDoesCorrectionsExist) use C++ linkage and are declared in the
  * C++-only section at the end of this header.
  */
 #ifndef LX_API_H
@@ -445,6 +445,84 @@ LX_API LxStatus lxAdminDeviceHasCorrections(int32_t handle, bool* has);
  * sends it at once, corrected for the present temperature; guarded. */
 LX_API LxStatus lxAdminGetCoarseTuneVal(int32_t handle, uint16_t* value);
 LX_API LxStatus lxAdminSetCoarseTuneVal(int32_t handle, uint16_t value);
+
+/* ---- C++-only flash and boot programming ------------------------------
+ * One analyzer at a time, held in a process-wide boot slot apart from the
+ * handles above; the boot handle is always 0. Unless said otherwise every
+ * call checks, in this order: no analyzer in the boot slot
+ * (lxDeviceNotFoundErr), handle not 0 (lxInvalidDeviceErr), null pointers
+ * (lxNullPtrErr). Calls run one at a time (a second thread's call waits).
+ * Flash is addressed in 1024-byte pages; erases take 256-page sectors.
+ * Regions: boot image page 0 (one sector), FPGA program page 1024 (eight
+ * sectors), calibration record page 4096 (eight sectors), run image page
+ * 49152 (one sector). Writes program erased flash: clear a region first.
+ * Progress outputs go from 0 to 1 and are stored while the call runs, so
+ * another thread may poll them (with an atomic load). Writes verify what
+ * they programmed by reading it back; docs/flash.md describes how to
+ * recover from a failed write. Image files are in the chip maker's boot
+ * format; see docs/flash.md. Each sector erased for the FPGA program and
+ * each page written or block verified is reported on the library's debug
+ * output ("Erasing Page %d", "Writing Page %d", "Verifying Page %d"), which
+ * is silent unless a sink is installed. */
+
+/* Downloads the boot image file at path into the RAM of the first analyzer
+ * still in the chip's own ROM loader, which checks its checksum and starts
+ * it as a boot loader, then binds the first analyzer found (vendor 0x5A3C,
+ * product 0x000C, a valid serial) to the boot slot. Slot taken:
+ * lxMaxDevicesConnectedErr; null handle or path: lxNullPtrErr; unreadable,
+ * empty or larger than 256 KiB file: lxFileIOErr; no analyzer came up:
+ * lxDeviceNotFoundErr. */
+LX_API LxStatus lxBootStrap(int32_t* handle, const char* path);
+/* Sends every analyzer running its run firmware to its boot loader, then
+ * binds the first one found in its boot loader. Null: lxNullPtrErr; slot
+ * taken: lxMaxDevicesConnectedErr; none: lxDeviceNotFoundErr. */
+LX_API LxStatus lxBootOpenDevice(int32_t* handle);
+/* The same for the analyzer with this serial. */
+LX_API LxStatus lxBootOpenDeviceBySerial(int32_t* handle, int32_t serial);
+/* Restarts the analyzer (it comes back in its boot loader when its boot
+ * image is whole) and empties the slot. No analyzer in the slot, or handle
+ * not 0: lxInvalidDeviceErr. */
+LX_API LxStatus lxBootCloseDevice(int32_t handle);
+/* Serial of the analyzer in the slot. Checks the handle before the slot. */
+LX_API LxStatus lxBootGetSerial(int32_t handle, int32_t* serial);
+/* Reads 32 pages (32768 bytes) from page on. Page above 65535:
+ * lxInvalidParameterErr; a failed read: lxFlashTransferErr. */
+LX_API LxStatus lxBootReadFlashPage(int32_t handle, uint32_t page, uint8_t* buffer);
+/* Programs one page from 1024 bytes (no read-back). lxFlashTransferErr when
+ * the analyzer did not take it. */
+LX_API LxStatus lxBootWriteFlashPage(int32_t handle, uint32_t page, const uint8_t* data);
+/* Erases the sector holding page. Reports lxNoError even when the transfer
+ * failed (kept so for existing callers); the sector calls below do not. */
+LX_API LxStatus lxBootClearFlashPage(int32_t handle, uint32_t page);
+/* Erase the boot image or the run image sector; lxFlashTransferErr. */
+LX_API LxStatus lxBootClearBootSector(int32_t handle);
+LX_API LxStatus lxBootClearRunSector(int32_t handle);
+/* Erase the eight sectors of the FPGA program or of the calibration record;
+ * progress is 0.125 * k after erase k (it ends at 0.875). The FPGA erase
+ * prints "Erasing Page %d" per sector to the debug output. */
+LX_API LxStatus lxBootClearFPGAProgram(int32_t handle, double* progress);
+LX_API LxStatus lxBootClearCorrections(int32_t handle, double* progress);
+/* Programs an FPGA program file (at most 2 MiB) at page 1024 and verifies it.
+ * Unreadable, empty or too large file: lxFileIOErr; programming or verify
+ * failure: lxFlashTransferErr. */
+LX_API LxStatus lxBootWriteFPGAProgram(int32_t handle, const char* path, double* progress);
+/* Programs a calibration record at page 4096 and verifies it; a programming
+ * or verify failure is reported as lxFileIOErr. A verified record also
+ * replaces the analyzer's calibration cache file. */
+LX_API LxStatus lxBootWriteCorrections(int32_t handle, const LX530CalData* cal, double* progress);
+/* Programs a run image file (at most 256 KiB) with the serial put in its
+ * placeholder (serial < 1: the serial of the analyzer in the slot) and
+ * verifies it. An image whose checksum is wrong or that has no placeholder
+ * is programmed as it is: check it first (docs/flash.md). Unreadable, empty
+ * or too large file: lxFileIOErr; programming or verify failure:
+ * lxFlashTransferErr. */
+LX_API LxStatus lxBootWriteRunSector(int32_t handle, const char* path, int32_t serial);
+/* Programs a boot image file with the serial put in its placeholder (no
+ * default serial here) and its "FW Ver" version copied into the last two
+ * bytes of the sector, and verifies it. A file without "FW Ver", an
+ * unreadable, empty or too large file, and a programming or verify failure:
+ * lxFileIOErr. */
+LX_API LxStatus lxBootWriteBootSector(int32_t handle, const char* path, int32_t serial);
 
 /* ---- end of C++-only section ------------------------------------------- */
 #endif /* __cplusplus */

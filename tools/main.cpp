@@ -4,6 +4,7 @@
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] list FREQ... | --csv FILE [options]
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] info [--serial N]
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] sweep [options]
+//   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] flash ACTION [options]
 //
 // The global options may also follow the subcommand. Exit codes: 0 done,
 // 1 the library or an analyzer refused, 2 the command line is wrong.
@@ -18,6 +19,7 @@
 
 #include "cli_support.h"
 #include "commands.h"
+#include "flash.h"
 #include "iq_list.h"
 #include "lx_api.h"
 #include "sweep.h"
@@ -74,6 +76,8 @@ int main(int argc, char** argv) {
     info->footer(kGlobalFooter);
     SweepOptions sweepOptions;
     auto* sweep = AddSweepCommand(app, sweepOptions);
+    FlashOptions flashOptions;
+    auto* flash = AddFlashCommand(app, flashOptions);
 
     // Leftovers are reported here rather than by the parser, so that a
     // mistyped subcommand is named as one.
@@ -93,13 +97,13 @@ int main(int argc, char** argv) {
     }
 
     const auto extras = app.remaining();
-    const bool haveSubcommand = list->parsed() || info->parsed() || sweep->parsed();
+    const bool haveSubcommand = list->parsed() || info->parsed() || sweep->parsed() || flash->parsed();
     if (!extras.empty()) {
         if (!haveSubcommand && extras.front().rfind('-', 0) != 0)
-            return UsageError("unknown subcommand '" + extras.front() + "' (try 'list', 'info' or 'sweep')");
+            return UsageError("unknown subcommand '" + extras.front() + "' (try 'list', 'info', 'sweep' or 'flash')");
         return UsageError("unexpected argument '" + extras.front() + "'");
     }
-    if (!haveSubcommand) return UsageError("a subcommand is required: 'list', 'info' or 'sweep'");
+    if (!haveSubcommand) return UsageError("a subcommand is required: 'list', 'info', 'sweep' or 'flash'");
     if (list->parsed() && !iqListOptions.Requested() && iqListOptions.AnyGiven(*list))
         return UsageError("list: the sweep-list options need frequencies or --csv");
     if (sim->count() > 0 && !scene.empty()) sceneFile = scene;
@@ -125,6 +129,8 @@ int main(int argc, char** argv) {
             code = RunList(json);
         else if (info->parsed())
             code = RunInfo(serial, json);
+        else if (flash->parsed())
+            code = RunFlash(flashOptions, json);
         else
             code = RunSweep(sweepOptions, json);
     } catch (const Failure& f) {
