@@ -8,6 +8,17 @@
  * Devices are addressed by a handle 0..8 returned by the open functions.
  * Setters only store; settings reach the instrument at lxConfigure.
  *
+ * Threads: every function may be called from any thread. Calls on one open
+ * handle are serialised; a blocking getter (lxGetSweep) lets other calls on
+ * its handle through while it waits, so a user interface may poll
+ * diagnostics, GPS or fan while another thread sweeps: those answer with
+ * the readings the analyzer last reported (the sweep's status packet keeps
+ * them current), and commands (lxSetReference, lxSetFanSetPoint, ...) are
+ * sent once the sweep's data transfer has finished. A configure, abort or
+ * close on another thread ends a pending lxGetSweep (see there). Opening
+ * and closing may happen on any thread too; a call on a handle being closed
+ * either finishes first or returns lxInvalidDeviceErr.
+ *
  * Usable from C (C11) and C++. The service functions for calibration records
  * (lxCal*, kdCalDoesCorrectionsExist) use C++ linkage and are declared in the
  * C++-only section at the end of this header.
@@ -261,8 +272,11 @@ LX_API LxStatus lxGetSweepParameters(int32_t handle, double* actualRbw, double* 
  * traces: lxADCOverflow (the input overloaded the chosen attenuation),
  * lxUncalData (samples were lost), lxCPULimited, lxTempDrift (the analyzer's
  * temperature moved by more than 2 degrees since lxConfigure); errors:
- * lxInvalidConfigurationErr when mode 1 is not configured,
- * lxSweepAlreadyActiveErr, lxFramingErr, lxConnectionLostErr. */
+ * lxInvalidConfigurationErr when mode 1 is not configured or another thread
+ * reconfigured or aborted while the sweep ran (outputs untouched),
+ * lxInvalidDeviceErr when another thread closed the handle meanwhile,
+ * lxSweepAlreadyActiveErr while another thread's sweep on this handle is
+ * pending, lxFramingErr, lxConnectionLostErr. */
 LX_API LxStatus lxGetSweep(int32_t handle, float* minTrace, float* maxTrace, uint64_t* timestamp);
 
 /* ==== Power, identity, diagnostics ========================================

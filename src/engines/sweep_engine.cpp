@@ -116,15 +116,21 @@ LxStatus SweepEngine::Start() {
         releasedSteps_ = 0;
         std::fill(stepDone_.begin(), stepDone_.end(), 0);
     }
+    device_.ClaimTransport();
     requests_.push(Request{plan_.TotalPackets()});
     usbWake_.Set();
     return lxNoError;
 }
 
-LxStatus SweepEngine::Result(float* minTrace, float* maxTrace, uint64_t* timestamp) {
-    if (!pending_.load()) return lxNoError;
+void SweepEngine::Wait() {
+    if (!pending_.load()) return;
     usbDone_.Wait();
     workDone_.Wait();
+}
+
+LxStatus SweepEngine::Result(float* minTrace, float* maxTrace, uint64_t* timestamp) {
+    if (!pending_.load()) return lxNoError;
+    Wait();
 
     const size_t bytes = sizeof(float) * static_cast<size_t>(plan_.sweepLength);
     if (minTrace) std::memcpy(minTrace, minTrace_.span().data() + plan_.startBinOffset, bytes);
@@ -154,6 +160,7 @@ void SweepEngine::UsbThread() {
         if (!workers_.running()) return;
         Acquire();
         requests_.pop();
+        device_.ReleaseTransport();
         usbDone_.Set();
     }
 }

@@ -140,7 +140,7 @@ SweepPlan PlanSweep(const SweepSettings& s, int32_t attenuator, double refLevelD
 
 void FillStepCorrections(SweepPlan& plan, const uint8_t* cal, CalBracket bracket) {
     for (SweepStep& st : plan.steps) {
-        st.correction = BuildStepCorrection(cal, bracket, st.index, PlanStep(st.index).fineCell);
+        st.correction = BuildCaptureCorrection(cal, bracket, st.index, PlanStep(st.index).captureCentreHz);
         st.gainOffset = StepGainDb(cal, bracket, plan.attenuation, st.index, st.correction);
         st.ifLevel = StepIfLevel(cal, st.index);
     }
