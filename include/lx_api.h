@@ -209,7 +209,13 @@ LX_API LxStatus lxPresetDevice(int32_t handle);
  * stored settings. Modes other than 0..5 and 100: lxInvalidParameterErr.
  * Mode 0 stops and returns lxInvalidParameterErr (use lxAbort to stop).
  * A mode whose measurement engine this version does not provide returns
- * lxInvalidConfigurationErr and leaves the analyzer idle. */
+ * lxInvalidConfigurationErr and leaves the analyzer idle.
+ * Mode 1 returns the warning lxSettingClamped (and is configured) when the
+ * RBW asked for is finer than the window length allows: 2^20 samples on
+ * spans of 5 MHz and more (221 Hz with the flat-top window, the window's
+ * noise bandwidth times 61.44 MHz / 2^20 in general), 2^25 samples at the
+ * narrow span's decimated rate below 5 MHz; lxGetSweepParameters reports the
+ * RBW in use. */
 LX_API LxStatus lxConfigure(int32_t handle, int32_t mode);
 /* Stops the running measurement; the analyzer is idle (mode 0). */
 LX_API LxStatus lxAbort(int32_t handle);

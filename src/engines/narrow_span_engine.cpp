@@ -63,6 +63,7 @@ NarrowSpanPlan PlanNarrowSpan(const SweepSettings& s, int32_t attenuator, double
     const double length = std::floor(p.windowFactor * fsD / s.rbw);
     int64_t L = std::isfinite(length) ? static_cast<int64_t>(std::min(length, 4e9)) : kNarrowMaxWindowLength;
     if (L % 2 != 0) --L;
+    p.rbwLimited = L > kNarrowMaxWindowLength;
     p.windowLength = static_cast<int32_t>(std::clamp<int64_t>(L, kNarrowMinWindowLength, kNarrowMaxWindowLength));
     int32_t fft = 1;
     while (fft < p.windowLength) fft <<= 1;
@@ -203,7 +204,7 @@ void NarrowSpanEngine::Wait() {
     held_ = heldFirst_ = segment_ = 0;
     fillLeft_ = plan_.hostDecimation > 1 ? (kHostFirTaps - 1) / plan_.hostDecimation : 0;
     fir_.Reset();
-    processor_.Begin();
+    processor_.Begin(plan_.firstOutputBin, plan_.sweep.sweepLength);
 
     int slotCursor = 0;
     const bool statusValid = Acquire(slotCursor) && ReadStatusPacket(slotCursor);
@@ -400,6 +401,7 @@ LxStatus SetupNarrowSpan(Device& dev) {
     figures.sweepLength = plan.sweep.sweepLength;
     std::vector<float> correction = SweepTraceCorrection(plan.sweep);
     const bool additive = plan.sweep.scale == static_cast<int32_t>(Scale::kLog);
+    const bool rbwLimited = plan.sweep.rbwLimited;
 
     dev.engines[kNarrowSpanEngine].reset();
     // May throw (no memory): the device then keeps nothing of this set-up.
@@ -407,7 +409,7 @@ LxStatus SetupNarrowSpan(Device& dev) {
     dev.sweepResults = figures;
     dev.traceCorrection = std::move(correction);
     dev.traceCorrectionAdditive = additive;
-    return lxNoError;
+    return rbwLimited ? lxSettingClamped : lxNoError;
 }
 
 } // namespace lx::engines

@@ -166,7 +166,8 @@ private:
 
 // The set-up of mode 1 for spans below 5 MHz: plan, correction, command
 // list, the figures lxGetSweepParameters reports and the trace correction
-// vector; replaces the device's narrow-span engine. 0.
+// vector; replaces the device's narrow-span engine. 0, or lxSettingClamped
+// when the RBW was limited by the window length.
 LxStatus SetupNarrowSpan(Device& dev);
 
 } // namespace lx::engines

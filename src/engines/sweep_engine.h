@@ -70,6 +70,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "engines/step_processor.h"
@@ -133,6 +134,8 @@ private:
     void ProcessWholeStep(int id, int32_t k);
     void ProcessLongStep(int id, int32_t k);
     void EmitStep(int id, int32_t k, bool haveData);
+    // The processor bins step k's trace bins come from: [first, first + count).
+    std::pair<int64_t, int64_t> KeptBins(int32_t k) const;
     void CompleteStep(int32_t k);
 
     Device& device_;
@@ -182,7 +185,8 @@ private:
 
 // The set-up of mode 1 for spans of 5 MHz and more: plan, corrections,
 // command list, the figures lxGetSweepParameters reports and the trace
-// correction vector; replaces the device's sweep engine. 0.
+// correction vector; replaces the device's sweep engine. 0, or
+// lxSettingClamped when the RBW was limited by the window length.
 LxStatus SetupSweep(Device& dev);
 
 } // namespace lx::engines

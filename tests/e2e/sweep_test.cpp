@@ -466,6 +466,25 @@ TEST_F(Sweep, OtherCallsFromAnotherThreadWhileSweeping) {
     EXPECT_EQ(setPoint, 40.0f);
 }
 
+// The window length has a ceiling of 2^20 samples: a finer RBW is coarsened
+// to what it allows (3.7702 * 61.44 MHz / 2^20 = 220.9 Hz with the flat-top
+// window), and configure says so with a warning.
+TEST_F(Sweep, RbwBeyondTheLongestWindowIsAWarning) {
+    Open(Scene({}));
+    const struct {
+        double rbw;
+        LxStatus expected;
+        double actual;
+    } cases[] = {{222.0, lxNoError, 222.0}, {100.0, lxSettingClamped, 220.9}, {1e-3, lxSettingClamped, 220.9}};
+    for (const auto& c : cases) {
+        Set(1e9, 1.1e9, c.rbw, c.rbw, 1e-6);
+        EXPECT_EQ(lxConfigure(h, 1), c.expected) << c.rbw;
+        double rbw = 0;
+        EXPECT_EQ(lxGetSweepParameters(h, &rbw, nullptr, nullptr, nullptr, nullptr), lxNoError);
+        EXPECT_NEAR(rbw, c.actual, 0.1) << c.rbw;
+    }
+}
+
 TEST_F(Sweep, RefusedOutsideModeOne) {
     Open(Scene({}));
     float trace[4] = {1, 1, 1, 1};
