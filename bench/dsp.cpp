@@ -118,6 +118,33 @@ void BM_ConvertWindowFftVsConvertFft(benchmark::State& state) {
 }
 BENCHMARK(BM_ConvertWindowFftVsConvertFft)->Arg(128)->Arg(1024)->Arg(8192)->Arg(65536)->UseManualTime();
 
+// ---- 2^17..2^20 points: the plan the cache gives (built-in measured wisdom)
+// against FFTW's estimate, which is what a CPU the wisdom does not fit gets.
+// x_estimate = estimate time / our time, both executed alternately.
+void BM_LargeFftVsEstimate(benchmark::State& state) {
+    const int n = static_cast<int>(state.range(0));
+    lx::dsp::ForgetFftPlans(false);
+    const auto estimate = lx::dsp::FftPlan::Get(n);
+    lx::dsp::ForgetFftPlans(true);
+    const auto ours = lx::dsp::FftPlan::Get(n);
+    ComplexVector x(n), y(n);
+    Noise(x);
+    double tOurs = 0, tEstimate = 0;
+    for (auto _ : state) {
+        const auto t0 = Clock::now();
+        estimate->Execute(x.data(), y.data());
+        const auto t1 = Clock::now();
+        ours->Execute(x.data(), y.data());
+        const auto t2 = Clock::now();
+        tEstimate += Seconds(t1 - t0);
+        tOurs += Seconds(t2 - t1);
+        state.SetIterationTime(Seconds(t2 - t1));
+        benchmark::DoNotOptimize(y.data());
+    }
+    state.counters["x_estimate"] = tEstimate / tOurs;
+}
+BENCHMARK(BM_LargeFftVsEstimate)->RangeMultiplier(2)->Range(1 << 17, 1 << 20)->UseManualTime()->Unit(benchmark::kMillisecond);
+
 // ---- construct time at 65536 points. plan 0: warm (plan cached); 1: cold with
 // the built-in wisdom; 2: cold without any wisdom (what a machine the wisdom does
 // not fit sees).
