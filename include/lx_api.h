@@ -8,6 +8,17 @@
  * Devices are addressed by a handle 0..8 returned by the open functions.
  * Setters only store; settings reach the instrument at lxConfigure.
  *
+ * Threads: every function may be called from any thread. Calls on one open
+ * handle are serialised; a blocking getter (lxGetSweep) lets other calls on
+ * its handle through while it waits, so a user interface may poll
+ * diagnostics, GPS or fan while another thread sweeps: those answer with
+ * the readings the analyzer last reported (the sweep's status packet keeps
+ * them current), and commands (lxSetReference, lxSetFanSetPoint, ...) are
+ * sent once the sweep's data transfer has finished. A configure, abort or
+ * close on another thread ends a pending lxGetSweep (see there). Opening
+ * and closing may happen on any thread too; a call on a handle being closed
+ * either finishes first or returns lxInvalidDeviceErr.
+ *
  * Usable from C (C11) and C++. The service functions (lxCal*, lxAdmin*,
  * lxBoot*, kdCalDoesCorrectionsExist) use C++ linkage and are declared in the
  * C++-only section at the end of this header.
@@ -198,7 +209,13 @@ LX_API LxStatus lxPresetDevice(int32_t handle);
  * stored settings. Modes other than 0..5 and 100: lxInvalidParameterErr.
  * Mode 0 stops and returns lxInvalidParameterErr (use lxAbort to stop).
  * A mode whose measurement engine this version does not provide returns
- * lxInvalidConfigurationErr and leaves the analyzer idle. */
+ * lxInvalidConfigurationErr and leaves the analyzer idle.
+ * Mode 1 returns the warning lxSettingClamped (and is configured) when the
+ * RBW asked for is finer than the window length allows: 2^20 samples on
+ * spans of 5 MHz and more (221 Hz with the flat-top window, the window's
+ * noise bandwidth times 61.44 MHz / 2^20 in general), 2^25 samples at the
+ * narrow span's decimated rate below 5 MHz; lxGetSweepParameters reports the
+ * RBW in use. */
 LX_API LxStatus lxConfigure(int32_t handle, int32_t mode);
 /* Stops the running measurement; the analyzer is idle (mode 0). */
 LX_API LxStatus lxAbort(int32_t handle);
@@ -261,8 +278,11 @@ LX_API LxStatus lxGetSweepParameters(int32_t handle, double* actualRbw, double* 
  * traces: lxADCOverflow (the input overloaded the chosen attenuation),
  * lxUncalData (samples were lost), lxCPULimited, lxTempDrift (the analyzer's
  * temperature moved by more than 2 degrees since lxConfigure); errors:
- * lxInvalidConfigurationErr when mode 1 is not configured,
- * lxSweepAlreadyActiveErr, lxFramingErr, lxConnectionLostErr. */
+ * lxInvalidConfigurationErr when mode 1 is not configured or another thread
+ * reconfigured or aborted while the sweep ran (outputs untouched),
+ * lxInvalidDeviceErr when another thread closed the handle meanwhile,
+ * lxSweepAlreadyActiveErr while another thread's sweep on this handle is
+ * pending, lxFramingErr, lxConnectionLostErr. */
 LX_API LxStatus lxGetSweep(int32_t handle, float* minTrace, float* maxTrace, uint64_t* timestamp);
 
 /* ==== I/Q sweep list (mode 4) =============================================

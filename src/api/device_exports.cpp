@@ -7,9 +7,22 @@
 
 namespace lx::api {
 
-std::array<std::unique_ptr<Device>, kMaxDevices>& DeviceTable() {
-    static std::array<std::unique_ptr<Device>, kMaxDevices> table;
+std::array<std::shared_ptr<Device>, kMaxDevices>& DeviceTable() {
+    static std::array<std::shared_ptr<Device>, kMaxDevices> table;
     return table;
+}
+
+std::mutex& RegistryMutex() {
+    static std::mutex m;
+    return m;
+}
+
+void CloseLocked(int32_t handle, Device& d) {
+    d.StopEngine();
+    (void)d.SetPowerState(1);
+    d.closed = true;
+    std::lock_guard<std::mutex> lock(RegistryMutex());
+    DeviceTable()[static_cast<size_t>(handle)].reset();
 }
 
 namespace {
@@ -47,10 +60,12 @@ LX_API LxStatus lxGetDeviceList(int32_t* serials, int32_t* count) {
 LX_API LxStatus lxOpenDeviceBySerial(int32_t* handle, int32_t serial) {
     return GuardedStatus([&]() -> LxStatus {
         if (!handle) return lxNullPtrErr;
-        InitialiseSignalProcessingOnce();
         __builtin_cpu_init();
         g_vectorPath = __builtin_cpu_supports("avx") && __builtin_cpu_supports("aes") &&
                        __builtin_cpu_supports("avx2");
+        // Held for the whole open, so two opens never take the same slot.
+        std::lock_guard<std::mutex> registry(RegistryMutex());
+        InitialiseSignalProcessingOnce();
         auto& table = DeviceTable();
         int slot = -1;
         for (int i = 0; i < kMaxDevices; ++i)
@@ -63,7 +78,7 @@ LX_API LxStatus lxOpenDeviceBySerial(int32_t* handle, int32_t serial) {
         auto transport = std::make_unique<usb::UsbTransport>();
         const LxStatus open = transport->OpenWithCalibration(serial);
         if (open < 0) return open;
-        auto dev = std::make_unique<Device>(std::move(transport));
+        auto dev = std::make_shared<Device>(std::move(transport));
         const LxStatus init = dev->Initialise();
         *handle = slot;
         table[static_cast<size_t>(slot)] = std::move(dev);
@@ -94,9 +109,7 @@ LX_API LxStatus lxOpenDevice(int32_t* handle) {
 
 LX_API LxStatus lxCloseDevice(int32_t handle) {
     return WithDevice(handle, [&](Device& d) -> LxStatus {
-        d.StopEngine();
-        (void)d.SetPowerState(1);
-        DeviceTable()[static_cast<size_t>(handle)].reset();
+        CloseLocked(handle, d);
         return lxNoError;
     });
 }
@@ -106,7 +119,8 @@ LX_API LxStatus lxPresetDevice(int32_t handle) {
         d.StopEngine();
         d.Transport().RebootToLoader();
         d.Transport().Sleep(3000);
-        return lxCloseDevice(handle);
+        CloseLocked(handle, d);
+        return lxNoError;
     });
 }
 

@@ -253,6 +253,7 @@ LX_API LxStatus lxSetFanSetPoint(int32_t handle, float celsius) {
         if (!(c > 0.0f)) c = 0.0f; // also NaN
         if (c > 60.0f) c = 60.0f;
         const uint16_t raw = static_cast<uint16_t>(static_cast<int>(c * 16.0f));
+        d.WaitForTransport(); // a control request, but not in the middle of an acquisition
         if (usb::UsbDevice* dev = d.Transport().Device()) {
             uint8_t payload[2] = {static_cast<uint8_t>(raw & 0xFF), static_cast<uint8_t>(raw >> 8)};
             if (dev->ControlOut(kRequestFanSetPoint, 0, 0, payload, 2, 1000) != 2)

@@ -1,9 +1,13 @@
+#include <cstdint>
+#include <cstring>
+
 #include "lx_api.h"
 
 namespace {
-// Kept as a switch so that every member is named once and the compiler warns
-// about a missing one.
-const char* statusText(LxStatus s) {
+// Switches on the integer, not the enumeration: a C caller may pass any
+// 32-bit value, and one outside the enumeration's range is undefined as an
+// LxStatus in C++.
+const char* statusText(int32_t s) {
     switch (s) {
     case lxFlashTransferErr: return "Flash transfer error";
     case lxFileIOErr: return "File I/O error";
@@ -30,6 +34,11 @@ const char* statusText(LxStatus s) {
 }
 } // namespace
 
-extern "C" LX_API const char* lxGetErrorString(LxStatus status) { return statusText(status); }
+extern "C" LX_API const char* lxGetErrorString(LxStatus status) {
+    int32_t value;
+    static_assert(sizeof value == sizeof status);
+    std::memcpy(&value, &status, sizeof value); // the bits as passed, never the enum's value
+    return statusText(value);
+}
 
 extern "C" LX_API const char* lxGetAPIVersion(void) { return LX_VERSION_STRING; }

@@ -1,6 +1,8 @@
 // Swept-spectrum results: the figures the sweep set-up achieved, and one
 // sweep's traces with the trace correction applied.
 #include <algorithm>
+#include <memory>
+#include <mutex>
 
 #include "api/registry.h"
 #include "engines/narrow_span_engine.h"
@@ -45,21 +47,23 @@ LX_API LxStatus lxGetSweepParameters(int32_t handle, double* actualRbw, double* 
 }
 
 LX_API LxStatus lxGetSweep(int32_t handle, float* minTrace, float* maxTrace, uint64_t* timestamp) {
-    return WithDevice(handle, [&](Device& d) -> LxStatus {
-        LxStatus status;
-        int32_t length;
-        if (auto* narrow = static_cast<engines::NarrowSpanEngine*>(d.engines[kNarrowSpanEngine].get())) {
-            status = narrow->Run(minTrace, maxTrace, timestamp);
-            length = narrow->plan().sweep.sweepLength;
-        } else if (auto* stepped = static_cast<engines::SweepEngine*>(d.engines[kSweepEngine].get())) {
-            if (const LxStatus s = stepped->Start(); s != lxNoError) return s;
-            status = stepped->Result(minTrace, maxTrace, timestamp);
-            length = stepped->plan().sweepLength;
-        } else {
-            return lxInvalidConfigurationErr;
-        }
-        ApplyTraceCorrection(d, minTrace, length);
-        ApplyTraceCorrection(d, maxTrace, length);
+    return WithDevice(handle, [&](Device& d, std::unique_lock<std::mutex>& lock) -> LxStatus {
+        const int slot = d.engines[kNarrowSpanEngine] ? kNarrowSpanEngine : kSweepEngine;
+        const std::shared_ptr<Engine> engine = d.engines[slot];
+        if (!engine) return lxInvalidConfigurationErr;
+        auto& sweep = static_cast<engines::SweepRunner&>(*engine);
+        if (const LxStatus s = sweep.Start(); s != lxNoError) return s;
+        // The sweep runs without the control lock: other calls on this
+        // device are answered meanwhile (from the housekeeping last decoded,
+        // commands after the acquisition).
+        lock.unlock();
+        sweep.Wait();
+        lock.lock();
+        if (d.closed) return lxInvalidDeviceErr;
+        if (d.engines[slot] != engine) return lxInvalidConfigurationErr; // stopped meanwhile
+        const LxStatus status = sweep.Result(minTrace, maxTrace, timestamp);
+        ApplyTraceCorrection(d, minTrace, sweep.SweepLength());
+        ApplyTraceCorrection(d, maxTrace, sweep.SweepLength());
         return status;
     });
 }

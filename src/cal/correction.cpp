@@ -83,6 +83,24 @@ CalResponse CalResponseAt(const uint8_t* cal, CalBracket bracket, int frequencyI
     return r;
 }
 
+float FineMagnitudeAt(const uint8_t* cal, CalBracket bracket, double hz) {
+    const int t = ClampSlot(bracket.slot);
+    const float x = ClampFraction(bracket.fraction);
+    const auto d = [&](int j) { return TempInterpolate(CalResponseD(cal, t, j), CalResponseD(cal, t + 1, j), x); };
+    // Position in cells from the first cell's middle.
+    const double u = std::isnan(hz) ? 0.0 : std::clamp(hz / kFineCellHz - 0.5, 0.0, double(kCalResponseDEPoints - 1));
+    const int j = std::min(static_cast<int>(u), kCalResponseDEPoints - 2);
+    const double w = u - j;
+    if (w == 0.0) return d(j); // also keeps a NaN neighbour out of an exact hit
+    return static_cast<float>((1.0 - w) * d(j) + w * d(j + 1));
+}
+
+CalResponse CalResponseAtFrequency(const uint8_t* cal, CalBracket bracket, int frequencyIndex, double centreHz) {
+    CalResponse r = CalResponseAt(cal, bracket, frequencyIndex, FineCell(centreHz));
+    r.fineMagnitude = FineMagnitudeAt(cal, bracket, centreHz);
+    return r;
+}
+
 std::vector<float> RolloffCurve(double startHz, double stepHz, int count) {
     std::vector<float> curve;
     if (count < 1 || !std::isfinite(startHz) || !std::isfinite(stepHz)) return curve;
@@ -170,6 +188,10 @@ StepCorrection DesignStepCorrection(const CalResponse& response) {
 
 StepCorrection BuildStepCorrection(const uint8_t* cal, CalBracket bracket, int frequencyIndex, int j) {
     return DesignStepCorrection(CalResponseAt(cal, bracket, frequencyIndex, j));
+}
+
+StepCorrection BuildCaptureCorrection(const uint8_t* cal, CalBracket bracket, int frequencyIndex, double centreHz) {
+    return DesignStepCorrection(CalResponseAtFrequency(cal, bracket, frequencyIndex, centreHz));
 }
 
 float StepGainDb(const uint8_t* cal, CalBracket bracket, int attenStep, int frequencyIndex,

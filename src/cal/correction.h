@@ -16,12 +16,15 @@
 //               the RF frequency that lands on f_k minus the gain at the
 //               capture centre (band 0's rise below 8.7 MHz is left out; the
 //               roll-off curve takes care of it).
-//   D[j], E[j]  indexed by the fine cell j of the capture centre (FineCell:
-//               3.75 MHz cells from 0 Hz, 4000 cells up to 15 GHz). D is the
-//               RF gain at the cell's middle relative to the gain at the centre
-//               of the calibration row holding it (linear); E is a level trim
-//               in dB that service calibration may write and the factory
-//               leaves at 0.
+//   D[j], E[j]  per fine cell j (FineCell: 3.75 MHz cells from 0 Hz, 4000
+//               cells up to 15 GHz). D is the RF gain at the cell's middle
+//               relative to the gain at the centre of the calibration row
+//               holding it (linear); a capture takes it interpolated at its
+//               centre between the middles of the two nearest cells, so that
+//               neither an off-grid centre nor a row centre away from its
+//               cell's middle gets a quantised value. E is a level trim in dB
+//               that service calibration may write per cell (the factory
+//               leaves it at 0); a capture takes the trim of its centre's cell.
 //
 // The device runs the taps as one complex 32-tap FIR, h[n] = a[n] + i b[n]
 // (bank a the first value of a pair, bank b the second), on the sample stream
@@ -80,6 +83,15 @@ struct CalResponse {
 // j is clamped to 0..3999.
 CalResponse CalResponseAt(const uint8_t* cal, CalBracket bracket, int frequencyIndex, int j);
 
+// The same with D interpolated at centreHz (FineMagnitudeAt) and E of
+// FineCell(centreHz): what a capture centred there needs.
+CalResponse CalResponseAtFrequency(const uint8_t* cal, CalBracket bracket, int frequencyIndex, double centreHz);
+
+// D at an RF frequency: linear in frequency between the middles of the two
+// fine cells around it, held flat below the first middle and above the last
+// (NaN: cell 0).
+float FineMagnitudeAt(const uint8_t* cal, CalBracket bracket, double hz);
+
 // Roll-off correction (dB, added to the displayed level) for the bins
 // f = startHz + i * stepHz, i = 0 .. count - 1: -0.85 below 2 MHz, linear
 // between the fixed points up to 8.7 MHz. The curve stops at the first f at
@@ -115,6 +127,10 @@ StepCorrection DesignStepCorrection(const CalResponse& response);
 
 // CalResponseAt followed by DesignStepCorrection.
 StepCorrection BuildStepCorrection(const uint8_t* cal, CalBracket bracket, int frequencyIndex, int j);
+// CalResponseAtFrequency followed by DesignStepCorrection: the correction of a
+// capture centred at centreHz (a sweep step's row centre, or any centre of a
+// single capture).
+StepCorrection BuildCaptureCorrection(const uint8_t* cal, CalBracket bracket, int frequencyIndex, double centreHz);
 
 // The step gain in dB a set-up stores for a step or capture:
 // CalAmplitudeOffset(cal, bracket, attenStep, frequencyIndex) + the

@@ -44,8 +44,9 @@ bool FftAligned(const void* p) noexcept;
 // A forward (e^-j) out-of-place transform of one size, unscaled. Plans are made
 // once per size and kept for the life of the process. Plans come from the
 // built-in FFTW wisdom when it fits this FFTW build and CPU (sizes 8192..65536,
-// found by FFTW's patient search: 1.2-1.3x faster than measured plans, and
-// planning then takes well under 1 ms); otherwise sizes up to 65536 are measured
+// found by FFTW's patient search: 1.2-1.3x faster than measured plans; sizes
+// 2^17..2^20 found by its measuring search: 2-3x faster than estimated ones;
+// planning then takes a few ms); otherwise sizes up to 65536 are measured
 // (0.4-0.6 s cold at 65536) and larger ones estimated, since measuring them
 // takes seconds. Below 8192 the patient search gains nothing over measuring.
 // Inverse transforms reuse the forward plan: IDFT(x)[k] = DFT(x)[-k mod n].
@@ -74,11 +75,13 @@ private:
 // Objects that hold a plan keep it. For benchmarks and tests.
 void ForgetFftPlans(bool keepBuiltInWisdom = true);
 
-// Runs FFTW's patient search for every power of two in [minSize, maxSize] with
-// the arrays the cache uses and returns the wisdom, in FFTW's text form, that
-// src/dsp/fft_wisdom.cpp holds (bench_dsp --lx_write_fft_wisdom regenerates it).
-// Slow: about 30 s for 8192..65536.
-std::string SearchFftWisdom(int minSize, int maxSize);
+// Runs FFTW's patient search (or, patient false, its measuring search with the
+// flags the cache uses above 65536 points) for every power of two in
+// [minSize, maxSize] with the arrays the cache uses and returns the wisdom, in
+// FFTW's text form, that src/dsp/fft_wisdom.cpp (fft_wisdom_large.cpp) holds;
+// bench_dsp --lx_write_fft_wisdom (--lx_write_large_fft_wisdom) regenerates it.
+// Slow: about 30 s for 8192..65536 patient, minutes for 2^17..2^20 measured.
+std::string SearchFftWisdom(int minSize, int maxSize, bool patient = true);
 
 // The lock every FFTW planner call in the process must hold (plan creation and
 // destruction; execution needs no lock).

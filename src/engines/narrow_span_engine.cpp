@@ -63,6 +63,7 @@ NarrowSpanPlan PlanNarrowSpan(const SweepSettings& s, int32_t attenuator, double
     const double length = std::floor(p.windowFactor * fsD / s.rbw);
     int64_t L = std::isfinite(length) ? static_cast<int64_t>(std::min(length, 4e9)) : kNarrowMaxWindowLength;
     if (L % 2 != 0) --L;
+    p.rbwLimited = L > kNarrowMaxWindowLength;
     p.windowLength = static_cast<int32_t>(std::clamp<int64_t>(L, kNarrowMinWindowLength, kNarrowMaxWindowLength));
     int32_t fft = 1;
     while (fft < p.windowLength) fft <<= 1;
@@ -120,7 +121,7 @@ NarrowSpanPlan PlanNarrowSpan(const SweepSettings& s, int32_t attenuator, double
 
 void FillNarrowSpanCorrection(NarrowSpanPlan& plan, const uint8_t* cal, CalBracket bracket) {
     SweepStep& st = plan.sweep.steps.front();
-    st.correction = BuildStepCorrection(cal, bracket, plan.capture.step, plan.capture.fineCell);
+    st.correction = BuildCaptureCorrection(cal, bracket, plan.capture.step, plan.capture.captureCentreHz);
     st.gainOffset = StepGainDb(cal, bracket, plan.sweep.attenuation, plan.capture.step, st.correction);
     st.ifLevel = StepIfLevel(cal, plan.capture.step);
 }
@@ -181,16 +182,33 @@ NarrowSpanEngine::NarrowSpanEngine(Device& device, NarrowSpanPlan plan, CommandL
     max_.resize(plan_.sweep.fftSize);
 }
 
-LxStatus NarrowSpanEngine::Run(float* minTrace, float* maxTrace, uint64_t* timestamp) {
+LxStatus NarrowSpanEngine::Start() {
+    {
+        std::lock_guard<std::mutex> lock(runMutex_);
+        if (pending_) return lxSweepAlreadyActiveErr;
+        if (stopped_) return lxInvalidConfigurationErr;
+        pending_ = true;
+    }
+    device_.ClaimTransport();
+    return lxNoError;
+}
+
+void NarrowSpanEngine::Wait() {
+    {
+        std::lock_guard<std::mutex> lock(runMutex_);
+        if (!pending_ || stopped_ || running_) return;
+        running_ = true;
+    }
     usb::UsbTransport& link = device_.Transport();
     link.SetFramingError(false);
     held_ = heldFirst_ = segment_ = 0;
     fillLeft_ = plan_.hostDecimation > 1 ? (kHostFirTaps - 1) / plan_.hostDecimation : 0;
     fir_.Reset();
-    processor_.Begin();
+    processor_.Begin(plan_.firstOutputBin, plan_.sweep.sweepLength);
 
     int slotCursor = 0;
     const bool statusValid = Acquire(slotCursor) && ReadStatusPacket(slotCursor);
+    device_.ReleaseTransport();
 
     float* mn = min_.span().data();
     float* mx = max_.span().data();
@@ -203,6 +221,25 @@ LxStatus NarrowSpanEngine::Run(float* minTrace, float* maxTrace, uint64_t* times
         std::fill(mn, mn + n, empty);
         std::fill(mx, mx + n, empty);
     }
+    {
+        std::lock_guard<std::mutex> lock(runMutex_);
+        statusValid_ = statusValid;
+        running_ = false;
+    }
+    runCv_.notify_all();
+}
+
+LxStatus NarrowSpanEngine::Result(float* minTrace, float* maxTrace, uint64_t* timestamp) {
+    bool statusValid;
+    {
+        std::lock_guard<std::mutex> lock(runMutex_);
+        if (!pending_) return lxNoError;
+        pending_ = false;
+        statusValid = statusValid_;
+        statusValid_ = false;
+    }
+    const float* mn = min_.span().data();
+    const float* mx = max_.span().data();
     const size_t bytes = sizeof(float) * static_cast<size_t>(plan_.sweep.sweepLength);
     if (minTrace) std::memcpy(minTrace, mn + plan_.firstOutputBin, bytes);
     if (maxTrace) std::memcpy(maxTrace, mx + plan_.firstOutputBin, bytes);
@@ -211,6 +248,18 @@ LxStatus NarrowSpanEngine::Run(float* minTrace, float* maxTrace, uint64_t* times
     const uint64_t stamp = TakeEndOfSweepStatus(device_, statusRecord_.data(), statusValid, w);
     if (timestamp) *timestamp = stamp;
     return SweepStatus(w);
+}
+
+LxStatus NarrowSpanEngine::Run(float* minTrace, float* maxTrace, uint64_t* timestamp) {
+    if (const LxStatus s = Start(); s != lxNoError) return s;
+    Wait();
+    return Result(minTrace, maxTrace, timestamp);
+}
+
+void NarrowSpanEngine::Stop() {
+    std::unique_lock<std::mutex> lock(runMutex_);
+    stopped_ = true;
+    runCv_.wait(lock, [&] { return !running_; });
 }
 
 bool NarrowSpanEngine::Acquire(int& slotCursor) {
@@ -352,6 +401,7 @@ LxStatus SetupNarrowSpan(Device& dev) {
     figures.sweepLength = plan.sweep.sweepLength;
     std::vector<float> correction = SweepTraceCorrection(plan.sweep);
     const bool additive = plan.sweep.scale == static_cast<int32_t>(Scale::kLog);
+    const bool rbwLimited = plan.sweep.rbwLimited;
 
     dev.engines[kNarrowSpanEngine].reset();
     // May throw (no memory): the device then keeps nothing of this set-up.
@@ -359,7 +409,7 @@ LxStatus SetupNarrowSpan(Device& dev) {
     dev.sweepResults = figures;
     dev.traceCorrection = std::move(correction);
     dev.traceCorrectionAdditive = additive;
-    return lxNoError;
+    return rbwLimited ? lxSettingClamped : lxNoError;
 }
 
 } // namespace lx::engines

@@ -23,12 +23,18 @@
 //              trace point i is FFT bin firstOutputBin + i and lies at
 //              actualStart + i * binSize.
 //
-// Threads: none of its own. Run() executes on the caller's thread inside
-// lxGetSweep: it sends the command list, reads the samples (at most 4 command
-// blocks and 10 reads in flight, reads of up to 128 packets, 2000 ms each),
-// processes them as they arrive, then reads one status packet. One state:
-// idle; a call runs to completion (or to a failed transfer) and returns.
-// No locks. The caller's thread owns the device's transport while it runs.
+// Threads: none of its own. The sweep runs on the caller's thread inside
+// lxGetSweep, in three calls (SweepRunner): Start() claims the transport
+// (control lock held); Wait() sends the command list, reads the samples (at
+// most 4 command blocks and 10 reads in flight, reads of up to 128 packets,
+// 2000 ms each), processes them as they arrive, reads one status packet and
+// releases the transport (control lock released, so other calls on the
+// device are answered meanwhile); Result() copies the traces out and takes
+// the status packet into the device (control lock held).
+// States: idle --Start--> pending --Wait--> done --Result--> idle. Stop()
+// (another thread's configure, abort or close) waits for a Wait() under way
+// to finish its acquisition, so the link is left clean, and keeps a later
+// Wait() from starting one. One mutex (runMutex_), a leaf.
 //
 // Nothing allocates in Run(): the raw buffer, the decimated-sample buffer,
 // the FIR, the shifter, the step processor and its FFT plan are built by the
@@ -36,14 +42,17 @@
 // lxAllocationErr).
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "dsp/fir.h"
 #include "dsp/shifter.h"
 #include "engines/step_processor.h"
 #include "engines/sweep_plan.h"
+#include "engines/sweep_support.h"
 #include "lx_command/command_list.h"
 #include "lx_lib/device.h"
 #include "lx_lib/tuning_planner.h"
@@ -99,18 +108,24 @@ void FillNarrowSpanCorrection(NarrowSpanPlan& plan, const uint8_t* cal, CalBrack
 // synthesizer state.
 CommandList BuildNarrowSpanCommands(const NarrowSpanPlan& plan, TuningState& tuning);
 
-class NarrowSpanEngine final : public Engine {
+class NarrowSpanEngine final : public SweepRunner {
 public:
     NarrowSpanEngine(Device& device, NarrowSpanPlan plan, CommandList commands);
     NarrowSpanEngine(const NarrowSpanEngine&) = delete;
     NarrowSpanEngine& operator=(const NarrowSpanEngine&) = delete;
 
-    // One sweep: acquire, process, copy sweepLength values from the first
-    // output bin into the non-null traces, the device time of the status
-    // packet after the samples into *timestamp (ns since 1970). Statuses,
-    // strongest first: the link status, lxFramingErr, lxUncalData,
-    // lxADCOverflow, lxTempDrift. After a failed transfer the traces hold
-    // what the samples read gave (the floor when not one segment arrived).
+    LxStatus Start() override;
+    void Wait() override;
+    // Copies sweepLength values from the first output bin into the non-null
+    // traces, the device time of the status packet after the samples into
+    // *timestamp (ns since 1970). Statuses, strongest first: the link
+    // status, lxFramingErr, lxUncalData, lxADCOverflow, lxTempDrift. After a
+    // failed transfer the traces hold what the samples read gave (the floor
+    // when not one segment arrived).
+    LxStatus Result(float* minTrace, float* maxTrace, uint64_t* timestamp) override;
+    int32_t SweepLength() const override { return plan_.sweep.sweepLength; }
+    void Stop() override;
+    // Start, Wait and Result in one go, for a caller that holds the device.
     LxStatus Run(float* minTrace, float* maxTrace, uint64_t* timestamp);
 
     const NarrowSpanPlan& plan() const { return plan_; }
@@ -140,11 +155,19 @@ private:
     dsp::DecimatingFir fir_;
     StepProcessor processor_;
     FloatVector min_, max_;
+
+    std::mutex runMutex_;
+    std::condition_variable runCv_;
+    bool pending_ = false;  // Start .. Result
+    bool running_ = false;  // inside Wait's acquisition
+    bool stopped_ = false;
+    bool statusValid_ = false;
 };
 
 // The set-up of mode 1 for spans below 5 MHz: plan, correction, command
 // list, the figures lxGetSweepParameters reports and the trace correction
-// vector; replaces the device's narrow-span engine. 0.
+// vector; replaces the device's narrow-span engine. 0, or lxSettingClamped
+// when the RBW was limited by the window length.
 LxStatus SetupNarrowSpan(Device& dev);
 
 } // namespace lx::engines

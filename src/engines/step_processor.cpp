@@ -97,52 +97,65 @@ int64_t StepProcessor::SamplesNeeded() const noexcept {
     return (SegmentCount() - 1) * static_cast<int64_t>(hop()) + config_.windowLength;
 }
 
-void StepProcessor::Begin() noexcept {
+void StepProcessor::Begin() noexcept { Begin(0, config_.fftSize); }
+
+void StepProcessor::Begin(int64_t keepFirst, int64_t keepCount) noexcept {
+    const int64_t n = config_.fftSize;
+    lo_ = std::clamp<int64_t>(keepFirst, 0, n);
+    hi_ = std::clamp<int64_t>(keepFirst + std::max<int64_t>(keepCount, 0), lo_, n);
     taken_ = 0;
     weight_ = 1.0;
     tracing_ = false;
     if (!valid_) return;
-    min_.zero();
-    max_.zero();
-    sum_.zero();
-    video_.zero();
+    const auto clear = [&](auto& v) {
+        if (v.size() > 0) std::fill(v.span().begin() + lo_, v.span().begin() + hi_, 0);
+    };
+    clear(min_);
+    clear(max_);
+    clear(sum_);
+    clear(video_);
 }
 
 void StepProcessor::SegmentSpectrum(const cf32* segment, float* out) noexcept {
-    const int64_t n = config_.fftSize;
-    const int64_t half = n / 2;
+    const int64_t half = config_.fftSize / 2;
     cf32* x = spectrum_.span().data();
     const dsp::DspStatus st = fft_.Transform(segment, x);
     LX_ASSERT_TEXT(st == dsp::DspStatus::kOk, "status == ippStsNoErr", "src/dsp");
     // FFT bins 0..N/2-1 are the upper half of the band: they go to outputs
-    // N/2..N-1, so that output 0 is the lowest frequency.
-    if (config_.videoUnits == static_cast<int32_t>(VideoUnits::kLog)) {
-        dsp::PowerDb(x + half, out, half);
-        dsp::PowerDb(x, out + half, half);
-        return;
-    }
-    dsp::Power(x + half, out, half);
-    dsp::Power(x, out + half, half);
-    if (config_.videoUnits == static_cast<int32_t>(VideoUnits::kVoltage)) SqrtLoop(out, n);
+    // N/2..N-1, so that output 0 is the lowest frequency. Only the kept
+    // outputs [lo_, hi_) are formed.
+    const bool db = config_.videoUnits == static_cast<int32_t>(VideoUnits::kLog);
+    const auto power = [&](const cf32* from, float* to, int64_t count) {
+        if (count <= 0) return;
+        if (db)
+            dsp::PowerDb(from, to, count);
+        else
+            dsp::Power(from, to, count);
+    };
+    const int64_t lowEnd = std::min(hi_, half);   // outputs [lo_, lowEnd) from FFT bins + half
+    const int64_t highBegin = std::max(lo_, half); // outputs [highBegin, hi_) from FFT bins - half
+    power(x + half + lo_, out + lo_, lowEnd - lo_);
+    power(x + (highBegin - half), out + highBegin, hi_ - highBegin);
+    if (config_.videoUnits == static_cast<int32_t>(VideoUnits::kVoltage)) SqrtLoop(out + lo_, hi_ - lo_);
 }
 
 void StepProcessor::AddSegment(const cf32* segment) noexcept {
     if (!valid_ || segment == nullptr || taken_ >= SegmentCount()) return;
-    const int64_t n = config_.fftSize;
+    const int64_t lo = lo_, n = hi_ - lo_;
     if (config_.videoUnits == static_cast<int32_t>(VideoUnits::kSample)) {
         SegmentSpectrum(segment, min_.span().data());
-        std::memcpy(max_.span().data(), min_.span().data(), sizeof(float) * static_cast<size_t>(n));
+        std::memcpy(max_.span().data() + lo, min_.span().data() + lo, sizeof(float) * static_cast<size_t>(n));
         ++taken_;
         return;
     }
-    float* s = segment_.span().data();
-    SegmentSpectrum(segment, s);
+    SegmentSpectrum(segment, segment_.span().data());
+    const float* s = segment_.span().data() + lo;
     ++taken_;
     if (config_.detector == static_cast<int32_t>(Detector::kAverage)) {
-        AccumulateLoop(sum_.span().data(), s, n);
+        AccumulateLoop(sum_.span().data() + lo, s, n);
         return;
     }
-    float* a = video_.span().data();
+    float* a = video_.span().data() + lo;
     const double r = config_.vbwRatio;
     if (weight_ > r) {
         // Warm-up: a plain running mean until its weight reaches the video
@@ -155,34 +168,43 @@ void StepProcessor::AddSegment(const cf32* segment) noexcept {
     const float rf = static_cast<float>(r);
     if (!tracing_) {
         BlendLoop(a, s, keep, rf, n);
-        std::memcpy(min_.span().data(), a, sizeof(float) * static_cast<size_t>(n));
-        std::memcpy(max_.span().data(), a, sizeof(float) * static_cast<size_t>(n));
+        std::memcpy(min_.span().data() + lo, a, sizeof(float) * static_cast<size_t>(n));
+        std::memcpy(max_.span().data() + lo, a, sizeof(float) * static_cast<size_t>(n));
         tracing_ = true;
         return;
     }
-    VideoLoop(a, s, keep, rf, min_.span().data(), max_.span().data(), n);
+    VideoLoop(a, s, keep, rf, min_.span().data() + lo, max_.span().data() + lo, n);
 }
 
 void StepProcessor::Finish(float gainDb, float* minOut, float* maxOut) noexcept {
     if (!valid_ || minOut == nullptr || maxOut == nullptr) return;
-    const int64_t n = config_.fftSize;
+    const int64_t lo = lo_, n = hi_ - lo_;
     const size_t bytes = sizeof(float) * static_cast<size_t>(n);
+    float* mn = minOut + lo;
+    float* mx = maxOut + lo;
     if (config_.videoUnits != static_cast<int32_t>(VideoUnits::kSample) &&
         config_.detector == static_cast<int32_t>(Detector::kAverage)) {
+        // One trace: converted once and copied.
         const double inv = taken_ > 0 ? 1.0 / static_cast<double>(taken_) : 0.0;
-        MeanLoop(sum_.span().data(), inv, minOut, n);
-        std::memcpy(maxOut, minOut, bytes);
-    } else {
-        std::memcpy(minOut, min_.span().data(), bytes);
-        std::memcpy(maxOut, max_.span().data(), bytes);
+        MeanLoop(sum_.span().data() + lo, inv, mn, n);
+        ConvertToScale(config_, gainDb, mn, n);
+        std::memcpy(mx, mn, bytes);
+        return;
     }
-    ConvertToScale(config_, gainDb, minOut, n);
-    ConvertToScale(config_, gainDb, maxOut, n);
+    std::memcpy(mn, min_.span().data() + lo, bytes);
+    std::memcpy(mx, max_.span().data() + lo, bytes);
+    ConvertToScale(config_, gainDb, mn, n);
+    ConvertToScale(config_, gainDb, mx, n);
 }
 
 void StepProcessor::Process(const cf32* samples, float gainDb, float* minOut, float* maxOut) noexcept {
+    Process(samples, gainDb, minOut, maxOut, 0, config_.fftSize);
+}
+
+void StepProcessor::Process(const cf32* samples, float gainDb, float* minOut, float* maxOut, int64_t keepFirst,
+                            int64_t keepCount) noexcept {
     if (!valid_ || samples == nullptr) return;
-    Begin();
+    Begin(keepFirst, keepCount);
     const int64_t segments = SegmentCount();
     const int64_t h = hop();
     for (int64_t k = 0; k < segments; ++k) AddSegment(samples + k * h);

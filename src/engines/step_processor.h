@@ -92,12 +92,21 @@ public:
 
     // The whole step from samples[0 .. SamplesNeeded()).
     void Process(const cf32* samples, float gainDb, float* minOut, float* maxOut) noexcept;
+    // The same for the output bins [keepFirst, keepFirst + keepCount) only
+    // (a sweep keeps about half of each step): everything per bin, from the
+    // power of each segment on, is done for those alone, and the outputs
+    // outside them are left as they were. A range outside 0..fftSize is
+    // clipped to it.
+    void Process(const cf32* samples, float gainDb, float* minOut, float* maxOut, int64_t keepFirst,
+                 int64_t keepCount) noexcept;
 
     // Incremental form: Begin, then AddSegment once per segment in order
     // (segment k is the windowLength samples from k * hop), then Finish.
     // Segments beyond SegmentCount() are ignored; Finish after fewer
     // segments gives the traces of the segments taken (all zero when none).
+    // Begin(keepFirst, keepCount): the kept bins, as for Process.
     void Begin() noexcept;
+    void Begin(int64_t keepFirst, int64_t keepCount) noexcept;
     void AddSegment(const cf32* segment) noexcept;
     int64_t SegmentsTaken() const noexcept { return taken_; }
     bool NeedsMore() const noexcept { return taken_ < SegmentCount(); }
@@ -113,6 +122,7 @@ private:
     StepProcessorConfig config_;
     bool valid_ = false;
     int64_t taken_ = 0;
+    int64_t lo_ = 0, hi_ = 0;  // the kept output bins [lo_, hi_)
     double weight_ = 1.0;   // video filter weight during warm-up
     bool tracing_ = false;  // min/max hold a first value
     dsp::WindowedFft fft_;

@@ -116,15 +116,21 @@ LxStatus SweepEngine::Start() {
         releasedSteps_ = 0;
         std::fill(stepDone_.begin(), stepDone_.end(), 0);
     }
+    device_.ClaimTransport();
     requests_.push(Request{plan_.TotalPackets()});
     usbWake_.Set();
     return lxNoError;
 }
 
-LxStatus SweepEngine::Result(float* minTrace, float* maxTrace, uint64_t* timestamp) {
-    if (!pending_.load()) return lxNoError;
+void SweepEngine::Wait() {
+    if (!pending_.load()) return;
     usbDone_.Wait();
     workDone_.Wait();
+}
+
+LxStatus SweepEngine::Result(float* minTrace, float* maxTrace, uint64_t* timestamp) {
+    if (!pending_.load()) return lxNoError;
+    Wait();
 
     const size_t bytes = sizeof(float) * static_cast<size_t>(plan_.sweepLength);
     if (minTrace) std::memcpy(minTrace, minTrace_.span().data() + plan_.startBinOffset, bytes);
@@ -154,6 +160,7 @@ void SweepEngine::UsbThread() {
         if (!workers_.running()) return;
         Acquire();
         requests_.pop();
+        device_.ReleaseTransport();
         usbDone_.Set();
     }
 }
@@ -371,9 +378,11 @@ void SweepEngine::ProcessWholeStep(int id, int32_t k) {
     const bool have = written_.load() >= first + stepSamples_;
     if (have) {
         const cf32* x = store_.span().data() + first % capacity_;
+        const auto [keepFirst, keepCount] = KeptBins(k);
         processors_[static_cast<size_t>(id)]->Process(x, plan_.steps[static_cast<size_t>(k)].gainOffset,
                                                       scratchMin_[static_cast<size_t>(id)].span().data(),
-                                                      scratchMax_[static_cast<size_t>(id)].span().data());
+                                                      scratchMax_[static_cast<size_t>(id)].span().data(),
+                                                      keepFirst, keepCount);
     }
     EmitStep(id, k, have);
     {
@@ -394,7 +403,8 @@ void SweepEngine::ProcessLongStep(int id, int32_t k) {
     const int64_t segments = sp.SegmentCount();
     const cf32* store = store_.span().data();
     bool have = true;
-    sp.Begin();
+    const auto [keepFirst, keepCount] = KeptBins(k);
+    sp.Begin(keepFirst, keepCount);
     for (int64_t j = 0; j < segments; ++j) {
         const int64_t start = first + j * hop;
         const int64_t need = start + plan_.windowLength;
@@ -420,6 +430,16 @@ void SweepEngine::ProcessLongStep(int id, int32_t k) {
                   scratchMax_[static_cast<size_t>(id)].span().data());
     EmitStep(id, k, have);
     CompleteStep(k);
+}
+
+std::pair<int64_t, int64_t> SweepEngine::KeptBins(int32_t k) const {
+    const SweepStep& st = plan_.steps[static_cast<size_t>(k)];
+    const int64_t first = st.firstBin, count = traceCount_[static_cast<size_t>(k)];
+    if (!st.isFirstBand) return {first, count};
+    // EmitStep reads bin (n - j) mod n for the trace's bins j.
+    const int64_t n = plan_.fftSize;
+    if (first == 0) return {0, n};
+    return {n - (first + count - 1), count};
 }
 
 void SweepEngine::EmitStep(int id, int32_t k, bool haveData) {
@@ -473,6 +493,7 @@ LxStatus SetupSweep(Device& dev) {
     figures.sweepLength = plan.sweepLength;
     std::vector<float> correction = SweepTraceCorrection(plan);
     const bool additive = plan.scale == static_cast<int32_t>(Scale::kLog);
+    const bool rbwLimited = plan.rbwLimited;
 
     dev.engines[kSweepEngine].reset(); // stopped and joined before the new one starts
     // May throw (no memory, no thread): the device then keeps nothing of this set-up.
@@ -481,7 +502,7 @@ LxStatus SetupSweep(Device& dev) {
     dev.sweepResults = figures;
     dev.traceCorrection = std::move(correction);
     dev.traceCorrectionAdditive = additive;
-    return lxNoError;
+    return rbwLimited ? lxSettingClamped : lxNoError;
 }
 
 } // namespace lx::engines

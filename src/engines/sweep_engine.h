@@ -19,9 +19,12 @@
 //       bins straight into the traces (each step owns a disjoint range, so
 //       the stitching needs no pass of its own); the thread that completes
 //       the last step sets the work-done event.
-//   Caller's thread (lxGetSweep): Start() queues the request; Result() waits
-//       for both done events, takes the status packet into the device
-//       (housekeeping, temperature, time stamp), copies the traces out.
+//   Caller's thread (lxGetSweep): Start() claims the transport and queues
+//       the request (control lock held); Wait() waits for both done events
+//       (control lock released); Result() takes the status packet into the
+//       device (housekeeping, temperature, time stamp) and copies the traces
+//       out (control lock held). The USB thread releases the transport
+//       after the sweep's last transfer, before it signals done.
 //
 // States
 //   idle --Start--> pending --(USB done + work done)--> complete --Result--> idle
@@ -67,9 +70,11 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "engines/step_processor.h"
+#include "engines/sweep_support.h"
 #include "engines/sweep_plan.h"
 #include "lx_command/command_list.h"
 #include "lx_lib/device.h"
@@ -87,23 +92,28 @@ inline constexpr int64_t kStoreBaseSamples = 5000000;
 inline constexpr int64_t kStoreLimitSamples = 50000000;
 inline constexpr int kWorkThreads = 2;
 
-class SweepEngine final : public Engine {
+class SweepEngine final : public SweepRunner {
 public:
     SweepEngine(Device& device, SweepPlan plan, CommandList commands);
     ~SweepEngine() override;
     SweepEngine(const SweepEngine&) = delete;
     SweepEngine& operator=(const SweepEngine&) = delete;
 
-    // Queues one sweep; lxSweepAlreadyActiveErr while one is pending.
-    LxStatus Start();
+    // Queues one sweep and claims the transport for the USB thread, which
+    // releases it after the sweep's last transfer; lxSweepAlreadyActiveErr
+    // while one is pending.
+    LxStatus Start() override;
+    // Waits for the USB and work sides to finish (or the engine to stop).
+    void Wait() override;
     // Waits for the pending sweep and hands it over; 0 at once when none is
     // pending (outputs untouched). Outputs optional: sweepLength floats each,
     // the time stamp in ns since 1970 (device time of the sweep's last
     // sample). Statuses, strongest first: the link status, lxFramingErr,
     // lxUncalData (samples lost), lxADCOverflow, lxCPULimited, lxTempDrift.
-    LxStatus Result(float* minTrace, float* maxTrace, uint64_t* timestamp);
+    LxStatus Result(float* minTrace, float* maxTrace, uint64_t* timestamp) override;
+    int32_t SweepLength() const override { return plan_.sweepLength; }
     // Idempotent; see States above.
-    void Stop();
+    void Stop() override;
 
     const SweepPlan& plan() const { return plan_; }
     bool streamsLongSteps() const { return longSteps_; }
@@ -124,6 +134,8 @@ private:
     void ProcessWholeStep(int id, int32_t k);
     void ProcessLongStep(int id, int32_t k);
     void EmitStep(int id, int32_t k, bool haveData);
+    // The processor bins step k's trace bins come from: [first, first + count).
+    std::pair<int64_t, int64_t> KeptBins(int32_t k) const;
     void CompleteStep(int32_t k);
 
     Device& device_;
@@ -173,7 +185,8 @@ private:
 
 // The set-up of mode 1 for spans of 5 MHz and more: plan, corrections,
 // command list, the figures lxGetSweepParameters reports and the trace
-// correction vector; replaces the device's sweep engine. 0.
+// correction vector; replaces the device's sweep engine. 0, or
+// lxSettingClamped when the RBW was limited by the window length.
 LxStatus SetupSweep(Device& dev);
 
 } // namespace lx::engines

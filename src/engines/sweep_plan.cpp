@@ -86,6 +86,7 @@ SweepPlan PlanSweep(const SweepSettings& s, int32_t attenuator, double refLevelD
     const double length = std::floor(p.windowFactor * kAdcRateHz / s.rbw);
     int64_t L = std::isfinite(length) ? static_cast<int64_t>(std::min(length, 4e9)) : kMaxSweepWindowLength;
     if (L % 2 != 0) --L;
+    p.rbwLimited = L > kMaxSweepWindowLength;
     p.windowLength = static_cast<int32_t>(std::clamp<int64_t>(L, kMinSweepWindowLength, kMaxSweepWindowLength));
     int32_t n = 1;
     for (int32_t v = p.windowLength - 1; v > 0; v >>= 1) n <<= 1;
@@ -140,7 +141,7 @@ SweepPlan PlanSweep(const SweepSettings& s, int32_t attenuator, double refLevelD
 
 void FillStepCorrections(SweepPlan& plan, const uint8_t* cal, CalBracket bracket) {
     for (SweepStep& st : plan.steps) {
-        st.correction = BuildStepCorrection(cal, bracket, st.index, PlanStep(st.index).fineCell);
+        st.correction = BuildCaptureCorrection(cal, bracket, st.index, PlanStep(st.index).captureCentreHz);
         st.gainOffset = StepGainDb(cal, bracket, plan.attenuation, st.index, st.correction);
         st.ifLevel = StepIfLevel(cal, st.index);
     }

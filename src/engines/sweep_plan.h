@@ -46,8 +46,8 @@ inline constexpr double kMinSweepSpanHz = 5e6;                   // narrower spa
 inline constexpr int32_t kMinFftSize = 64;
 inline constexpr int32_t kMinSweepWindowLength = 4;
 // 2^20 samples: RBW down to 221 Hz with the flat-top window. Finer ones are
-// limited here (the actual RBW reports it): a full-span trace at that bin
-// size already holds 16 million points per trace.
+// limited here (configure warns, the actual RBW reports it): a full-span
+// trace at that bin size (58.6 Hz) already holds 256 million points.
 inline constexpr int32_t kMaxSweepWindowLength = 1 << 20;
 inline constexpr uint32_t kEndOfStepWord = 0x32000000;
 inline constexpr uint32_t kGpioWord = 0x27000000;
@@ -107,6 +107,7 @@ struct SweepPlan {
 
     // The figures lxGetSweepParameters reports.
     double actualRbw = 0;
+    bool rbwLimited = false; // the window length was cut to its maximum: actualRbw is coarser
     double vbw = 0;
     double actualStart = 0; // frequency of trace point 0
     int32_t sweepLength = 0;

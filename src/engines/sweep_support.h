@@ -2,19 +2,34 @@
 // with, the status packet read at the end of a sweep, and the order in which
 // a finished sweep's warnings become its status.
 //
-// Thread-safe but for TakeEndOfSweepStatus, which runs on the device's owner
-// (caller's) thread.
+// Thread-safe but for TakeEndOfSweepStatus, which runs on the caller's thread
+// with the device's control lock held.
 #pragma once
 
 #include <cstdint>
 
 #include "lx_api.h"
-
-namespace lx {
-class Device;
-}
+#include "lx_lib/device.h"
 
 namespace lx::engines {
+
+// What lxGetSweep drives, for both swept-spectrum engines (the calling
+// pattern of device.h, rule 1):
+//   Start()   control lock held: begins one sweep and claims the transport;
+//             lxSweepAlreadyActiveErr while one is pending.
+//   Wait()    control lock released, the engine kept alive by the caller:
+//             returns once the sweep's samples are in and processed, or the
+//             engine was stopped.
+//   Result()  control lock held again: copies the traces out and takes the
+//             sweep's status packet into the device; 0 at once (outputs
+//             untouched) when no sweep is pending.
+class SweepRunner : public Engine {
+public:
+    virtual LxStatus Start() = 0;
+    virtual void Wait() = 0;
+    virtual LxStatus Result(float* minTrace, float* maxTrace, uint64_t* timestamp) = 0;
+    virtual int32_t SweepLength() const = 0;
+};
 
 // The attenuation step 0..6 of a sweep: the attenuator setting when it is
 // 0 or more (at most 6), else chosen from the reference level (AutoAttenuation).

@@ -1,5 +1,6 @@
 #include "lx_lib/device.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -60,6 +61,7 @@ Device::Device(std::unique_ptr<usb::UsbTransport> transport)
 Device::~Device() { StopEngine(); }
 
 LxStatus Device::SendWords(const std::vector<uint32_t>& words) {
+    WaitForTransport();
     CommandList list;
     list.BeginBlock();
     for (uint32_t w : words) {
@@ -103,8 +105,8 @@ LxStatus Device::SetPowerState(uint32_t state) {
 }
 
 int Device::TuneTemperatureOffset() const {
-    const int i = correctionIndex;
-    const double f = correctionFraction;
+    const int i = std::clamp(correctionIndex, 0, kCalTempSlots - 2);
+    const double f = std::isfinite(correctionFraction) ? std::clamp(correctionFraction, 0.0, 1.0) : 0.0;
     const double a = CalTuneOffset(cal_.data(), i);
     const double b = CalTuneOffset(cal_.data(), i + 1);
     double off;
@@ -127,6 +129,8 @@ LxStatus Device::WriteCoarseTune(uint16_t value) {
 }
 
 LxStatus Device::RefreshHousekeeping() {
+    // An engine's acquisition owns the link: answer with what was last decoded.
+    if (TransportClaimed()) return transport_->LinkStatus();
     CommandList list;
     list.BeginBlock();
     EncodeTransferRequest(list, 0, 4);
@@ -212,15 +216,18 @@ void Device::ComputeCorrectionBracket() {
     if (correctionMode == 0) {
         const float t = temperature;
         correctionTemperature = t;
+        correctionIndex = 0;
+        correctionFraction = 0.0;
         float p[kCalTempSlots];
         for (int i = 0; i < kCalTempSlots; ++i) p[i] = CalTempPoint(cal_.data(), i);
-        if (t < p[0]) {
-            correctionIndex = 0;
-            correctionFraction = 0.0;
-            return;
-        }
+        // A record that was never programmed reads NaN here (0xFF bytes), and
+        // a damaged one may not ascend: then there is no bracket to find, and
+        // slot 0 is as good as any (its tables are neutral in the first case).
+        for (int i = 0; i < kCalTempSlots; ++i)
+            if (!std::isfinite(p[i]) || (i > 0 && !(p[i] > p[i - 1]))) return;
+        if (!std::isfinite(t) || t < p[0]) return;
         int k = 0;
-        while (k < kCalTempSlots && p[k] <= t) ++k;
+        while (k < kCalTempSlots && p[k] <= t) ++k; // k >= 1: p[0] <= t
         if (k < kCalTempSlots) {
             correctionIndex = k - 1;
             correctionFraction = (t - p[k - 1]) / (p[k] - p[k - 1]);
@@ -240,12 +247,33 @@ void Device::ComputeCorrectionBracket() {
 
 void Device::StopEngine() {
     for (auto& e : engines) {
-        std::unique_ptr<Engine> doomed = std::move(e);
-        doomed.reset();
+        if (!e) continue;
+        const std::shared_ptr<Engine> doomed = std::move(e); // the slot is cleared first
+        doomed->Stop();
     }
+    ReleaseTransport();
     traceCorrection.clear();
     traceCorrectionAdditive = true;
     mode = 0;
+}
+
+void Device::ClaimTransport() {
+    std::unique_lock<std::mutex> lock(claimMutex_);
+    claimCv_.wait(lock, [&] { return !claimed_.load(); });
+    claimed_.store(true);
+}
+
+void Device::ReleaseTransport() {
+    {
+        std::lock_guard<std::mutex> lock(claimMutex_);
+        claimed_.store(false);
+    }
+    claimCv_.notify_all();
+}
+
+void Device::WaitForTransport() {
+    std::unique_lock<std::mutex> lock(claimMutex_);
+    claimCv_.wait(lock, [&] { return !claimed_.load(); });
 }
 
 LxStatus Device::Configure(int32_t requested) {

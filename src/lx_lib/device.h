@@ -7,15 +7,51 @@
 // oscillator tune word up to date, refreshes housekeeping at most once a
 // second when asked to, and dispatches configure to the set-up of a mode.
 //
-// Threads: everything here runs on the calling thread; an engine started by a
-// set-up runs its own threads and is stopped (joined) before any other
-// set-up, close or preset. The GPS fields are guarded by gps.mutex; nothing
-// else is locked.
+// Threads, locks and who drives the transport
+//
+// Every export may be called from any thread on an open handle. The rules,
+// which every engine follows:
+//
+// 1. The control lock (`control`) serialises the control path of one
+//    device: every export holds it for its whole call (api::WithDevice),
+//    so settings, housekeeping fields, the calibration copy and the engine
+//    slots are only ever touched by one caller at a time. A blocking getter
+//    (lxGetSweep, and the real-time and I/Q getters alike) drops it while
+//    it waits for its result, keeping the engine alive through a
+//    shared_ptr, and takes it again to hand the result over: if the engine
+//    was replaced meanwhile (configure, abort or close on another thread),
+//    it returns without touching the outputs.
+// 2. The transport is driven by one thread at a time: the holder of the
+//    control lock, unless an engine has claimed it. An engine claims it
+//    (ClaimTransport, control lock held) when an acquisition begins and
+//    releases it (ReleaseTransport, from any of its threads, no lock
+//    needed) when the last transfer of that acquisition has finished; a
+//    streaming engine holds it from its start to its stop. StopEngine
+//    releases whatever an engine still holds after stopping it.
+// 3. While an engine holds the transport the control path never touches it:
+//    housekeeping reads (diagnostics, GPS, fan) answer with the values last
+//    decoded, and commands (SendWords and everything built on it, the fan's
+//    control request) wait until the acquisition has ended, which is
+//    bounded by its transfers' time-outs.
+// 4. Engine threads never take the control lock (a holder of it may be
+//    joining them) and never write a Device field: what their status packets
+//    say is kept in the engine and taken into the device by the caller's
+//    thread, under the control lock, when it hands a result over.
+// 5. Engine::Stop() stops and joins the engine's threads and wakes every
+//    waiter; it is idempotent and called with the control lock held.
+//
+// Lock order: registry (api) -> control -> an engine's own locks -> the
+// transport-claim lock -> gps.mutex. The claim lock and gps.mutex are
+// leaves: nothing is waited for while holding them, except the claim's own
+// condition.
 #pragma once
 
 #include <array>
+#include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -26,10 +62,11 @@
 namespace lx {
 
 // Base of every measurement engine. Destroying an engine stops and joins its
-// threads.
+// threads; so does Stop(), which the device calls first (see rule 5 above).
 class Engine {
 public:
     virtual ~Engine() = default;
+    virtual void Stop() = 0;
 };
 
 enum EngineSlot : int {
@@ -159,7 +196,15 @@ public:
     bool TakeStatusPacket(const uint8_t* record);
 
     void ComputeCorrectionBracket();
+    // Stops every engine (Engine::Stop), clears the slots, releases the
+    // transport, empties the trace correction; mode 0.
     void StopEngine();
+
+    // Transport ownership (rules 2 and 3 above).
+    void ClaimTransport();   // control lock held; waits until no engine holds it
+    void ReleaseTransport(); // any thread
+    bool TransportClaimed() const { return claimed_.load(); }
+    void WaitForTransport(); // control lock held
     // mode: 0..5 or 100 (the caller has range-checked it).
     LxStatus Configure(int32_t mode);
 
@@ -223,9 +268,17 @@ public:
     int32_t hwDecimation = 1;    // hardware decimation of the streaming mode
     gps::GpsState gps;
     TimebaseCache timebase;
-    std::array<std::unique_ptr<Engine>, kEngineSlots> engines;
+    // Shared so that a getter waiting without the control lock keeps its
+    // engine alive; at most one slot is non-null.
+    std::array<std::shared_ptr<Engine>, kEngineSlots> engines;
+
+    std::mutex control;  // the control lock (rule 1)
+    bool closed = false; // set by close, under the control lock
 
 private:
+    std::mutex claimMutex_;
+    std::condition_variable claimCv_;
+    std::atomic<bool> claimed_{false};
     std::unique_ptr<usb::UsbTransport> transport_;
     std::vector<uint8_t> cal_;
 };

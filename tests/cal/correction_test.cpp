@@ -83,6 +83,33 @@ TEST(CalResponseAt, BlendsTwoSlotsAtTheClampedIndexes) {
     }
 }
 
+// D describes the middle of each 3.75 MHz cell; a capture takes it at its own
+// centre. The pattern's D is linear in the cell index, so the truth at F is
+// that line at u = F / 3.75 MHz - 0.5, held beyond the first and last middle.
+// The capture's level term moves with it (E stays its cell's trim).
+TEST(FineMagnitudeAt, FollowsTheLineThroughTheCellMiddles) {
+    const auto rec = PatternRecord();
+    const CalBracket b{2, 0.25f};
+    const auto line = [&](double u) { return 0.75 * (1.2 + 0.02 + 1e-5 * u) + 0.25 * (1.2 + 0.03 + 1e-5 * u); };
+    const struct Case {
+        double hz, u;
+    } cases[] = {
+        {1.0003e9, 1.0003e9 / 3.75e6 - 0.5},                    // off the grid
+        {40 * 30.72e6 - 23.04e6, (40 * 30.72e6 - 23.04e6) / 3.75e6 - 0.5}, // a step row's centre
+        {11 * 3.75e6, 10.5},                                    // on a cell edge
+        {10.5 * 3.75e6, 10.0},                                  // on a middle
+        {1e6, 0.0}, {1.6e10, 3999.0}, {std::nan(""), 0.0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.hz);
+        EXPECT_NEAR(FineMagnitudeAt(rec.data(), b, c.hz), line(c.u), 5e-7);
+        const StepCorrection atCell = BuildStepCorrection(rec.data(), b, 40, FineCell(c.hz));
+        const StepCorrection atCentre = BuildCaptureCorrection(rec.data(), b, 40, c.hz);
+        EXPECT_NEAR(atCentre.amplitudeTermDb - atCell.amplitudeTermDb,
+                    -20.0 * std::log10(line(c.u) / line(FineCell(c.hz))), 2e-5);
+    }
+}
+
 TEST(RolloffCurve, FollowsTheFixedPointsAndStopsAt8p7MHz) {
     const struct Case {
         double start, step;

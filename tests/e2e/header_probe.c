@@ -11,3 +11,6 @@ int lx_c_header_probe(void) {
     if (strcmp(lxGetAPIVersion(), "1.0.0") != 0) return 2;
     return (int)s;
 }
+
+/* Any 32-bit value, as a C caller may pass it. */
+const char* lx_c_error_string(int32_t value) { return lxGetErrorString((LxStatus)value); }

@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdint>
-#include <limits>
 #include <vector>
 
 #include "lx_command/status_packet.h"
@@ -26,17 +24,6 @@ TEST(StatusPacket, TemperatureWord) {
         {0x0000, 0.0f}, {0x0FFC, 255.75f}, {0x1000, -256.0f}, {0x1FFC, -0.25f},
     };
     for (auto [word, celsius] : cases) EXPECT_EQ(lx::TemperatureFromWord(word), celsius) << word;
-
-    // Every representable temperature survives the writer's encoding.
-    for (int counts = -1024; counts < 1024; ++counts) {
-        const float t = counts * 0.25f;
-        ASSERT_EQ(lx::TemperatureFromWord(lx::TemperatureToWord(t)), t) << t;
-    }
-    EXPECT_EQ(lx::TemperatureFromWord(lx::TemperatureToWord(41.1f)), 41.0f);
-    EXPECT_EQ(lx::TemperatureFromWord(lx::TemperatureToWord(-41.2f)), -41.25f);
-    EXPECT_EQ(lx::TemperatureFromWord(lx::TemperatureToWord(300.0f)), 255.75f);
-    EXPECT_EQ(lx::TemperatureFromWord(lx::TemperatureToWord(-300.0f)), -256.0f);
-    EXPECT_EQ(lx::TemperatureToWord(std::numeric_limits<float>::quiet_NaN()), 0);
 }
 
 } // namespace
