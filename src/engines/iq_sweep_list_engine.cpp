@@ -143,6 +143,9 @@ IqSweepListEngine::IqSweepListEngine(Device& device, SweepListPlan plan)
     temperatureAtConfigure_ = device_.temperatureAtConfigure;
     temperature_.store(device_.temperature);
     workers_.AddWakeEvent(&wake_);
+    // The interface thread drives the transport from now until the engine is
+    // stopped; housekeeping calls answer from the last status packet meanwhile.
+    device_.ClaimTransport();
     workers_.Start("KD IQ Sweep List Interface Thread", ThreadPriority::TimeCritical, [this] { InterfaceThread(); });
 }
 

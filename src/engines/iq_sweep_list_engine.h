@@ -143,7 +143,7 @@ public:
     LxStatus Finish(int32_t slot);
     bool AnyActive() const;
     // Idempotent; see States above.
-    void Stop();
+    void Stop() override;
 
     const SweepListPlan& plan() const { return plan_; }
 
