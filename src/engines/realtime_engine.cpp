@@ -207,7 +207,6 @@ void RealTimeEngine::UsbThread() {
 }
 
 void RealTimeEngine::TakeBlock(const uint8_t* data) {
-    received_.fetch_add(kBlockSamples, std::memory_order_relaxed);
     const uint8_t* status = data + kBlockSampleBytes;
     if (!HasAuxMagic(status)) {
         framing_.store(true);
@@ -225,12 +224,12 @@ void RealTimeEngine::TakeBlock(const uint8_t* data) {
         // stream up: an analyzer then overruns its own buffer and says so
         // (data-loss bit), a simulated one just waits.
         ringWaits_.fetch_add(1, std::memory_order_relaxed);
+        // The FFT thread runs until this thread is done, also on stop, so
+        // room always comes.
         do {
             fftWake_.Set();
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        } while (workers_.running() &&
-                 w + kBlockSamples - released_.load(std::memory_order_acquire) > kRtRingSamples);
-        if (!workers_.running()) return;
+        } while (w + kBlockSamples - released_.load(std::memory_order_acquire) > kRtRingSamples);
     }
     const int64_t n = plan_.fftSize;
     const auto* src = reinterpret_cast<const int16_t*>(data);
@@ -247,6 +246,7 @@ void RealTimeEngine::TakeBlock(const uint8_t* data) {
         done += run;
     }
     written_.store(w + kBlockSamples, std::memory_order_release);
+    received_.fetch_add(kBlockSamples, std::memory_order_relaxed);
     fftWake_.Set();
 }
 

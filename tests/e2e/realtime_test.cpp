@@ -215,6 +215,20 @@ TEST_F(RealTime, WarningsFollowTheSceneAndTheFaultsInTheirPrecedence) {
     EXPECT_EQ(settle(lxNoError), lxNoError);
 }
 
+// A paced analyzer whose timeline jumps ahead of the host (100 ms in one go)
+// overruns its buffer: lost samples are reported, and they beat the
+// overload that every packet of this input reports.
+TEST_F(RealTime, LostSamplesAtTheAnalyzerBeatTheOverload) {
+    Open(ToneScene(1.001e9, 15.0, -150.0, "\"pacing\": \"realtime\""));
+    Configure(1e9, 20e6, 100e3, 1, 0.0, 100.0);
+    LxStatus s = Next().status;
+    EXPECT_TRUE(s == lxADCOverflow || s == lxUncalData) << s; // a loaded host may fall behind too
+    ASSERT_EQ(lxSimAdvanceTimeMs(100), lxNoError);
+    for (int i = 0; i < 40 && (s = Next().status) != lxUncalData; ++i) {
+    }
+    EXPECT_EQ(s, lxUncalData);
+}
+
 // A stalled stream: the frame read returns the lost link instead of waiting
 // for ever, and the device can be set up again.
 TEST_F(RealTime, AStalledStreamEndsTheReadWithTheLinkStatus) {
