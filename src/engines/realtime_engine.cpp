@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <ctime>
 #include <limits>
 #include <span>
 #include <thread>
@@ -61,6 +62,12 @@ LX_DSP_CLONES void AlphaLoop(const uint16_t* __restrict cur, const float* __rest
     for (int64_t i = 0; i < n; ++i) alpha[i] = cur[i] != 0 ? 1.0f : prev[i] * kAlphaDecay;
 }
 
+int64_t ThreadCpuNs() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return int64_t{t.tv_sec} * 1000000000 + t.tv_nsec;
+}
+
 uint64_t WallClockNs() {
     return static_cast<uint64_t>(
         std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch())
@@ -100,8 +107,11 @@ RealTimeEngine::RealTimeEngine(Device& device, RealTimePlan plan, CommandList st
     fftIn_.zero(); // the zero padding is never written again
     fftOut_.resize(n);
     if (plan_.capture.mirrored) mirrored_.resize(len);
+    // Touched here, so that no page fault lands in the streaming threads.
     spectra_.resize(spectrumCapacity_ * len);
+    spectra_.zero();
     rows_.resize(spectrumCapacity_ * len);
+    rows_.zero();
 
     minAcc_.resize(len);
     maxAcc_.resize(len);
@@ -314,6 +324,7 @@ void RealTimeEngine::FftThread() {
             r += half;
             released_.store(r, std::memory_order_release);
         }
+        fftCpuNs_.store(ThreadCpuNs(), std::memory_order_relaxed);
         if (last) break;
         fftWake_.Wait();
     }
@@ -386,6 +397,7 @@ void RealTimeEngine::AccumThread() {
             slots_[cur].count.zero();
             inFrame = 0;
         }
+        accumCpuNs_.store(ThreadCpuNs(), std::memory_order_relaxed);
         if (last) break;
         accumWake_.Wait();
     }

@@ -104,6 +104,9 @@ public:
     // Spectra computed since the start (lost ones included).
     int64_t SpectraProduced() const { return produced_.load() + lostSpectra_.load(); }
     int64_t SamplesReceived() const { return received_.load(); }
+    // CPU time the FFT and accumulator threads have used (up to their last
+    // wake-up), for the benchmarks.
+    double ProcessingCpuSeconds() const { return 1e-9 * double(fftCpuNs_.load() + accumCpuNs_.load()); }
 
 private:
     struct Slot {
@@ -134,6 +137,7 @@ private:
     std::atomic<int64_t> released_{0};   // samples the FFT thread no longer needs
     std::atomic<int64_t> received_{0};
     std::atomic<int64_t> ringWaits_{0};
+    std::atomic<int64_t> fftCpuNs_{0}, accumCpuNs_{0};
     Event fftWake_{Event::Mode::AutoReset};
 
     // FFT -> Accum
