@@ -441,8 +441,8 @@ void WriteDensityPlot(const std::string& path, const DensityPicture& p, const Pl
             x[i] = (p.start + p.binSize * static_cast<double>(i)) / f.unit;
             y[i] = std::isfinite(p.maxTrace[i]) ? std::clamp<double>(p.maxTrace[i], ymin, ymax) : ymin;
         }
-        plwidth(1.0 * textScale);
-        SetColour(kMinTrace); // blue stands out of the density's reds and yellows
+        plwidth(1.5 * textScale);
+        SetColour(kTitle);
         plline(static_cast<PLINT>(n), x.data(), y.data());
         plwidth(1.0);
     }
