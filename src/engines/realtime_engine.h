@@ -5,11 +5,15 @@
 // Threads
 //   "LX Real Time USB Thread" (time critical): sends the start list, keeps
 //       twelve 1 MiB transfers in flight (127 I/Q packets and one status
-//       packet each) and one request more than that, copies each block's raw int16 samples into the sample
-//       ring and wakes the FFT thread. Every status packet's ADC-overflow and
-//       data-loss bits (and its magic) are checked; one packet in twelve (the
-//       transfer of slot 0) is also queued for the device's full status
-//       intake, which the caller's thread runs at each frame read (the device's
+//       packet each) and one request more than that, copies each block's raw
+//       int16 samples into the sample ring and wakes the FFT thread.
+//       The ADC-overflow and data-loss bits (and the magic) are checked in
+//       every status packet, not only in the one in twelve (the transfer of
+//       slot 0) that goes through the device's full status intake: the
+//       device clears those bits with each packet it sends, so a short
+//       overload between two full intakes would otherwise go unseen. The
+//       full intake keeps its cadence; its packets are queued and the
+//       caller's thread takes them in at each frame read (the device's
 //       housekeeping fields belong to the caller's thread). A failed transfer
 //       ends the stream (the link status says why). On stop: the stop word on
 //       OUT slot 12, then every transfer in flight is finished and the data
@@ -18,8 +22,10 @@
 //       index (50 % overlap): int16 to windowed float in one pass over the
 //       window's samples only (the zero padding stays zero), the FFT (a plan
 //       made at configure), then |X|^2 and the density row of every kept bin in
-//       one pass into the spectrum ring. When the ring is full the spectrum is
-//       not computed and is counted as lost (LostSpectra()).
+//       one pass into the spectrum ring. When the ring is full (the
+//       accumulator a whole ring behind) the spectrum is not computed and is
+//       counted (LostSpectra()), rather than overwriting unread spectra
+//       without a trace; it enters no frame.
 //   "LX Real Time Accum Thread" (above normal): holds the mutex of the frame
 //       slot it fills; per spectrum: min/max (or sum) of the power, and one
 //       count per bin in the slot's count frame (column-major, 256 rows per
