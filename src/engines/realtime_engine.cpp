@@ -27,7 +27,7 @@ constexpr int64_t kBlockSamples = int64_t{kRtBlockPackets} * kSamplesPerPacket; 
 constexpr size_t kBlockSampleBytes = static_cast<size_t>(kBlockSamples) * 4;       // 1,040,384
 constexpr float kMilliVoltsPerSqrtMilliWatt = 223.6f;
 constexpr double kDbmToMvOffset = 46.9897;
-constexpr auto kReaderPoll = std::chrono::milliseconds(20);
+constexpr auto kReaderPoll = std::chrono::milliseconds(1);
 
 LX_DSP_CLONES void MinMaxLoop(const float* __restrict p, float* __restrict mn, float* __restrict mx, int64_t n) {
     for (int64_t i = 0; i < n; ++i) {
@@ -377,7 +377,7 @@ void RealTimeEngine::CloseFrame(int32_t cur) {
 void RealTimeEngine::AccumThread() {
     const int64_t len = plan_.sweepLength;
     int32_t cur = 0;
-    std::unique_lock<std::timed_mutex> lock(slots_[0].mutex);
+    std::unique_lock<std::mutex> lock(slots_[0].mutex);
     accumReady_.Set();
     int64_t inFrame = 0;
     int64_t consumed = 0;
@@ -390,7 +390,7 @@ void RealTimeEngine::AccumThread() {
             if (++inFrame < plan_.spectraPerFrame) continue;
             CloseFrame(cur);
             const int32_t next = (cur + 1) % kFrameSlots;
-            std::unique_lock<std::timed_mutex> nextLock(slots_[next].mutex);
+            std::unique_lock<std::mutex> nextLock(slots_[next].mutex);
             std::swap(lock, nextLock);
             nextLock.unlock();
             cur = next;
@@ -409,8 +409,11 @@ LxStatus RealTimeEngine::Frame(float* frame, float* alpha, float* minTrace, floa
                                uint64_t* timestamp) {
     usb::UsbTransport& link = device_.Transport();
     Slot& s = slots_[readSlot_];
-    std::unique_lock<std::timed_mutex> lock(s.mutex, std::defer_lock);
-    while (!lock.try_lock_for(kReaderPoll)) {
+    // Polled rather than a timed lock: the wait must end when the stream
+    // fails (the accumulator then holds the slot for good).
+    std::unique_lock<std::mutex> lock(s.mutex, std::defer_lock);
+    while (!lock.try_lock()) {
+        std::this_thread::sleep_for(kReaderPoll);
         if (usbFailed_.load() || !workers_.running()) {
             if (frameCount) *frameCount = 0;
             if (timestamp) *timestamp = 0;

@@ -116,7 +116,7 @@ public:
 
 private:
     struct Slot {
-        std::timed_mutex mutex;
+        std::mutex mutex;
         int32_t frameNumber = -1;
         uint64_t timestamp = 0;
         FloatVector minTrace, maxTrace;   // raw power
