@@ -62,7 +62,11 @@ TEST_P(RealTimeEngineStream, EverySampleDeliveredIsTransformed) {
     EXPECT_GT(taken, 12 * engine->plan().spectraPerFrame * n / 2);
     // 50 % overlap: one spectrum per N/2 samples, the first after N.
     EXPECT_EQ(engine->SpectraProduced(), (taken - n) / (n / 2) + 1);
+#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
+    // An instrumented accumulator may fall a whole ring behind; lost
+    // spectra are then counted (and still part of SpectraProduced).
     EXPECT_EQ(engine->LostSpectra(), 0);
+#endif
     EXPECT_EQ(dev->RefreshHousekeeping(), lxNoError); // nothing stale on the link
     EXPECT_EQ(dev->auxInvalid, 0u);
 }
