@@ -181,7 +181,7 @@ bool Device::TakeStatusPacket(const uint8_t* rec) {
 
     gps::GpsPacketFields f;
     f.gpsStatusWord = AuxRead<uint32_t>(rec, kAuxGpsStatusOffset);
-    f.packetTick = recSamples;
+    f.pulseTick = recPulses;
     f.blockTick = recSamples;
     f.deviceStatusWord = statusWord;
     f.uartRing = rec + kAuxUartRingOffset;
