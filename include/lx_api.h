@@ -311,7 +311,8 @@ LX_API LxStatus lxGetRealTimeParameters(int32_t handle, double* actualRbw, int32
  * means frames were overwritten before they were read: 40 are kept);
  * timestamp: host time (ns since 1970) when the frame closed.
  * Status, each later one replacing the earlier: lxTempDrift, lxADCOverflow,
- * lxUncalData (samples were lost), lxFramingErr, then a link error; each
+ * lxUncalData (samples were lost, at the analyzer or because the host fell
+ * behind and gave up spectra), lxFramingErr, then a link error; each
  * warning covers what happened since the previous read.
  * lxInvalidConfigurationErr when mode 2 is not configured (frameCount and
  * timestamp are then set to 0). */

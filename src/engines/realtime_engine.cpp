@@ -226,6 +226,11 @@ void RealTimeEngine::TakeBlock(const uint8_t* data) {
         const uint32_t word = AuxRead<uint32_t>(status, kAuxStatusWordOffset);
         if (word & kAuxStatusAdcOverflow) adcOverflow_.store(true);
         if (word & kAuxStatusDataLoss) dataLoss_.store(true);
+        if (received_.load(std::memory_order_relaxed) == 0) {
+            // The block's first sample left the antenna at K - 2 B + L(1).
+            const auto k = static_cast<int64_t>(AuxRead<uint64_t>(status, kAuxSampleCounterOffset));
+            firstTick_.store(k - 2 * kBlockSamples + PipelineOffsetTicks(1), std::memory_order_relaxed);
+        }
     }
 
     const int64_t w = written_.load(std::memory_order_relaxed);
@@ -291,7 +296,16 @@ void RealTimeEngine::FftThread() {
         const bool last = !workers_.running() && usbDone_.load(std::memory_order_acquire);
         while (written_.load(std::memory_order_acquire) - r >= n) {
             if (produced - consumed_.load(std::memory_order_acquire) >= spectrumCapacity_) {
+                // The accumulator is a whole ring behind. Wait for it while the
+                // sample ring can still take the stream; only when waiting
+                // would hold up the USB thread is the spectrum given up.
+                if (written_.load(std::memory_order_acquire) - r + 2 * kBlockSamples < kRtRingSamples) {
+                    accumWake_.Set();
+                    std::this_thread::sleep_for(std::chrono::microseconds(200));
+                    continue;
+                }
                 lostSpectra_.fetch_add(1, std::memory_order_relaxed);
+                lostSinceRead_.store(true, std::memory_order_relaxed);
             } else {
                 const int64_t pos = r % kRtRingSamples;
                 dsp::ConvertIq16Windowed(ring + 2 * (pos + before), window, in + before, plan_.windowLength);
@@ -467,11 +481,12 @@ LxStatus RealTimeEngine::Frame(float* frame, float* alpha, float* minTrace, floa
         }
     }
 
+    const bool lostSpectra = lostSinceRead_.exchange(false);
     // Weakest first, each later one replacing the earlier.
     LxStatus status = lxNoError;
     if (std::fabs(device_.temperature - device_.temperatureAtConfigure) > 2.0f) status = lxTempDrift;
     if (adcOverflow_.exchange(false)) status = lxADCOverflow;
-    if (dataLoss_.exchange(false)) status = lxUncalData;
+    if (dataLoss_.exchange(false) || lostSpectra) status = lxUncalData;
     if (framing_.exchange(false)) status = lxFramingErr;
     if (const LxStatus l = link.LinkStatus(); l != lxNoError) status = l;
     return status;

@@ -23,9 +23,11 @@
 //       window's samples only (the zero padding stays zero), the FFT (a plan
 //       made at configure), then |X|^2 and the density row of every kept bin in
 //       one pass into the spectrum ring. When the ring is full (the
-//       accumulator a whole ring behind) the spectrum is not computed and is
-//       counted (LostSpectra()), rather than overwriting unread spectra
-//       without a trace; it enters no frame.
+//       accumulator a whole ring behind) it waits while the sample ring can
+//       still take two more blocks; beyond that the spectrum is not computed
+//       and is counted (LostSpectra()), rather than overwriting unread
+//       spectra without a trace: it enters no frame, and the next frame read
+//       reports lxUncalData.
 //   "LX Real Time Accum Thread" (above normal): holds the mutex of the frame
 //       slot it fills; per spectrum: min/max (or sum) of the power, and one
 //       count per bin in the slot's count frame (column-major, 256 rows per
@@ -110,6 +112,11 @@ public:
     // Spectra computed since the start (lost ones included).
     int64_t SpectraProduced() const { return produced_.load() + lostSpectra_.load(); }
     int64_t SamplesReceived() const { return received_.load(); }
+    // Device time (122.88 MHz ticks) at which the stream's first sample was
+    // at the antenna; -1 before the first block. Sample i of the stream, and
+    // spectrum j's window (samples j N/2 + zeroPad/2 onward), follow at 2
+    // ticks per sample.
+    int64_t StreamStartTick() const { return firstTick_.load(); }
     // CPU time the FFT and accumulator threads have used (up to their last
     // wake-up), for the benchmarks.
     double ProcessingCpuSeconds() const { return 1e-9 * double(fftCpuNs_.load() + accumCpuNs_.load()); }
@@ -143,6 +150,7 @@ private:
     std::atomic<int64_t> released_{0};   // samples the FFT thread no longer needs
     std::atomic<int64_t> received_{0};
     std::atomic<int64_t> ringWaits_{0};
+    std::atomic<int64_t> firstTick_{-1};
     std::atomic<int64_t> fftCpuNs_{0}, accumCpuNs_{0};
     Event fftWake_{Event::Mode::AutoReset};
 
@@ -168,6 +176,7 @@ private:
 
     // Status: bits of every packet, the full intake of one in twelve.
     std::atomic<bool> adcOverflow_{false}, dataLoss_{false}, framing_{false}, usbFailed_{false};
+    std::atomic<bool> lostSinceRead_{false};
     std::atomic<bool> usbDone_{false}, fftDone_{false}; // finished, on stop: the next one drains
     std::mutex statusMutex_;
     std::vector<uint8_t> statusQueue_;   // kRtStatusQueue records
