@@ -8,8 +8,8 @@
  * Devices are addressed by a handle 0..8 returned by the open functions.
  * Setters only store; settings reach the instrument at lxConfigure.
  *
- * Usable from C (C11) and C++. The service functions for calibration records
- * (lxCal*, kdCalDoesCorrectionsExist) use C++ linkage and are declared in the
+ * Usable from C (C11) and C++. The service functions (lxCal*, lxAdmin*,
+ * lxBoot*, kdCalDoesCorrectionsExist) use C++ linkage and are declared in the
  * C++-only section at the end of this header.
  */
 #ifndef LX_API_H
@@ -265,7 +265,7 @@ LX_API LxStatus lxGetSweepParameters(int32_t handle, double* actualRbw, double* 
  * lxSweepAlreadyActiveErr, lxFramingErr, lxConnectionLostErr. */
 LX_API LxStatus lxGetSweep(int32_t handle, float* minTrace, float* maxTrace, uint64_t* timestamp);
 
-/* ==== Real-time spectrum (mode 2) ==========================================
+/* ==== Real-time spectrum (mode 2) ===================================
  * One 61.44 MHz capture around the centre is transformed without gaps (50 %
  * overlapping FFTs of every sample) and folded into frames of 1/30 s: a min
  * and a max trace (or, with the average detector, the mean, in both), a
@@ -318,6 +318,56 @@ LX_API LxStatus lxGetRealTimeParameters(int32_t handle, double* actualRbw, int32
  * timestamp are then set to 0). */
 LX_API LxStatus lxGetRealTimeFrame(int32_t handle, float* frame, float* alphaFrame, float* minTrace,
                                    float* maxTrace, int32_t* frameCount, uint64_t* timestamp);
+=======
+/* ==== I/Q sweep list (mode 4) =============================================
+ * A list of 1..1000 steps, each a block of I/Q samples at 61.44 MS/s centred
+ * on the step's frequency: one pass of the list per request, up to 16
+ * requests (slots 0..15) in flight, each into a buffer of its own.
+ * The list is empty after open; lxConfigure(handle, lxModeIQSweepList) with
+ * an empty list returns lxInvalidConfigurationErr. Per-step setters take the
+ * step index first: an index below 0 or not below the step count returns
+ * lxInvalidParameterErr. See docs/iq_sweep_list.md. */
+
+/* 0 complex float (default): calibrated, |x|^2 is the power in mW (dBm after
+ * 10 log10); 1 complex int16: full scale 32768, never scaled (multiply by the
+ * step's lxIQSweepListGetCorrections factor and divide by 32768). */
+LX_API LxStatus lxSetIQSweepListDataType(int32_t handle, int32_t dataType);
+/* 1 (default) applies each step's calibration scale to float output; 0
+ * delivers float samples in full-scale units (1.0 = ADC full scale). */
+LX_API LxStatus lxSetIQSweepListCorrected(int32_t handle, int32_t corrected);
+/* 1..1000. Shrinking drops the last steps; new steps take frequency 1 GHz,
+ * reference level -20 dBm, automatic attenuation, 1000000 samples. */
+LX_API LxStatus lxSetIQSweepListSteps(int32_t handle, int32_t steps);
+LX_API LxStatus lxGetIQSweepListSteps(int32_t handle, int32_t* steps);
+/* 9 kHz .. 15 GHz; the step's samples are centred on it. */
+LX_API LxStatus lxSetIQSweepListFreq(int32_t handle, int32_t step, double hz);
+/* -100 .. 20 dBm; also switches the step back to automatic attenuation, so
+ * set the reference level first and a fixed attenuation after it. */
+LX_API LxStatus lxSetIQSweepListRef(int32_t handle, int32_t step, double dbm);
+/* -1 automatic, 0..6 steps of 5 dB (values beyond are clamped). */
+LX_API LxStatus lxSetIQSweepListAtten(int32_t handle, int32_t step, int32_t atten);
+/* Samples of the step (the device delivers them in packets of 2048). */
+LX_API LxStatus lxSetIQSweepListSampleCount(int32_t handle, int32_t step, uint32_t samples);
+
+/* Results; all return lxInvalidConfigurationErr unless mode 4 runs.
+ * Each step's linear amplitude factor, one float per step. */
+LX_API LxStatus lxIQSweepListGetCorrections(int32_t handle, float* corrections);
+/* Queues one pass into `destination`: the steps one after the other, each
+ * its sample count of complex values (8 bytes each for float, 4 for int16).
+ * `timestamps` (may be null): one per step, ns since 1970 of the step's first
+ * sample. The buffers belong to the library until the slot's finish returns.
+ * lxInvalidParameterErr for a slot outside 0..15, lxNullPtrErr for a null
+ * destination, lxSweepAlreadyActiveErr while the slot is active. */
+LX_API LxStatus lxIQSweepListStartSweep(int32_t handle, int32_t slot, void* destination,
+                                        uint64_t* timestamps);
+/* Waits for the slot's pass; requests complete in the order they started.
+ * Returns the link status after a failed transfer, lxFramingErr, lxUncalData
+ * (samples lost), lxADCOverflow, lxTempDrift, else 0; lxSweepAlreadyActiveErr
+ * for a slot that was not started. */
+LX_API LxStatus lxIQSweepListFinishSweep(int32_t handle, int32_t slot);
+/* Start in slot 0 and finish it; lxSweepAlreadyActiveErr while any slot is
+ * active. */
+LX_API LxStatus lxIQSweepListGetSweep(int32_t handle, void* destination, uint64_t* timestamps);
 
 /* ==== Power, identity, diagnostics ========================================
  * Calls marked "guarded" return lxInvalidConfigurationErr while a streaming
@@ -449,6 +499,84 @@ LX_API LxStatus lxAdminDeviceHasCorrections(int32_t handle, bool* has);
  * sends it at once, corrected for the present temperature; guarded. */
 LX_API LxStatus lxAdminGetCoarseTuneVal(int32_t handle, uint16_t* value);
 LX_API LxStatus lxAdminSetCoarseTuneVal(int32_t handle, uint16_t value);
+
+/* ---- C++-only flash and boot programming ------------------------------
+ * One analyzer at a time, held in a process-wide boot slot apart from the
+ * handles above; the boot handle is always 0. Unless said otherwise every
+ * call checks, in this order: no analyzer in the boot slot
+ * (lxDeviceNotFoundErr), handle not 0 (lxInvalidDeviceErr), null pointers
+ * (lxNullPtrErr). Calls run one at a time (a second thread's call waits).
+ * Flash is addressed in 1024-byte pages; erases take 256-page sectors.
+ * Regions: boot image page 0 (one sector), FPGA program page 1024 (eight
+ * sectors), calibration record page 4096 (eight sectors), run image page
+ * 49152 (one sector). Writes program erased flash: clear a region first.
+ * Progress outputs go from 0 to 1 and are stored while the call runs, so
+ * another thread may poll them (with an atomic load). Writes verify what
+ * they programmed by reading it back; docs/flash.md describes how to
+ * recover from a failed write. Image files are in the chip maker's boot
+ * format; see docs/flash.md. Each sector erased for the FPGA program and
+ * each page written or block verified is reported on the library's debug
+ * output ("Erasing Page %d", "Writing Page %d", "Verifying Page %d"), which
+ * is silent unless a sink is installed. */
+
+/* Downloads the boot image file at path into the RAM of the first analyzer
+ * still in the chip's own ROM loader, which checks its checksum and starts
+ * it as a boot loader, then binds the first analyzer found (vendor 0x5A3C,
+ * product 0x000C, a valid serial) to the boot slot. Slot taken:
+ * lxMaxDevicesConnectedErr; null handle or path: lxNullPtrErr; unreadable,
+ * empty or larger than 256 KiB file: lxFileIOErr; no analyzer came up:
+ * lxDeviceNotFoundErr. */
+LX_API LxStatus lxBootStrap(int32_t* handle, const char* path);
+/* Sends every analyzer running its run firmware to its boot loader, then
+ * binds the first one found in its boot loader. Null: lxNullPtrErr; slot
+ * taken: lxMaxDevicesConnectedErr; none: lxDeviceNotFoundErr. */
+LX_API LxStatus lxBootOpenDevice(int32_t* handle);
+/* The same for the analyzer with this serial. */
+LX_API LxStatus lxBootOpenDeviceBySerial(int32_t* handle, int32_t serial);
+/* Restarts the analyzer (it comes back in its boot loader when its boot
+ * image is whole) and empties the slot. No analyzer in the slot, or handle
+ * not 0: lxInvalidDeviceErr. */
+LX_API LxStatus lxBootCloseDevice(int32_t handle);
+/* Serial of the analyzer in the slot. Checks the handle before the slot. */
+LX_API LxStatus lxBootGetSerial(int32_t handle, int32_t* serial);
+/* Reads 32 pages (32768 bytes) from page on. Page above 65535:
+ * lxInvalidParameterErr; a failed read: lxFlashTransferErr. */
+LX_API LxStatus lxBootReadFlashPage(int32_t handle, uint32_t page, uint8_t* buffer);
+/* Programs one page from 1024 bytes (no read-back). lxFlashTransferErr when
+ * the analyzer did not take it. */
+LX_API LxStatus lxBootWriteFlashPage(int32_t handle, uint32_t page, const uint8_t* data);
+/* Erases the sector holding page. Reports lxNoError even when the transfer
+ * failed (kept so for existing callers); the sector calls below do not. */
+LX_API LxStatus lxBootClearFlashPage(int32_t handle, uint32_t page);
+/* Erase the boot image or the run image sector; lxFlashTransferErr. */
+LX_API LxStatus lxBootClearBootSector(int32_t handle);
+LX_API LxStatus lxBootClearRunSector(int32_t handle);
+/* Erase the eight sectors of the FPGA program or of the calibration record;
+ * progress is 0.125 * k after erase k (it ends at 0.875). The FPGA erase
+ * prints "Erasing Page %d" per sector to the debug output. */
+LX_API LxStatus lxBootClearFPGAProgram(int32_t handle, double* progress);
+LX_API LxStatus lxBootClearCorrections(int32_t handle, double* progress);
+/* Programs an FPGA program file (at most 2 MiB) at page 1024 and verifies it.
+ * Unreadable, empty or too large file: lxFileIOErr; programming or verify
+ * failure: lxFlashTransferErr. */
+LX_API LxStatus lxBootWriteFPGAProgram(int32_t handle, const char* path, double* progress);
+/* Programs a calibration record at page 4096 and verifies it; a programming
+ * or verify failure is reported as lxFileIOErr. A verified record also
+ * replaces the analyzer's calibration cache file. */
+LX_API LxStatus lxBootWriteCorrections(int32_t handle, const LX530CalData* cal, double* progress);
+/* Programs a run image file (at most 256 KiB) with the serial put in its
+ * placeholder (serial < 1: the serial of the analyzer in the slot) and
+ * verifies it. An image whose checksum is wrong or that has no placeholder
+ * is programmed as it is: check it first (docs/flash.md). Unreadable, empty
+ * or too large file: lxFileIOErr; programming or verify failure:
+ * lxFlashTransferErr. */
+LX_API LxStatus lxBootWriteRunSector(int32_t handle, const char* path, int32_t serial);
+/* Programs a boot image file with the serial put in its placeholder (no
+ * default serial here) and its "FW Ver" version copied into the last two
+ * bytes of the sector, and verifies it. A file without "FW Ver", an
+ * unreadable, empty or too large file, and a programming or verify failure:
+ * lxFileIOErr. */
+LX_API LxStatus lxBootWriteBootSector(int32_t handle, const char* path, int32_t serial);
 
 /* ---- end of C++-only section ------------------------------------------- */
 #endif /* __cplusplus */

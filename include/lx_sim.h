@@ -27,6 +27,13 @@ extern "C" {
  * changed. */
 LX_API LxStatus lxSimAttach(int32_t serial, const char* sceneJson);
 
+/* Plugs in an LX530 whose boot sector is blank: it starts in the chip's own
+ * ROM loader (vendor 0x04B4, product 0x00F3, no serial string), which takes
+ * a boot image into RAM (lxBootStrap). `serial` names the device for the
+ * lx_sim.h calls and is the serial of the images in the rest of its flash.
+ * Errors as lxSimAttach. */
+LX_API LxStatus lxSimAttachRomLoader(int32_t serial, const char* sceneJson);
+
 /* Unplugs it: transfers under way fail as on a real unplug. Unknown serial:
  * lxDeviceNotFoundErr. */
 LX_API LxStatus lxSimDetach(int32_t serial);
@@ -60,7 +67,18 @@ typedef enum LxSimFault {
     lxSimFaultShortTransfer = 2,  /* a bulk IN transfer completes 8 bytes short */
     lxSimFaultBadMagic = 3,       /* an aux packet carries a wrong magic word */
     lxSimFaultNoAnswer = 4,       /* transfer requests are not answered at all */
-    lxSimFaultStayBusy = 5        /* the boot loader reports busy on every poll */
+    lxSimFaultStayBusy = 5,       /* the boot loader reports busy on every poll */
+    /* Flash faults of the boot loader. A failed program or erase leaves the
+     * page or sector as it was and fails the OUT transfer that carried the
+     * command; a stalled OUT transfer is never taken (the host times out); a
+     * bit flip programs a page with one bit left unprogrammed and reports
+     * nothing; a power loss programs half of the page, drops the device off
+     * the bus and brings it back 5000 ms later, starting from its flash. */
+    lxSimFaultFlashProgram = 10,  /* a flash page write */
+    lxSimFaultFlashErase = 11,    /* a flash sector erase */
+    lxSimFaultOutStall = 12,      /* a bulk OUT transfer */
+    lxSimFaultFlashBitFlip = 13,  /* a flash page write holding a programmed bit */
+    lxSimFaultPowerLoss = 14      /* a flash page write */
 } LxSimFault;
 LX_API LxStatus lxSimInjectFault(int32_t serial, int32_t fault, int32_t count);
 
@@ -83,7 +101,9 @@ typedef struct LxSimCounters {
 LX_API LxStatus lxSimGetCounters(int32_t serial, LxSimCounters* counters);
 LX_API LxStatus lxSimResetCounters(int32_t serial);
 
-/* Personality of an attached device: 1 run firmware, 0 boot loader. */
+/* Personality of an attached device: 1 run firmware, 0 boot loader, 2 the
+ * chip's ROM loader. Devices are named by the serial they were attached with,
+ * whatever serial the firmware they run reports. */
 LX_API LxStatus lxSimGetPersonality(int32_t serial, int32_t* runFirmware);
 
 /* Virtual time, in milliseconds, elapsed since the process started: the

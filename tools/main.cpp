@@ -1,9 +1,11 @@
 // lx530: the command-line face of lx_api.
 //
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] list
+//   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] list FREQ... | --csv FILE [options]
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] info [--serial N]
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] sweep [options]
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] rt [options]
+//   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] flash ACTION [options]
 //
 // The global options may also follow the subcommand. Exit codes: 0 done,
 // 1 the library or an analyzer refused, 2 the command line is wrong.
@@ -18,6 +20,8 @@
 
 #include "cli_support.h"
 #include "commands.h"
+#include "flash.h"
+#include "iq_list.h"
 #include "lx_api.h"
 #include "realtime.h"
 #include "sweep.h"
@@ -63,8 +67,10 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(10000000, 99999999));
     app.add_flag("--json", json, "Print a JSON document instead of text");
 
-    auto* list = app.add_subcommand("list", "List the attached analyzers: serial and personality");
-    list->footer(kGlobalFooter);
+    auto* list = app.add_subcommand(
+        "list", "List the attached analyzers; with frequencies, capture I/Q at each of them (an I/Q sweep list)");
+    IqListOptions iqListOptions;
+    AddIqListOptions(*list, iqListOptions);
     auto* info = app.add_subcommand(
         "info", "Open an analyzer (the first, or --serial) and print its identity, housekeeping and GPS state");
     std::optional<int32_t> serial;
@@ -74,6 +80,8 @@ int main(int argc, char** argv) {
     auto* sweep = AddSweepCommand(app, sweepOptions);
     RealTimeOptions rtOptions;
     auto* rt = AddRealTimeCommand(app, rtOptions);
+    FlashOptions flashOptions;
+    auto* flash = AddFlashCommand(app, flashOptions);
 
     // Leftovers are reported here rather than by the parser, so that a
     // mistyped subcommand is named as one.
@@ -93,20 +101,24 @@ int main(int argc, char** argv) {
     }
 
     const auto extras = app.remaining();
-    const bool haveSubcommand = list->parsed() || info->parsed() || sweep->parsed() || rt->parsed();
+    const bool haveSubcommand =
+        list->parsed() || info->parsed() || sweep->parsed() || flash->parsed() || rt->parsed();
     if (!extras.empty()) {
         if (!haveSubcommand && extras.front().rfind('-', 0) != 0)
-            return UsageError("unknown subcommand '" + extras.front() + "' (try 'list', 'info', 'sweep' or 'rt')");
+            return UsageError("unknown subcommand '" + extras.front() + "' (try 'list', 'info', 'sweep', 'rt' or 'flash')");
         return UsageError("unexpected argument '" + extras.front() + "'");
     }
-    if (!haveSubcommand) return UsageError("a subcommand is required: 'list', 'info', 'sweep' or 'rt'");
+    if (!haveSubcommand) return UsageError("a subcommand is required: 'list', 'info', 'sweep', 'rt' or 'flash'");
+    if (list->parsed() && !iqListOptions.Requested() && iqListOptions.AnyGiven(*list))
+        return UsageError("list: the sweep-list options need frequencies or --csv");
     if (sim->count() > 0 && !scene.empty()) sceneFile = scene;
     // `sweep --scene FILE` is --sim=FILE spelt the way a measurement reads.
-    const std::optional<std::string>& sceneGiven = rt->parsed() ? rtOptions.scene : sweepOptions.scene;
-    const bool sceneOption = (sweep->parsed() || rt->parsed()) && sceneGiven.has_value();
+    const bool sceneOption = (sweep->parsed() && sweepOptions.scene.has_value()) ||
+                             (list->parsed() && iqListOptions.scene.has_value()) ||
+                             (rt->parsed() && rtOptions.scene.has_value());
     if (sceneOption) {
         if (sim->count() > 0) return UsageError("give the scene either as --sim=FILE or as --scene FILE");
-        sceneFile = sceneGiven;
+        sceneFile = sweep->parsed() ? sweepOptions.scene : rt->parsed() ? rtOptions.scene : iqListOptions.scene;
     }
     const bool simulate = sim->count() > 0 || sceneOption;
     if (app.get_option("--sim-serial")->count() > 0 && !simulate)
@@ -117,12 +129,16 @@ int main(int argc, char** argv) {
         // Declared first, so unplugged only after the analyzer was closed.
         std::optional<SimulatedAnalyzer> simulated;
         if (simulate) simulated.emplace(simSerial, sceneFile);
-        if (list->parsed())
+        if (list->parsed() && iqListOptions.Requested())
+            code = RunIqList(iqListOptions, json);
+        else if (list->parsed())
             code = RunList(json);
         else if (info->parsed())
             code = RunInfo(serial, json);
         else if (rt->parsed())
             code = RunRealTime(rtOptions, json);
+        else if (flash->parsed())
+            code = RunFlash(flashOptions, json);
         else
             code = RunSweep(sweepOptions, json);
     } catch (const Failure& f) {

@@ -94,11 +94,12 @@ struct IqResults {
     double bandwidth = 4e7;
 };
 
+// One step of the I/Q sweep list, with the defaults a new step takes.
 struct IqSweepListStep {
-    double frequency = 0;
+    double frequency = 1e9;
     double refLevel = -20.0;
-    int32_t attenuator = -1;
-    int32_t sampleCount = 0;
+    int32_t attenuator = -1; // -1: from the reference level
+    uint32_t sampleCount = 1000000;
 };
 
 struct IqSweepListSettings {

@@ -125,7 +125,12 @@ TuningPlan PlanFromRow(int step, double loHz, double requestedHz) {
     p.requestedHz = requestedHz;
     p.resolutionHz = LoResolutionHz(loHz, p.band);
     p.mirrored = p.band == 0;
+    // A cell's D and E refer to the row that holds the cell's middle: a
+    // centre near a row edge takes the neighbouring cell inside its own row.
     p.fineCell = FineCell(p.captureCentreHz);
+    const double middle = (p.fineCell + 0.5) * kFineCellHz;
+    if (middle < row.lowHz && row.highHz - row.lowHz > kFineCellHz) ++p.fineCell;
+    if (middle >= row.highHz && row.highHz - row.lowHz > kFineCellHz) --p.fineCell;
     return p;
 }
 

@@ -92,7 +92,7 @@ struct TuningPlan {
     double requestedHz = 0;    // the centre asked for (the row centre for PlanStep)
     double resolutionHz = 0;   // LO (and C) spacing at this tuning
     bool mirrored = false;     // band 0: RF F at baseband C - F
-    int fineCell = 0;          // j for CalResponseAt / BuildStepCorrection: FineCell(C)
+    int fineCell = 0;          // j for CalResponseAt / BuildStepCorrection: FineCell(C), or its neighbour inside the row
 };
 
 // The plan of step row `step` (clamped to 1..489): LO = the row's tuning,

@@ -183,10 +183,57 @@ void ProgramFactoryFlash(NorFlash& flash, const std::string& serial, Calibration
     program(kRunImagePage, BuildFirmwareImage(false, serial));
 }
 
-bool RunImagePresent(const NorFlash& flash) {
-    uint8_t head[2];
-    flash.Read(kRunImagePage, head);
-    return head[0] == 'C' && head[1] == 'Y';
+std::string FirmwareSerial(std::span<const uint8_t> data, const std::string& product) {
+    std::vector<uint8_t> want{static_cast<uint8_t>(2 + 2 * product.size()), 3};
+    for (char c : product) {
+        want.push_back(static_cast<uint8_t>(c));
+        want.push_back(0);
+    }
+    const auto it = std::search(data.begin(), data.end(), want.begin(), want.end());
+    if (it == data.end()) return {};
+    const size_t d = static_cast<size_t>(it - data.begin()) + want.size();
+    if (d + 2 > data.size() || data[d + 1] != 3 || data[d] < 2 || d + data[d] > data.size()) return {};
+    std::string serial;
+    for (size_t k = d + 2; k + 1 < d + data[d]; k += 2) serial.push_back(static_cast<char>(data[k]));
+    return serial;
+}
+
+FirmwareInfo InspectFirmware(std::span<const uint8_t> image, const std::string& product) {
+    FirmwareInfo info;
+    if (image.size() < 4 || image[0] != 'C' || image[1] != 'Y') return info;
+    // Sections of [length in words, load address, data]; length 0 ends them.
+    std::vector<uint8_t> data;
+    uint32_t sum = 0;
+    size_t at = 4;
+    for (;;) {
+        if (at + 8 > image.size()) return info;
+        const uint32_t words = LoadLE<uint32_t>(image.data() + at);
+        at += 8;
+        if (words == 0) break;
+        if (words > (image.size() - at) / 4) return info;
+        for (uint32_t k = 0; k < words; ++k) sum += LoadLE<uint32_t>(image.data() + at + 4 * k);
+        data.insert(data.end(), image.begin() + static_cast<std::ptrdiff_t>(at),
+                    image.begin() + static_cast<std::ptrdiff_t>(at + 4 * size_t{words}));
+        at += 4 * size_t{words};
+    }
+    if (at + 4 > image.size() || LoadLE<uint32_t>(image.data() + at) != sum) return info;
+    info.valid = true;
+    info.serial = FirmwareSerial(data, product);
+    return info;
+}
+
+FirmwareInfo InspectFlashImage(const NorFlash& flash, uint32_t page, const std::string& product) {
+    std::vector<uint8_t> sector(size_t{NorFlash::kSectorPages} * NorFlash::kPageBytes);
+    flash.Read(page, sector);
+    return InspectFirmware(sector, product);
+}
+
+int32_t FlashFirmwareVersion(const NorFlash& flash) {
+    uint8_t last[NorFlash::kPageBytes];
+    flash.Read(kBootImagePage + NorFlash::kSectorPages - 1, last);
+    const uint8_t hi = last[NorFlash::kPageBytes - 2], lo = last[NorFlash::kPageBytes - 1];
+    if (hi == 0xFF && lo == 0xFF) return -1;
+    return hi << 8 | lo;
 }
 
 } // namespace lx::sim

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -44,7 +45,23 @@ void ProgramFactoryFlash(NorFlash& flash, const std::string& serial, Calibration
 // Rewrites only the calibration record's eight sectors.
 void ProgramCalibration(NorFlash& flash, CalibrationContent cal);
 
-// Whether the run image sector holds something the boot loader will start.
-bool RunImagePresent(const NorFlash& flash);
+// What the loaders find in an image in the boot format: whether it is whole
+// (its sections fit and the checksum word after the entry section is the sum
+// of their data words), and the serial string the firmware will enumerate
+// with: the string descriptor right after the product string descriptor
+// (`product`, UTF-16LE). No such descriptor: an empty serial.
+struct FirmwareInfo {
+    bool valid = false;
+    std::string serial;
+};
+// The serial string descriptor that follows the product's in `data`, or "".
+std::string FirmwareSerial(std::span<const uint8_t> data, const std::string& product);
+FirmwareInfo InspectFirmware(std::span<const uint8_t> image, const std::string& product);
+// The image held by the 256 KiB sector from `page` on.
+FirmwareInfo InspectFlashImage(const NorFlash& flash, uint32_t page, const std::string& product);
+
+// The firmware version the host stored in the last two bytes of the boot
+// sector (major, minor), or -1 when they are blank.
+int32_t FlashFirmwareVersion(const NorFlash& flash);
 
 } // namespace lx::sim

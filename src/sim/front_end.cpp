@@ -40,7 +40,7 @@ constexpr double kFlatnessTiltDbPerGHzPerC = 0.002;
 
 // IF ripple: one slow cosine across the capture whose depth grows with
 // temperature, a per-path tilt, and a sine of phase.
-constexpr double kRippleDb = 0.55;
+constexpr double kRippleDb = 0.30;
 constexpr double kRipplePerC = 0.004;
 constexpr double kRipplePeriodHz = 44.0e6;
 constexpr double kRipplePhase = 0.6;

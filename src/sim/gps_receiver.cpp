@@ -277,7 +277,9 @@ std::optional<int64_t> GpsReceiver::SampleOfUtc(int64_t utcSeconds, uint16_t tun
     const int64_t k = static_cast<int64_t>(clockPulse_) + (utcSeconds - gps_->utcSeconds);
     const double interval = static_cast<double>(kTicksPerSecond) * (1.0 + fe::ReferenceError(tuneWord, tempC));
     const double tick = nextPulse_ + static_cast<double>(k - static_cast<int64_t>(pulsesDone_) - 1) * interval;
-    return static_cast<int64_t>(std::ceil(tick / 2.0));
+    // The pulse is reported on its whole tick; the burst starts on the ADC
+    // sample at or after it.
+    return (static_cast<int64_t>(tick) + 1) / 2;
 }
 
 uint32_t GpsReceiver::StatusWord() const {

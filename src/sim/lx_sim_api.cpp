@@ -31,7 +31,8 @@ LxStatus WithDevice(int32_t serial, F&& f) {
     return f(*d);
 }
 
-LxStatus Attach(std::string product, std::string serial, const char* sceneJson, int32_t* id) {
+LxStatus Attach(std::string product, std::string serial, const char* sceneJson, int32_t* id,
+                bool romLoader = false) {
     auto scene = Parse(sceneJson);
     if (!scene) return lxInvalidParameterErr;
     Registry& r = TheRegistry();
@@ -47,7 +48,9 @@ LxStatus Attach(std::string product, std::string serial, const char* sceneJson, 
             if (d->SerialNumber() == number) return lxInvalidParameterErr;
     }
     const int32_t newId = r.nextId++;
-    r.devices.push_back(std::make_shared<SimDevice>(newId, std::move(product), std::move(serial), std::move(scene)));
+    auto device = std::make_shared<SimDevice>(newId, std::move(product), std::move(serial), std::move(scene));
+    if (romLoader) device->StartInRomLoader();
+    r.devices.push_back(std::move(device));
     if (id) *id = newId;
     return lxNoError;
 }
@@ -74,6 +77,13 @@ LX_API LxStatus lxSimAttach(int32_t serial, const char* sceneJson) {
     return GuardedStatus([&] {
         if (serial < kMinSerial || serial > kMaxSerial) return lxInvalidParameterErr;
         return Attach("LX530", std::to_string(serial), sceneJson, nullptr);
+    });
+}
+
+LX_API LxStatus lxSimAttachRomLoader(int32_t serial, const char* sceneJson) {
+    return GuardedStatus([&] {
+        if (serial < kMinSerial || serial > kMaxSerial) return lxInvalidParameterErr;
+        return Attach("LX530", std::to_string(serial), sceneJson, nullptr, true);
     });
 }
 
@@ -129,7 +139,9 @@ LX_API LxStatus lxSimDetachAll(void) {
 
 LX_API LxStatus lxSimInjectFault(int32_t serial, int32_t fault, int32_t count) {
     return GuardedStatus([&] {
-        if (fault < lxSimFaultNone || fault > lxSimFaultStayBusy) return lxInvalidParameterErr;
+        const bool known = (fault >= lxSimFaultNone && fault <= lxSimFaultStayBusy) ||
+                           (fault >= lxSimFaultFlashProgram && fault <= lxSimFaultPowerLoss);
+        if (!known) return lxInvalidParameterErr;
         return WithDevice(serial, [&](SimDevice& d) { return d.InjectFault(fault, count) ? lxNoError : lxInvalidParameterErr; });
     });
 }
@@ -157,7 +169,7 @@ LX_API LxStatus lxSimGetPersonality(int32_t serial, int32_t* runFirmware) {
     return GuardedStatus([&] {
         if (!runFirmware) return lxNullPtrErr;
         return WithDevice(serial, [&](SimDevice& d) {
-            *runFirmware = d.RunFirmware() ? 1 : 0;
+            *runFirmware = d.RunFirmware() ? 1 : d.RomLoader() ? 2 : 0;
             return lxNoError;
         });
     });

@@ -35,8 +35,9 @@ public:
     int ControlIn(uint8_t request, uint16_t, uint16_t, uint8_t* data, uint16_t length, uint32_t) override {
         return device_->ControlIn(generation_, request, data, length);
     }
-    int ControlOut(uint8_t request, uint16_t, uint16_t, const uint8_t* data, uint16_t length, uint32_t) override {
-        return device_->ControlOut(generation_, request, data, length);
+    int ControlOut(uint8_t request, uint16_t value, uint16_t index, const uint8_t* data, uint16_t length,
+                   uint32_t) override {
+        return device_->ControlOut(generation_, request, value, index, data, length);
     }
     std::unique_ptr<usb::BulkTransfer> BeginBulk(usb::Endpoint ep, uint8_t* buffer, uint32_t length) override {
         return device_->BeginBulk(generation_, ep, buffer, length);

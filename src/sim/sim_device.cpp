@@ -71,6 +71,7 @@ SimTransfer::~SimTransfer() {
 SimDevice::SimDevice(int32_t id, std::string product, std::string serial, std::shared_ptr<const Scene> scene)
     : id_(id), serial_(std::move(serial)), product_(std::move(product)), scene_(std::move(scene)) {
     runFirmware_ = product_ != "LX530 Boot";
+    usbSerial_ = serial_;
     presentAtMs_ = VirtualNowMs();
     virtualSeenMs_ = presentAtMs_;
     origin_ = idleMark_ = blockTime_ = Clock::now();
@@ -98,10 +99,10 @@ bool SimDevice::PresentNow(usb::DeviceIdentity* identity, uint64_t* generation) 
     std::lock_guard lk(mu_);
     if (!attached_ || VirtualNowMs() < presentAtMs_) return false;
     if (identity) {
-        identity->vendorId = usb::kVendorId;
-        identity->productId = usb::kProductId;
+        identity->vendorId = romLoader_ ? kRomVendorId : usb::kVendorId;
+        identity->productId = romLoader_ ? kRomProductId : usb::kProductId;
         identity->product = product_;
-        identity->serial = serial_;
+        identity->serial = usbSerial_;
     }
     if (generation) *generation = generation_;
     return true;
@@ -128,7 +129,8 @@ bool SimDevice::TakeFault(int32_t& fault) {
 int SimDevice::ControlIn(uint64_t generation, uint8_t request, uint8_t* data, uint16_t length) {
     std::lock_guard lk(mu_);
     if (!Alive(generation) || (data == nullptr && length > 0)) return -1;
-    if (request != kRequestBusyPoll) return -1; // the device stalls requests it does not know
+    // The device stalls requests it does not know; the ROM loader knows none of these.
+    if (request != kRequestBusyPoll || romLoader_) return -1;
     uint8_t reply[4] = {0, 0, 0, 0};
     const bool stayBusy = TakeFault(faultStayBusy_);
     reply[1] = (stayBusy || VirtualNowMs() < busyUntilMs_) ? 1 : 0;
@@ -138,15 +140,17 @@ int SimDevice::ControlIn(uint64_t generation, uint8_t request, uint8_t* data, ui
     return n;
 }
 
-int SimDevice::ControlOut(uint64_t generation, uint8_t request, const uint8_t* data, uint16_t length) {
+int SimDevice::ControlOut(uint64_t generation, uint8_t request, uint16_t value, uint16_t index, const uint8_t* data,
+                          uint16_t length) {
     std::lock_guard lk(mu_);
     if (!Alive(generation) || (data == nullptr && length > 0)) return -1;
+    if (romLoader_) return request == kRequestRamWrite ? RomRequest(value, index, data, length) : -1;
     switch (request) {
     case kRequestReboot:
-        // Both personalities restart into the boot loader; the request itself
+        // Both personalities restart from the boot sector; the request itself
         // completes before the device drops off the bus.
         ++counters_.vendorRequests;
-        Reenumerate(false);
+        BootFromFlash(kReenumerateMs);
         return 0;
     case kRequestFanSetPoint:
         if (!runFirmware_ || length < 2) return -1;
@@ -158,16 +162,56 @@ int SimDevice::ControlOut(uint64_t generation, uint8_t request, const uint8_t* d
     }
 }
 
-void SimDevice::Reenumerate(bool toRunFirmware) {
+int SimDevice::RomRequest(uint16_t /*address low: RAM fills in order*/, uint16_t index, const uint8_t* data, uint16_t length) {
+    ++counters_.vendorRequests;
+    if (index == 0xFFFF && length == 4) {
+        // The jump: only an image whose words add up to its checksum runs.
+        const bool whole = !ram_.empty() && LoadLE<uint32_t>(data) == ramSum_;
+        std::vector<uint8_t> ram = std::move(ram_);
+        ram_.clear();
+        ramSum_ = 0;
+        if (!whole) return -1;
+        flashVersion_ = FlashFirmwareVersion(flash_);
+        Reenumerate(Mode::Loader, FirmwareSerial(ram, "LX530 Boot"));
+        return 4;
+    }
+    for (uint16_t k = 0; k + 4 <= length; k += 4) ramSum_ += LoadLE<uint32_t>(data + k);
+    ram_.insert(ram_.end(), data, data + length / 4 * 4);
+    return length;
+}
+
+void SimDevice::BootFromFlash(uint64_t absentMs) {
+    const FirmwareInfo boot = InspectFlashImage(flash_, kBootImagePage, "LX530 Boot");
+    flashVersion_ = FlashFirmwareVersion(flash_);
+    if (boot.valid)
+        Reenumerate(Mode::Loader, boot.serial, absentMs);
+    else
+        Reenumerate(Mode::Rom, "", absentMs);
+}
+
+void SimDevice::StartInRomLoader() {
+    std::lock_guard lk(mu_);
+    flash_.EraseSector(kBootImagePage);
+    romLoader_ = true;
+    runFirmware_ = false;
+    product_ = kRomProduct;
+    usbSerial_.clear();
+}
+
+void SimDevice::Reenumerate(Mode mode, std::string usbSerial, uint64_t absentMs) {
     // The tick counter and the GPS receiver run on through the restart.
     const auto now = Clock::now();
     SyncTime(now);
     RunGps();
     ++generation_;
     ++counters_.reenumerations;
-    runFirmware_ = toRunFirmware;
-    product_ = toRunFirmware ? "LX530" : "LX530 Boot";
-    presentAtMs_ = VirtualNowMs() + kReenumerateMs;
+    runFirmware_ = mode == Mode::Run;
+    romLoader_ = mode == Mode::Rom;
+    product_ = mode == Mode::Run ? "LX530" : mode == Mode::Loader ? "LX530 Boot" : kRomProduct;
+    usbSerial_ = std::move(usbSerial);
+    ram_.clear();
+    ramSum_ = 0;
+    presentAtMs_ = VirtualNowMs() + absentMs;
     busyUntilMs_ = std::max(busyUntilMs_, presentAtMs_ + kBootBusyMs);
     FailPending();
     items_.clear();
@@ -218,16 +262,26 @@ std::unique_ptr<usb::BulkTransfer> SimDevice::BeginBulk(uint64_t generation, usb
     t->buffer_ = buffer;
     t->length_ = length;
     std::lock_guard lk(mu_);
-    if (!Alive(generation) || (buffer == nullptr && length > 0)) {
+    if (!Alive(generation) || romLoader_ || (buffer == nullptr && length > 0)) {
         t->state_ = SimTransfer::State::Failed;
         return t;
     }
     if (ep == usb::Endpoint::BulkOut) {
-        // The device takes a command block as soon as it arrives.
+        if (TakeFault(faultOutStall_)) {
+            t->stalled_ = true; // never taken: the host times out and aborts it
+            return t;
+        }
+        // The device takes a command block as soon as it arrives. The boot
+        // loader fails the transfer of a block whose flash operation failed.
+        outFailed_ = false;
         ExecuteBlock(buffer, length);
-        t->actual_ = length;
-        t->state_ = SimTransfer::State::Done;
-        ++counters_.outTransfers;
+        if (outFailed_) {
+            t->state_ = SimTransfer::State::Failed;
+        } else {
+            t->actual_ = length;
+            t->state_ = SimTransfer::State::Done;
+            ++counters_.outTransfers;
+        }
         cv_.notify_all();
         return t;
     }
@@ -240,6 +294,7 @@ std::unique_ptr<usb::BulkTransfer> SimDevice::BeginBulk(uint64_t generation, usb
 usb::WaitResult SimDevice::WaitBulk(SimTransfer& t, uint32_t timeoutMs) {
     std::unique_lock lk(mu_);
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    if (t.ep_ == usb::Endpoint::BulkOut && t.stalled_) return usb::WaitResult::TimedOut;
     for (;;) {
         if (t.state_ == SimTransfer::State::Done) return usb::WaitResult::Completed;
         if (t.state_ == SimTransfer::State::Failed) return usb::WaitResult::Failed;
@@ -369,8 +424,12 @@ void SimDevice::RenderItem(OutItem& it, uint8_t* dst) {
         const bool bad = TakeFault(faultBadMagic_);
         AuxWrite<uint32_t>(dst, kAuxMagicOffset, bad ? ~kAuxMagic : kAuxMagic);
         AuxWrite<uint32_t>(dst, kAuxFirmwareRevisionOffset, scene.firmware[2]);
-        AuxWrite<uint16_t>(dst, kAuxFirmwareMinorOffset, static_cast<uint16_t>(scene.firmware[1]));
-        AuxWrite<uint16_t>(dst, kAuxFirmwareMajorOffset, static_cast<uint16_t>(scene.firmware[0]));
+        // A version stored with the boot image wins over the scene's.
+        const bool stored = flashVersion_ >= 0;
+        AuxWrite<uint16_t>(dst, kAuxFirmwareMinorOffset,
+                           static_cast<uint16_t>(stored ? flashVersion_ & 0xFF : scene.firmware[1]));
+        AuxWrite<uint16_t>(dst, kAuxFirmwareMajorOffset,
+                           static_cast<uint16_t>(stored ? flashVersion_ >> 8 : scene.firmware[0]));
         // Behind a block of B samples at decimation D1 the counter K places
         // the block's first sample at antenna tick K - 2 D1 B + L(D1)
         // (lx_command/status_packet.h); alone, it is the device's tick.
@@ -439,12 +498,19 @@ bool SimDevice::ExecuteBootWord(const uint32_t* words, size_t count, size_t& i) 
     const uint32_t page = w & 0xFFFF;
     switch (w >> 16) {
     case 0xFFFA:
-        if (w == 0xFFFA0003 && RunImagePresent(flash_)) {
-            Reenumerate(true);
+        if (w == 0xFFFA0003) {
+            // A run image that is not whole does not start: the loader stays.
+            const FirmwareInfo run = InspectFlashImage(flash_, kRunImagePage, "LX530");
+            if (!run.valid) return true;
+            Reenumerate(Mode::Run, run.serial);
             return false;
         }
-        return true; // nothing to start: the loader stays
+        return true;
     case 0xFFFC:
+        if (TakeFault(faultErase_)) {
+            outFailed_ = true; // the chip reports the failure; the sector is as it was
+            return false;
+        }
         flash_.EraseSector(page);
         ++counters_.flashPageErases;
         busyUntilMs_ = std::max(busyUntilMs_, VirtualNowMs()) + kEraseBusyMs;
@@ -468,6 +534,25 @@ bool SimDevice::ExecuteBootWord(const uint32_t* words, size_t count, size_t& i) 
         uint8_t data[NorFlash::kPageBytes];
         std::memset(data, 0xFF, sizeof data);
         for (size_t k = 0; k < 256 && i + 1 < count; ++k) StoreLE<uint32_t>(data + 4 * k, words[++i]);
+        if (TakeFault(faultProgram_)) {
+            outFailed_ = true; // the chip reports the failure; the page is as it was
+            return false;
+        }
+        if (TakeFault(faultPowerLoss_)) {
+            // The supply fails half way through the page: what was programmed
+            // stays, the rest of the page and of the sector does not come.
+            flash_.Program(page, {data, NorFlash::kPageBytes / 2});
+            outFailed_ = true;
+            BootFromFlash(kPowerOffMs);
+            return false;
+        }
+        const auto zero = std::find_if(std::begin(data), std::end(data), [](uint8_t b) { return b != 0xFF; });
+        if (zero != std::end(data) && TakeFault(faultBitFlip_)) {
+            // A weak cell: one bit that should be programmed stays set, and
+            // nothing tells the host but reading the page back.
+            const unsigned cleared = ~*zero & 0xFFu;
+            *zero |= static_cast<uint8_t>(cleared & (~cleared + 1u)); // its lowest programmed bit
+        }
         flash_.Program(page, data);
         ++counters_.flashPageWrites;
         busyUntilMs_ = std::max(busyUntilMs_, VirtualNowMs()) + kWriteBusyMs;
@@ -782,7 +867,13 @@ bool SimDevice::InjectFault(int32_t fault, int32_t count) {
     switch (fault) {
     case lxSimFaultNone:
         faultStall_ = faultShort_ = faultBadMagic_ = faultNoAnswer_ = faultStayBusy_ = 0;
+        faultProgram_ = faultErase_ = faultOutStall_ = faultBitFlip_ = faultPowerLoss_ = 0;
         break;
+    case lxSimFaultFlashProgram: faultProgram_ = count; break;
+    case lxSimFaultFlashErase: faultErase_ = count; break;
+    case lxSimFaultOutStall: faultOutStall_ = count; break;
+    case lxSimFaultFlashBitFlip: faultBitFlip_ = count; break;
+    case lxSimFaultPowerLoss: faultPowerLoss_ = count; break;
     case lxSimFaultStall: faultStall_ = count; break;
     case lxSimFaultShortTransfer: faultShort_ = count; break;
     case lxSimFaultBadMagic: faultBadMagic_ = count; break;
@@ -807,6 +898,11 @@ void SimDevice::ResetCounters() {
 bool SimDevice::RunFirmware() {
     std::lock_guard lk(mu_);
     return runFirmware_;
+}
+
+bool SimDevice::RomLoader() {
+    std::lock_guard lk(mu_);
+    return romLoader_;
 }
 
 size_t SimDevice::CommandLog(uint32_t* words, size_t capacity) {

@@ -71,6 +71,16 @@ inline constexpr uint64_t kReenumerateMs = 1000; // absent from the bus after a 
 inline constexpr uint64_t kBootBusyMs = 200;     // busy after it is back
 inline constexpr uint64_t kEraseBusyMs = 400;    // one sector erase
 inline constexpr uint64_t kWriteBusyMs = 2;      // one page write
+inline constexpr uint64_t kPowerOffMs = 5000;    // a power loss: off the bus until power returns
+// The chip's own ROM loader, which runs when the boot sector holds no whole
+// image: the chip maker's IDs, no serial. Vendor request 0xA0 (OUT) writes
+// RAM at the address in value (low half) and index (high half); with 4 data
+// bytes and an index of 0xFFFF it is the jump: the data is the checksum of
+// the image, which the loader compares with the sum of the words it got.
+inline constexpr uint16_t kRomVendorId = 0x04B4;
+inline constexpr uint16_t kRomProductId = 0x00F3;
+inline constexpr const char* kRomProduct = "FX3 ROM Loader";
+inline constexpr uint8_t kRequestRamWrite = 0xA0;
 inline constexpr uint32_t kDmaBufferBytes = 32768;
 inline constexpr uint32_t kFlashReadBytes = 32768;
 inline constexpr size_t kCommandLogWords = 1u << 18;
@@ -94,7 +104,7 @@ private:
     uint32_t length_ = 0;
     uint32_t actual_ = 0;
     State state_ = State::Pending;
-    bool stalled_ = false;
+    bool stalled_ = false; // IN: never answered; OUT: never taken
     bool shortFault_ = false;
 };
 
@@ -126,7 +136,8 @@ public:
     void CountOpen();
     bool HandleValid(uint64_t generation);
     int ControlIn(uint64_t generation, uint8_t request, uint8_t* data, uint16_t length);
-    int ControlOut(uint64_t generation, uint8_t request, const uint8_t* data, uint16_t length);
+    int ControlOut(uint64_t generation, uint8_t request, uint16_t value, uint16_t index, const uint8_t* data,
+                   uint16_t length);
     std::unique_ptr<usb::BulkTransfer> BeginBulk(uint64_t generation, usb::Endpoint ep, uint8_t* buffer,
                                                  uint32_t length);
     usb::WaitResult WaitBulk(SimTransfer& t, uint32_t timeoutMs);
@@ -134,12 +145,15 @@ public:
     uint32_t FinishBulk(SimTransfer& t);
 
     // ---- lx_sim.h side ----
+    // Blanks the boot sector and leaves the device in the chip's ROM loader.
+    void StartInRomLoader();
     void Detach();
     void SetScene(std::shared_ptr<const Scene> scene);
     bool InjectFault(int32_t fault, int32_t count);
     LxSimCounters Counters();
     void ResetCounters();
     bool RunFirmware();
+    bool RomLoader();
     // Copies the oldest min(capacity, stored) words; returns the count stored.
     size_t CommandLog(uint32_t* words, size_t capacity);
     void ClearCommandLog();
@@ -198,7 +212,13 @@ private:
 
     // All below: mu_ held.
     bool Alive(uint64_t generation) const;
-    void Reenumerate(bool toRunFirmware);
+    enum class Mode : uint8_t { Run, Loader, Rom };
+    // Drops off the bus for `absentMs` and comes back as `mode` with this serial.
+    void Reenumerate(Mode mode, std::string usbSerial, uint64_t absentMs = kReenumerateMs);
+    // A restart: the boot loader when the boot sector holds a whole image
+    // (with that image's serial and the stored version), else the ROM loader.
+    void BootFromFlash(uint64_t absentMs);
+    int RomRequest(uint16_t value, uint16_t index, const uint8_t* data, uint16_t length);
     void FailPending();
     void ExecuteBlock(const uint8_t* data, uint32_t length);
     void ExecuteRunWord(uint32_t w);
@@ -230,7 +250,13 @@ private:
     std::condition_variable cv_;
     bool attached_ = true;
     bool runFirmware_ = true;
+    bool romLoader_ = false;
     std::string product_;
+    std::string usbSerial_;         // what the descriptors say: from the image that runs
+    int32_t flashVersion_ = -1;     // major << 8 | minor stored in the boot sector, or -1
+    std::vector<uint8_t> ram_;      // ROM loader: the words downloaded so far
+    uint32_t ramSum_ = 0;
+    bool outFailed_ = false;        // the loader refuses the block being executed
     uint64_t generation_ = 1;
     uint64_t presentAtMs_ = 0;
     uint64_t busyUntilMs_ = 0;
@@ -241,6 +267,7 @@ private:
     std::deque<uint32_t> log_;
 
     int32_t faultStall_ = 0, faultShort_ = 0, faultBadMagic_ = 0, faultNoAnswer_ = 0, faultStayBusy_ = 0;
+    int32_t faultProgram_ = 0, faultErase_ = 0, faultOutStall_ = 0, faultBitFlip_ = 0, faultPowerLoss_ = 0;
 
     // Output stream (offsets count bytes since boot).
     std::deque<OutItem> items_;

@@ -79,6 +79,10 @@ LX_DSP_CLONES void GaussianLoop(const float* shape, uint32_t k1, uint32_t k2, fl
 // kLanes phasors keeps the error far below the 16-bit floor.
 LX_DSP_CLONES void PhasorLoop(float* __restrict x, const float* __restrict p0, const float* __restrict step,
                               bool add) {
+    // The recurrence runs on separate re and im arrays, which vectorise; the
+    // interleaving is a second pass.
+    alignas(64) float re[kN];
+    alignas(64) float im[kN];
     float pr[kLanes], pi[kLanes];
     for (int l = 0; l < kLanes; ++l) {
         pr[l] = p0[2 * l];
@@ -87,12 +91,23 @@ LX_DSP_CLONES void PhasorLoop(float* __restrict x, const float* __restrict p0, c
     const float sr = step[0], si = step[1];
     for (int k = 0; k < kN; k += kLanes) {
         for (int l = 0; l < kLanes; ++l) {
-            x[2 * (k + l)] = (add ? x[2 * (k + l)] : 0.0f) + pr[l];
-            x[2 * (k + l) + 1] = (add ? x[2 * (k + l) + 1] : 0.0f) + pi[l];
+            re[k + l] = pr[l];
+            im[k + l] = pi[l];
             const float nr = pr[l] * sr - pi[l] * si;
             const float ni = pr[l] * si + pi[l] * sr;
             pr[l] = nr;
             pi[l] = ni;
+        }
+    }
+    if (add) {
+        for (int i = 0; i < kN; ++i) {
+            x[2 * i] += re[i];
+            x[2 * i + 1] += im[i];
+        }
+    } else {
+        for (int i = 0; i < kN; ++i) {
+            x[2 * i] = re[i];
+            x[2 * i + 1] = im[i];
         }
     }
 }
@@ -242,6 +257,13 @@ void AddModulated(const ModulatedComponent& m, uint64_t s0, int decimation, floa
     if (m.gate) nr = GateRanges(*m.gate, static_cast<int64_t>(s0), decimation, ranges, 64);
     if (nr == 0) return;
     alignas(64) float c[2 * kN];
+    if (m.kind == Emitter::Kind::Tone || m.kind == Emitter::Kind::Burst) {
+        // A keyed carrier: no envelope to multiply.
+        Phasor(m.carrier.cyclesPerSample, StartCycles(m.carrier, s0, decimation), m.carrier.amplitude, c, false);
+        for (int k = 0; k < nr; ++k)
+            for (int n = 2 * ranges[k].a; n < 2 * ranges[k].b; ++n) x[n] += c[n];
+        return;
+    }
     alignas(64) float er[kN];
     alignas(64) float ei[kN];
     Envelope(m, s0, decimation, er, ei, c); // c: scratch until the carrier goes in

@@ -1,4 +1,5 @@
 #include "usb/libusb_backend.h"
+#include "usb/rom_loader.h"
 
 #include <libusb.h>
 #include <pthread.h>
@@ -330,8 +331,9 @@ public:
             ssize_t n = libusb_get_device_list(ctx, &list);
             for (ssize_t i = 0; i < n; ++i) {
                 libusb_device_descriptor d{};
-                if (Succeeded(libusb_get_device_descriptor(list[i], &d)) && d.idVendor == kVendorId &&
-                    d.idProduct == kProductId)
+                if (Succeeded(libusb_get_device_descriptor(list[i], &d))  &&
+                    ((d.idVendor == kVendorId && d.idProduct == kProductId) ||
+                     (d.idVendor == kRomVendorId && d.idProduct == kRomProductId)))
                     found.push_back(libusb_ref_device(list[i]));
             }
             if (list != nullptr) libusb_free_device_list(list, 1);

@@ -16,6 +16,7 @@
 #include <nlohmann/json.hpp>
 
 #include "lx_api.h"
+#include "../boot/test_image.h"
 #include "report.h"
 
 namespace {
@@ -275,6 +276,68 @@ TEST(CliReport, GpsFixAndUnprogrammedCalibration) {
     info.gpsState = lxGPSNoFix;
     info.fix.reset();
     EXPECT_THAT(lx::cli::InfoText(info), Not(HasSubstr("Position")));
+}
+
+} // namespace
+
+// ---- flash ---------------------------------------------------------------------
+
+namespace {
+
+TEST_F(CliTest, FlashBackupVerifyWriteAndRefusals) {
+    Result r = Run({"--sim", "--json", "flash", "backup", "{dir}/bk"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const json manifest = json::parse(Slurp(dir_ / "bk" / "manifest.json"));
+    EXPECT_EQ(Parse(r), manifest);
+    ASSERT_EQ(manifest["regions"].size(), 4u);
+    for (const auto& region : manifest["regions"]) {
+        // The CRC-32 of each file, by Python's zlib.
+        const fs::path file = dir_ / "bk" / region["file"].get<std::string>();
+        EXPECT_EQ(fs::file_size(file), region["bytes"].get<size_t>());
+        const std::string crc = fs::path(dir_ / "crc").string();
+        std::system((std::string(LX_TEST_PYTHON) + " -c 'import sys,zlib; print(zlib.crc32(open(sys.argv[1],\"rb\").read()))' " +
+                     Quote(file) + " > " + Quote(crc)).c_str());
+        EXPECT_EQ(std::stoul(Slurp(crc)), region["crc32"].get<uint32_t>()) << file;
+    }
+    // The analyzer's own boot image, with its serial in the descriptor.
+    const std::string boot = Slurp(dir_ / "bk" / "boot.bin");
+    EXPECT_EQ(boot.substr(0, 2), "CY");
+    EXPECT_NE(boot.find(std::string("1\0""0\0""0\0""0\0""0\0""0\0""0\0""1", 15)), std::string::npos);
+
+    // A fresh simulated analyzer of the same serial matches; a changed byte does not.
+    EXPECT_EQ(Run({"--sim", "flash", "verify", "{dir}/bk"}).exitCode, 0);
+    {
+        std::fstream f(dir_ / "bk" / "cal.bin", std::ios::in | std::ios::out | std::ios::binary);
+        f.seekp(5000);
+        f.put('\x42');
+    }
+    r = Run({"--sim", "flash", "verify", "{dir}/bk"});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_THAT(r.out, HasSubstr("cal   backup file damaged"));
+    EXPECT_THAT(r.out, HasSubstr("run   matches"));
+
+    const std::string good = (dir_ / "run.img").string(), bad = (dir_ / "bad.img").string();
+    for (const auto& [path, spec] : {std::pair{good, testimage::Spec{.boot = false}},
+                                     std::pair{bad, testimage::Spec{.boot = false, .badChecksum = true}}}) {
+        const auto img = testimage::Build(spec);
+        std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(img.data()), static_cast<std::streamsize>(img.size()));
+    }
+    r = Run({"--sim", "flash", "write-run", good});
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_THAT(r.out, HasSubstr("Wrote and verified"));
+    struct Refusal {
+        std::vector<std::string> args;
+        const char* why;
+    } refusals[] = {{{"write-run", bad}, "checksum is wrong"},
+                    {{"write-run", "{dir}/bk/run.bin"}, "no serial placeholder"},
+                    {{"write-boot", good}, "no \"FW Ver\""},
+                    {{"write-boot", testimage::WriteFile("b.img", testimage::Build({}))}, "give --yes"}};
+    for (auto& c : refusals) {
+        c.args.insert(c.args.begin(), {"--sim", "flash"});
+        r = Run(c.args);
+        EXPECT_EQ(r.exitCode, 2) << c.why;
+        EXPECT_THAT(r.err, HasSubstr(c.why));
+    }
 }
 
 } // namespace

@@ -24,6 +24,10 @@ std::string ToneScene(double hz, double dbm, double noiseDbmHz, const std::strin
     return b;
 }
 
+// A loaded host may give up spectra (they are counted and the frame says
+// lxUncalData); the frames it delivers are still whole.
+bool Delivered(LxStatus s) { return s == lxNoError || s == lxUncalData; }
+
 struct Frame {
     LxStatus status = lxNoError;
     std::vector<float> density, alpha, mn, mx;
@@ -79,7 +83,7 @@ TEST_F(RealTime, ToneCellFillsTo39Of40AndItsAlphaFadesWhenTheToneGoes) {
     // that the tone's level lands in the middle of that row.
     Configure(1e9, 10e6, 100e3, 0, 0.0, 100.0);
     Frame f = Next();
-    ASSERT_EQ(f.status, lxNoError);
+    ASSERT_TRUE(Delivered(f.status)) << f.status;
     const int64_t k = std::lround((tone - start) / bin);
     EXPECT_NEAR(f.mx[size_t(k)], dbm, 0.3); // flat-top: the level wherever the tone falls in its bin
     const double top = f.mx[size_t(k)] + 100.0 - 150.0 / 2.56;
@@ -88,7 +92,7 @@ TEST_F(RealTime, ToneCellFillsTo39Of40AndItsAlphaFadesWhenTheToneGoes) {
     const int32_t col = Column(tone);
     for (int32_t n = 0; n < 42; ++n) {
         f = Next();
-        ASSERT_EQ(f.status, lxNoError) << n;
+        ASSERT_TRUE(Delivered(f.status)) << f.status << " frame " << n;
         ASSERT_EQ(f.count, n);
         const double expected = std::min(n + 1, 39) / 40.0;
         EXPECT_NEAR(Cell(f.density, col, 150), expected, 1e-6) << "frame " << n;
@@ -104,7 +108,7 @@ TEST_F(RealTime, ToneCellFillsTo39Of40AndItsAlphaFadesWhenTheToneGoes) {
     int32_t fading = 0;
     for (int32_t n = 0; n < 80 && fading < 10; ++n) {
         f = Next();
-        ASSERT_EQ(f.status, lxNoError);
+        ASSERT_TRUE(Delivered(f.status)) << f.status;
         const float a = Cell(f.alpha, col, 150);
         if (a == 1.0f) {
             lastHit = f.count;
@@ -136,7 +140,7 @@ TEST_F(RealTime, ToneAtItsFrequencyAndLevel) {
         Configure(c.centre, 20e6, 30e3, 0, 0.0, 100.0, 1, c.scale);
         Next();
         const Frame f = Next();
-        ASSERT_EQ(f.status, lxNoError);
+        ASSERT_TRUE(Delivered(f.status)) << f.status;
         const auto peak = std::max_element(f.mx.begin(), f.mx.end()) - f.mx.begin();
         EXPECT_NEAR(start + peak * bin, c.tone, 1.01 * bin) << c.centre;
         if (!std::isnan(c.expected)) {
@@ -160,7 +164,7 @@ TEST_F(RealTime, NoiseRowsFollowTheExponentialLawOfPeriodogramPower) {
     Frame f;
     for (int i = 0; i < 39; ++i) {
         f = Next();
-        ASSERT_EQ(f.status, lxNoError);
+        ASSERT_TRUE(Delivered(f.status)) << f.status;
     }
     const double meanDbm = density + 10.0 * std::log10(rbw);
     const double rowsPerDb = 2.56 * 100.0 / range;

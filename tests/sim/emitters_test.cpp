@@ -143,10 +143,13 @@ TEST_F(EmitterTest, BurstEdgesLandOnTheirSamples) {
         SCOPED_TRACE(code);
         const Capture c = Take(in, 63, code);
         ASSERT_GT(c.s0, s);
-        const int64_t rise = s + ((c.s0 - s) / p + 1) * p; // the first rise after the capture starts
+        // The first rise and the first fall after the capture's first sample
+        // (it may start inside a burst).
+        const auto after = [&](int64_t edge) { return edge + ((c.s0 - edge) / p + 1) * p; };
+        const int64_t rise = after(s), fall = after(s + w);
         const auto m = Measure("burst", c.x, kFs / d);
         EXPECT_EQ(m.at("rise0"), double((rise - c.s0 + d - 1) / d));
-        EXPECT_EQ(m.at("fall0"), double((rise + w - c.s0 + d - 1) / d));
+        EXPECT_EQ(m.at("fall0"), double((fall - c.s0 + d - 1) / d));
         EXPECT_EQ(m.at("rise1"), double((rise + p - c.s0 + d - 1) / d));
         EXPECT_NEAR(m.at("on_power") + in.Correction(0, kRow), -35.0, 0.2);
     }
@@ -177,6 +180,31 @@ TEST_F(EmitterTest, TriggerEdgeAndBurstStartedTogetherLandOnTheSameSample) {
     // Without pulses on the input the flags stay clear.
     ASSERT_EQ(lxSimSetScene(77000025, Scene("").c_str()), lxNoError);
     EXPECT_EQ(U32(Take(in, 63, 0).status[0].data() + lx::kAuxTriggerFlagsOffset), 0u);
+}
+
+// A burst given a UTC second starts on the pulse the GPS receiver gives for
+// that second.
+TEST_F(EmitterTest, BurstAtAUtcSecondStartsOnItsPulse) {
+    Instrument in = Bring(77000027, Scene(R"({"kind": "burst", "frequency_hz": )" + std::to_string(kCentre + 3e6) +
+                                              R"(, "power_dbm": -35, "start_utc": "2026-11-21T12:00:05Z", "width_s": 1e-4})",
+                                          -170, R"(, "gps": {"utc": "2026-11-21T12:00:00Z"})"));
+    ASSERT_NE(in.dev, nullptr);
+    // Pulse k is UTC 12:00:00 + k: the burst belongs to pulse 5, near tick 5 s.
+    ASSERT_TRUE(Send(*in.dev, Request(0, 1)));
+    const ReadResult r = Read(*in.dev, 8192);
+    ASSERT_EQ(r.data.size(), 8192u);
+    const uint64_t now = U64(&r.data[lx::kAuxSampleCounterOffset]);
+    ASSERT_LT(now, 4900 * 122880u);
+    // An idle device's time runs on with the wall clock: start 50 ms early
+    // and capture 200 ms, decimated.
+    ASSERT_EQ(lxSimAdvanceTimeMs((5 * 122880000 - now) / 122880 - 50), lxNoError);
+    const Capture c = Take(in, 255, 3, 6);
+    const uint64_t pulse = lx::AuxPulseCounter(c.status.back().data());
+    ASSERT_GT(pulse, 4 * 122880000u);
+    const int64_t at = (static_cast<int64_t>(pulse) + 1) / 2 - c.s0; // ADC samples into the capture
+    ASSERT_GT(at, 0) << "the capture began after the pulse";
+    const auto m = Measure("burst", c.x, kFs / 4);
+    EXPECT_EQ(m.at("rise0"), double((at + 3) / 4));
 }
 
 // AM, FM and SSB with a sine programme against their definitions: AM's

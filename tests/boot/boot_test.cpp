@@ -1,0 +1,186 @@
+// Boot-format images (checked against the generator's own layout and sums),
+// image files, and programming with read-back over a simulated boot loader.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+
+#include "boot/boot_image.h"
+#include "boot/boot_slot.h"
+#include "common/lx_assert.h"
+#include "lx_sim.h"
+#include "test_image.h"
+#include "usb/usb_transport.h"
+
+using namespace lx;
+using namespace lx::boot;
+
+namespace {
+
+TEST(BootImage, ChecksumAndLayout) {
+    const auto good = testimage::Build({});
+    auto flipped = good;
+    flipped[40] ^= 0x04; // a data bit of the code section
+    auto noHeader = good;
+    noHeader[1] = 'X';
+    const std::vector<uint8_t> truncated(good.begin(), good.end() - 3);
+    struct Case {
+        const char* name;
+        const std::vector<uint8_t>& image;
+        bool valid;
+    } cases[] = {{"good", good, true},
+                 {"stored sum off by one", testimage::Build({.badChecksum = true}), false},
+                 {"flipped data bit", flipped, false},
+                 {"no CY header", noHeader, false},
+                 {"checksum word cut", truncated, false}};
+    for (const Case& c : cases) EXPECT_EQ(ChecksumValid(c.image), c.valid) << c.name;
+
+    const auto layout = ParseImage(good);
+    ASSERT_TRUE(layout);
+    EXPECT_EQ(layout->entry, 0x40000100u);
+    EXPECT_EQ(layout->checksumOffset, testimage::ChecksumOffset(good));
+    EXPECT_EQ(layout->computedChecksum, testimage::SectionSum(good));
+    ASSERT_EQ(layout->sections.size(), 2u);
+    EXPECT_EQ(layout->sections[0].words, 300u);
+    EXPECT_EQ(layout->sections[1].address, 0x40030000u);
+}
+
+TEST(BootImage, PatchSerial) {
+    // Patched: the generator's own patch, byte for byte, checksum included.
+    for (int32_t serial : {10000000, 31415926, 99999999}) {
+        auto img = testimage::Build({});
+        ASSERT_TRUE(PatchSerial(img, serial));
+        EXPECT_EQ(img, testimage::Patched(testimage::Build({}), serial)) << serial;
+        EXPECT_TRUE(ChecksumValid(img));
+    }
+    // Refused, the image left as it was.
+    struct Case {
+        const char* name;
+        std::vector<uint8_t> image;
+        int32_t serial;
+        const char* debug;    // expected debug line, or null
+        const char* asserted; // expected assertion text, or null
+    } cases[] = {
+        {"bad checksum", testimage::Build({.badChecksum = true}), 12345678, "Fail to boot due to checksum error\n", nullptr},
+        {"seven digits", testimage::Build({}), 1234567, nullptr, "false"},
+        {"nine digits", testimage::Build({}), 123456789, nullptr, "false"},
+        {"negative", testimage::Build({}), -1234567, nullptr, "false"},
+        {"no placeholder", testimage::Build({.serial = "12121212"}), 12345678, nullptr, "false"},
+    };
+    for (Case& c : cases) {
+        std::vector<std::string> lines;
+        SetDebugSink([&](const std::string& s) { lines.push_back(s); });
+        AssertionCapture capture;
+        const auto before = c.image;
+        EXPECT_FALSE(PatchSerial(c.image, c.serial)) << c.name;
+        EXPECT_EQ(c.image, before) << c.name;
+        EXPECT_EQ(c.debug != nullptr, lines.size() == 1 && lines[0] == c.debug) << c.name;
+        EXPECT_EQ(c.asserted != nullptr, c.asserted && capture.saw(c.asserted, "src/boot")) << c.name;
+        SetDebugSink(nullptr);
+    }
+}
+
+TEST(BootImage, VersionMarker) {
+    const auto img = testimage::Build({.versionHi = 0x03, .versionLo = 0x41});
+    const auto at = FindVersionMarker(img);
+    ASSERT_TRUE(at);
+    EXPECT_EQ(img[*at], 0x03);
+    EXPECT_EQ(img[*at + 1], 0x41);
+    EXPECT_FALSE(FindVersionMarker(testimage::Build({.marker = false})));
+    EXPECT_FALSE(FindVersionMarker(testimage::Build({.boot = false})));
+    const std::vector<uint8_t> cut{'F', 'W', ' ', 'V', 'e', 'r', 1}; // one version byte only
+    EXPECT_FALSE(FindVersionMarker(cut));
+}
+
+TEST(BootImage, ReadFile) {
+    const auto img = testimage::Build({});
+    const auto read = ReadImageFile(testimage::WriteFile("img.bin", img).c_str(), kImageMaxBytes);
+    ASSERT_EQ(read.size(), kImageMaxBytes);
+    EXPECT_TRUE(std::equal(img.begin(), img.end(), read.begin()));
+    EXPECT_TRUE(std::all_of(read.begin() + static_cast<std::ptrdiff_t>(img.size()), read.end(),
+                            [](uint8_t b) { return b == 0; }));
+    const std::vector<uint8_t> big(kImageMaxBytes + 1, 0x5A);
+    EXPECT_TRUE(ReadImageFile(testimage::WriteFile("big.bin", big).c_str(), kImageMaxBytes).empty());
+    EXPECT_TRUE(ReadImageFile(testimage::WriteFile("empty.bin", {}).c_str(), kImageMaxBytes).empty());
+    AssertionCapture capture;
+    EXPECT_TRUE(ReadImageFile("/nonexistent/dir/x.bin", kImageMaxBytes).empty());
+    EXPECT_TRUE(capture.saw("f", "src/boot"));
+}
+
+// ProgramImage over a simulated boot loader: page and block counts from the
+// device's own counters, progress, and the statuses of failures.
+class Programming : public ::testing::Test {
+protected:
+    static constexpr int32_t kSerial = 71000001;
+    void SetUp() override {
+        lxSimDetachAll();
+        int32_t id = 0;
+        ASSERT_EQ(lxSimAttachRaw("LX530 Boot", std::to_string(kSerial).c_str(), nullptr, &id), lxNoError);
+        ASSERT_TRUE(link_.BindEndpoints(usb::FindBySerial(kSerial)));
+        ASSERT_EQ(link_.EraseFlashPage(8192), lxNoError);
+        lxSimResetCounters(kSerial);
+    }
+    void TearDown() override {
+        link_.Close();
+        lxSimDetachAll();
+    }
+    static std::vector<uint8_t> Data(size_t n) {
+        std::vector<uint8_t> v(n);
+        for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(i * 7 + (i >> 10));
+        return v;
+    }
+    LxSimCounters Counters() {
+        LxSimCounters c{};
+        lxSimGetCounters(kSerial, &c);
+        return c;
+    }
+    usb::UsbTransport link_;
+};
+
+TEST_F(Programming, PagesBlocksAndProgress) {
+    struct Case {
+        size_t bytes;
+        uint64_t writes, reads;
+        double progress; // after the last step
+        size_t steps;
+    } cases[] = {{1500, 1, 1, 2 / 1.03125, 2}, {64 * 1024, 64, 2, 1.0, 66}, {33 * 1024, 33, 2, 35 / (33 * 1.03125), 35}};
+    for (const Case& c : cases) {
+        ASSERT_EQ(link_.EraseFlashPage(8192), lxNoError);
+        lxSimResetCounters(kSerial);
+        std::vector<std::string> lines;
+        SetDebugSink([&](const std::string& s) { lines.push_back(s); });
+        double progress = -1;
+        EXPECT_EQ(ProgramImage(link_, Data(c.bytes), 8192 * 1024, &progress), lxNoError) << c.bytes;
+        SetDebugSink(nullptr);
+        EXPECT_EQ(Counters().flashPageWrites, c.writes) << c.bytes;
+        EXPECT_EQ(Counters().flashReads, c.reads) << c.bytes;
+        EXPECT_NEAR(progress, std::min(1.0, c.progress), 1e-12) << c.bytes;
+        EXPECT_EQ(lines.size(), c.steps) << c.bytes;
+        EXPECT_EQ(lines.front(), "Writing Page 8192\n");
+        EXPECT_EQ(lines[c.writes], "Verifying Page 8192\n");
+    }
+}
+
+TEST_F(Programming, FailuresEndIt) {
+    // The first page write meets the fault.
+    struct Case {
+        int32_t fault;
+        LxStatus status;
+        uint64_t writes, reads; // what the device carried out
+    } cases[] = {{lxSimFaultFlashProgram, lxConnectionLostErr, 0, 0},
+                 {lxSimFaultOutStall, lxConnectionLostErr, 0, 0},
+                 {lxSimFaultFlashBitFlip, lxFlashTransferErr, 64, 1}};
+    for (const Case& c : cases) {
+        link_.ClearLinkStatus(); // the previous case lost the link
+        ASSERT_EQ(link_.EraseFlashPage(8192), lxNoError);
+        lxSimResetCounters(kSerial);
+        ASSERT_EQ(lxSimInjectFault(kSerial, c.fault, 1), lxNoError);
+        double progress = 0;
+        EXPECT_EQ(ProgramImage(link_, Data(64 * 1024), 8192 * 1024, &progress), c.status) << c.fault;
+        EXPECT_LT(progress, 1.0) << c.fault;
+        EXPECT_EQ(Counters().flashPageWrites, c.writes) << c.fault;
+        EXPECT_EQ(Counters().flashReads, c.reads) << c.fault;
+    }
+}
+
+} // namespace

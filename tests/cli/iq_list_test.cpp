@@ -1,0 +1,177 @@
+// `lx530 list FREQ...`: whole runs on a simulated analyzer checked against the
+// scene (the tone power in the SigMF data files, calibrated with what the
+// metadata says), the metadata validated against the SigMF schema by
+// Debian's python3-jsonschema, and the command-line failures.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <complex>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using ::testing::HasSubstr;
+
+constexpr double kFs = 61.44e6;
+constexpr double kOffset = 100e3;
+
+std::string Quote(const std::string& s) {
+    std::string q = "'";
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+std::string Slurp(const fs::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+struct ToolRun {
+    int code = -1;
+    std::string out, err;
+};
+
+class IqList : public ::testing::Test {
+protected:
+    fs::path dir;
+    void SetUp() override {
+        std::string t = (fs::temp_directory_path() / "lx530-list-XXXXXX").string();
+        ASSERT_NE(mkdtemp(t.data()), nullptr);
+        dir = t;
+        // Tones kOffset above 20 MHz (band 0, mirrored), 915 MHz and 5.8 GHz.
+        std::ofstream(dir / "scene.json") << R"({"noise_floor_dbm_hz": -160, "emitters": [)"
+                                             R"({"kind": "tone", "frequency_hz": 20100000, "power_dbm": -30},)"
+                                             R"({"kind": "tone", "frequency_hz": 915100000, "power_dbm": -30},)"
+                                             R"({"kind": "tone", "frequency_hz": 5800100000, "power_dbm": -30}]})";
+    }
+    void TearDown() override {
+        std::error_code ec;
+        fs::remove_all(dir, ec);
+    }
+    ToolRun Tool(const std::vector<std::string>& args) {
+        std::string cmd = "cd " + Quote(dir.string()) + " && XDG_CACHE_HOME=" + Quote((dir / "cache").string()) + " " +
+                          Quote(LX530_PATH);
+        for (const auto& a : args) cmd += " " + Quote(a);
+        const int s = std::system((cmd + " >out 2>err").c_str());
+        return {WIFEXITED(s) ? WEXITSTATUS(s) : -1, Slurp(dir / "out"), Slurp(dir / "err")};
+    }
+    // The schema's verdict on a metadata file: "" when valid.
+    static std::string SchemaErrors(const fs::path& meta) {
+        const std::string cmd = std::string(LX_TEST_PYTHON) +
+                                " -c 'import json,sys,jsonschema; jsonschema.Draft202012Validator(json.load(open(sys.argv[1])))"
+                                ".validate(json.load(open(sys.argv[2])))' " +
+                                Quote(std::string(LX_TEST_SHARED_DIR) + "/data/sigmf/sigmf-schema.json") + " " +
+                                Quote(meta.string()) + " 2>&1";
+        std::string out;
+        FILE* p = popen(cmd.c_str(), "r");
+        if (!p) return "cannot run python";
+        char b[4096];
+        for (size_t n; (n = fread(b, 1, sizeof b, p)) > 0;) out.append(b, n);
+        return pclose(p) == 0 ? "" : out.empty() ? "failed" : out;
+    }
+};
+
+// dBm of the component at `offset` in n samples starting at `first`.
+template <typename T>
+double ToneDbm(const std::vector<T>& v, int64_t first, int64_t n, double factor) {
+    std::complex<double> acc = 0;
+    for (int64_t k = 0; k < n; ++k)
+        acc += std::complex<double>(v[size_t(2 * (first + k))], v[size_t(2 * (first + k) + 1)]) *
+               std::polar(1.0, -2 * M_PI * kOffset * double(k) / kFs);
+    return 20 * std::log10(std::abs(acc) * factor / double(n));
+}
+
+template <typename T>
+std::vector<T> ReadSamples(const fs::path& p) {
+    const std::string raw = Slurp(p);
+    std::vector<T> v(raw.size() / sizeof(T));
+    std::memcpy(v.data(), raw.data(), v.size() * sizeof(T));
+    return v;
+}
+
+// One recording, a capture per step and pass: valid metadata, every
+// capture's samples hold the scene's tone at -30 dBm, the printed powers
+// agree, the time stamps increase.
+TEST_F(IqList, OneRecordingWithACapturePerStep) {
+    const ToolRun r = Tool({"list", "20M", "915M", "5.8G", "--samples", "10000", "--passes", "2", "--scene", "scene.json",
+                        "--sigmf", "rec", "--json"});
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(SchemaErrors(dir / "rec.sigmf-meta"), "");
+    const json meta = json::parse(Slurp(dir / "rec.sigmf-meta"));
+    const json out = json::parse(r.out);
+    const auto x = ReadSamples<float>(dir / "rec.sigmf-data");
+    ASSERT_EQ(x.size(), size_t(2 * 6 * 10000));
+    ASSERT_EQ(meta["captures"].size(), 6u);
+    EXPECT_EQ(meta["global"]["core:datatype"], "cf32_le");
+    const double hz[] = {20e6, 915e6, 5.8e9};
+    for (size_t i = 0; i < 6; ++i) {
+        const json& c = meta["captures"][i];
+        EXPECT_EQ(c["core:sample_start"], int64_t(i) * 10000);
+        EXPECT_EQ(c["core:frequency"], hz[i % 3]);
+        EXPECT_NEAR(ToneDbm(x, int64_t(i) * 10000, 10000, 1.0), -30.0, 0.2) << i;
+        // The band power: the tone over -160 dBm/Hz across 61.44 MHz.
+        EXPECT_NEAR(out["steps"][i]["power_dbm"].get<double>(), -30.0, 0.2) << i;
+        if (i > 0) {
+            EXPECT_GT(out["steps"][i]["time_ns"].get<uint64_t>(), out["steps"][i - 1]["time_ns"].get<uint64_t>());
+        }
+    }
+}
+
+// One recording per step from a CSV file, raw int16: the metadata's scale
+// calibrates them; CSV fields left empty take the options' values.
+TEST_F(IqList, PerStepRecordingsFromCsv) {
+    std::ofstream(dir / "steps.csv") << "frequency,ref_level,atten,samples\n915M,-20,,4096\n# a comment\n5.8G,,auto\n";
+    const ToolRun r = Tool({"list", "--csv", "steps.csv", "--samples", "6000", "--format", "ci16", "--per-step", "--sigmf",
+                        "step", "--scene", "scene.json"});
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_THAT(r.out, HasSubstr("-30."));
+    const int64_t n[] = {4096, 6000};
+    for (int k = 0; k < 2; ++k) {
+        const fs::path base = dir / ("step-" + std::to_string(k));
+        EXPECT_EQ(SchemaErrors(base.string() + ".sigmf-meta"), "");
+        const json meta = json::parse(Slurp(base.string() + ".sigmf-meta"));
+        const auto q = ReadSamples<int16_t>(base.string() + ".sigmf-data");
+        ASSERT_EQ(q.size(), size_t(2 * n[k]));
+        const double scale = meta["captures"][0]["lx530:scale"];
+        EXPECT_NEAR(ToneDbm(q, 0, n[k], scale / 32768.0), -30.0, 0.2) << k;
+    }
+}
+
+// Bad command lines and files: exit 2 with the reason, no files left behind.
+TEST_F(IqList, CommandLineFailures) {
+    std::ofstream(dir / "bad.csv") << "915M\n2.4G,loud\n";
+    const struct {
+        std::vector<std::string> args;
+        const char* says;
+    } cases[] = {
+        {{"list", "--csv", "bad.csv", "--scene", "scene.json", "--sigmf", "x"}, "bad.csv:2"},
+        {{"list", "--passes", "2"}, "need frequencies or --csv"},
+        {{"list", "1G", "--per-step"}, "--per-step needs --sigmf"},
+        {{"list", "1G", "--samples", "0"}, "--samples"},
+        {{"list", "20T"}, "not a frequency"},
+        {{"list", "1G", "--scene", "scene.json", "--sigmf", "no/such/dir/x"}, "cannot write"},
+    };
+    for (const auto& c : cases) {
+        const ToolRun r = Tool(c.args);
+        EXPECT_EQ(r.code, 2) << c.args[1];
+        EXPECT_THAT(r.err, HasSubstr(c.says));
+    }
+    for (const auto& e : fs::directory_iterator(dir)) EXPECT_EQ(e.path().extension().string().find(".sigmf"), std::string::npos) << e.path();
+}
+
+} // namespace

@@ -1,0 +1,316 @@
+// Flash programming through the public API on simulated analyzers: what is
+// read back from flash and what the analyzer reports after it restarts is
+// compared with the images the test built itself.
+#include <cstring>
+#include <functional>
+#include <string>
+
+#include "../boot/test_image.h"
+#include "e2e_support.h"
+
+namespace {
+
+constexpr uint32_t kBootPage = 0, kFpgaPage = 1024, kCalPage = 4096, kRunPage = 49152;
+constexpr size_t kSectorBytes = 256 * 1024;
+constexpr size_t kCalBytes = sizeof(LX530CalData);
+
+uint32_t Sum672(const uint8_t* rec) {
+    uint32_t sum = 0;
+    for (size_t at = 672; at < kCalBytes; at += 4) sum += testimage::Get32({rec + at, rec + at + 4}, 0);
+    return sum;
+}
+
+class Flash : public e2e::SimTest {
+protected:
+    void TearDown() override {
+        lxBootCloseDevice(0);
+        SimTest::TearDown();
+    }
+
+    static std::vector<uint8_t> Read(uint32_t firstPage, size_t bytes) {
+        std::vector<uint8_t> out(bytes);
+        for (size_t off = 0; off < bytes; off += 32768)
+            EXPECT_EQ(lxBootReadFlashPage(0, firstPage + static_cast<uint32_t>(off / 1024), out.data() + off),
+                      lxNoError);
+        return out;
+    }
+
+    // What a sector holds after an image was programmed into it.
+    static std::vector<uint8_t> Sector(const std::vector<uint8_t>& image, int hi = -1, int lo = -1) {
+        std::vector<uint8_t> s(kSectorBytes, 0);
+        std::copy(image.begin(), image.end(), s.begin());
+        if (hi >= 0) {
+            s[kSectorBytes - 2] = static_cast<uint8_t>(hi);
+            s[kSectorBytes - 1] = static_cast<uint8_t>(lo);
+        }
+        return s;
+    }
+
+    // The factory record of the analyzer in the slot, made newer and changed
+    // in one amplitude value, with a checksum of the test's own arithmetic.
+    static LX530CalData NewRecord() {
+        LX530CalData rec;
+        const auto flash = Read(kCalPage, kCalBytes);
+        std::copy(flash.begin(), flash.end(), rec.raw);
+        rec.raw[16] += 1;            // calibration date, one second later
+        rec.raw[1208 + 4 * 77] ^= 0x20; // an amplitude value
+        const uint32_t sum = Sum672(rec.raw);
+        for (int b = 0; b < 4; ++b) rec.raw[28 + b] = static_cast<uint8_t>(sum >> (8 * b));
+        return rec;
+    }
+
+    const std::string bootPath_ = testimage::WriteFile("boot.img", testimage::Build({.versionHi = 3, .versionLo = 17}));
+    const std::string runPath_ = testimage::WriteFile("run.img", testimage::Build({.boot = false}));
+};
+
+TEST_F(Flash, ChecksInOrder) {
+    uint8_t buf[32768] = {};
+    double progress = 0;
+    LX530CalData rec{};
+    int32_t h = -1, serial = 0;
+    const std::function<LxStatus(int32_t)> calls[] = {
+        [&](int32_t k) { return lxBootReadFlashPage(k, 0, buf); },
+        [&](int32_t k) { return lxBootWriteFlashPage(k, 8192, buf); },
+        [&](int32_t k) { return lxBootClearFlashPage(k, 8192); },
+        [&](int32_t k) { return lxBootClearBootSector(k); },
+        [&](int32_t k) { return lxBootClearRunSector(k); },
+        [&](int32_t k) { return lxBootClearFPGAProgram(k, &progress); },
+        [&](int32_t k) { return lxBootClearCorrections(k, &progress); },
+        [&](int32_t k) { return lxBootWriteFPGAProgram(k, bootPath_.c_str(), &progress); },
+        [&](int32_t k) { return lxBootWriteCorrections(k, &rec, &progress); },
+        [&](int32_t k) { return lxBootWriteRunSector(k, runPath_.c_str(), 0); },
+        [&](int32_t k) { return lxBootWriteBootSector(k, bootPath_.c_str(), 0); },
+    };
+    // No analyzer in the slot: not found, whatever the handle.
+    for (const auto& call : calls) EXPECT_EQ(call(1), lxDeviceNotFoundErr);
+    EXPECT_EQ(lxBootCloseDevice(0), lxInvalidDeviceErr);
+    EXPECT_EQ(lxBootGetSerial(1, &serial), lxInvalidDeviceErr); // the handle before the slot here
+    EXPECT_EQ(lxBootGetSerial(0, &serial), lxDeviceNotFoundErr);
+    EXPECT_EQ(lxBootOpenDevice(&h), lxDeviceNotFoundErr);
+    EXPECT_EQ(lxBootOpenDevice(nullptr), lxNullPtrErr);
+
+    ASSERT_EQ(lxSimAttach(75000001, nullptr), lxNoError);
+    ASSERT_EQ(lxBootOpenDevice(&h), lxNoError);
+    EXPECT_EQ(h, 0);
+    lxSimResetCounters(75000001);
+    for (const auto& call : calls) EXPECT_EQ(call(1), lxInvalidDeviceErr);
+    EXPECT_EQ(lxBootCloseDevice(1), lxInvalidDeviceErr);
+    const std::function<LxStatus()> nulls[] = {
+        [&] { return lxBootReadFlashPage(0, 0, nullptr); },
+        [&] { return lxBootWriteFlashPage(0, 8192, nullptr); },
+        [&] { return lxBootClearFPGAProgram(0, nullptr); },
+        [&] { return lxBootWriteCorrections(0, nullptr, &progress); },
+        [&] { return lxBootWriteFPGAProgram(0, nullptr, &progress); },
+        [&] { return lxBootWriteRunSector(0, nullptr, 0); },
+        [&] { return lxBootGetSerial(0, nullptr); },
+        [&] { return lxBootOpenDeviceBySerial(nullptr, 75000001); },
+        [&] { return lxBootStrap(nullptr, bootPath_.c_str()); },
+    };
+    for (const auto& call : nulls) EXPECT_NE(call(), lxNoError);
+    for (size_t i = 0; i + 2 < std::size(nulls); ++i) EXPECT_EQ(nulls[i](), lxNullPtrErr) << i;
+    // The slot is taken.
+    EXPECT_EQ(lxBootOpenDevice(&h), lxMaxDevicesConnectedErr);
+    EXPECT_EQ(lxBootOpenDeviceBySerial(&h, 75000001), lxMaxDevicesConnectedErr);
+    EXPECT_EQ(lxBootStrap(nullptr, bootPath_.c_str()), lxMaxDevicesConnectedErr);
+    // Files that cannot be programmed; pages out of reach.
+    const std::string noMarker = testimage::WriteFile("nomarker.img", testimage::Build({.marker = false}));
+    const std::string empty = testimage::WriteFile("empty.img", {});
+    EXPECT_EQ(lxBootWriteBootSector(0, noMarker.c_str(), 75000001), lxFileIOErr);
+    EXPECT_EQ(lxBootWriteBootSector(0, empty.c_str(), 75000001), lxFileIOErr);
+    EXPECT_EQ(lxBootWriteRunSector(0, "/nonexistent/run.img", 0), lxFileIOErr);
+    EXPECT_EQ(lxBootWriteFPGAProgram(0, empty.c_str(), &progress), lxFileIOErr);
+    EXPECT_EQ(lxBootReadFlashPage(0, 0x10000, buf), lxInvalidParameterErr);
+    EXPECT_EQ(lxBootWriteFlashPage(0, 0x10000, buf), lxInvalidParameterErr);
+    EXPECT_EQ(e2e::SimTest::Counters(75000001).flashPageWrites, 0u); // nothing reached the flash
+    EXPECT_EQ(e2e::SimTest::Counters(75000001).flashPageErases, 0u);
+    EXPECT_EQ(lxBootGetSerial(0, &serial), lxNoError);
+    EXPECT_EQ(serial, 75000001);
+}
+
+TEST_F(Flash, EveryRegionRoundTripsAndTheAnalyzerRestartsWithIt) {
+    constexpr int32_t kOld = 75000002, kNew = 75000099;
+    ASSERT_EQ(lxSimAttach(kOld, nullptr), lxNoError);
+    int32_t h = -1;
+    ASSERT_EQ(lxBootOpenDeviceBySerial(&h, kOld), lxNoError);
+    ASSERT_EQ(h, 0);
+    const auto boot = testimage::Build({.versionHi = 3, .versionLo = 17});
+    const auto run = testimage::Build({.boot = false});
+
+    // Run image: serial 0 stands for the analyzer's own; then the new one.
+    ASSERT_EQ(lxBootClearRunSector(0), lxNoError);
+    ASSERT_EQ(lxBootWriteRunSector(0, runPath_.c_str(), 0), lxNoError);
+    EXPECT_EQ(Read(kRunPage, kSectorBytes), Sector(testimage::Patched(run, kOld)));
+    ASSERT_EQ(lxBootClearRunSector(0), lxNoError);
+    ASSERT_EQ(lxBootWriteRunSector(0, runPath_.c_str(), kNew), lxNoError);
+    EXPECT_EQ(Read(kRunPage, kSectorBytes), Sector(testimage::Patched(run, kNew)));
+
+    ASSERT_EQ(lxBootClearBootSector(0), lxNoError);
+    ASSERT_EQ(lxBootWriteBootSector(0, bootPath_.c_str(), kNew), lxNoError);
+    EXPECT_EQ(Read(kBootPage, kSectorBytes), Sector(testimage::Patched(boot, kNew), 3, 17));
+
+    std::vector<uint8_t> fpga(700 * 1024 + 100);
+    for (size_t i = 0; i < fpga.size(); ++i) fpga[i] = static_cast<uint8_t>(i * 13 + i / 4099);
+    double progress = -1;
+    ASSERT_EQ(lxBootClearFPGAProgram(0, &progress), lxNoError);
+    EXPECT_EQ(progress, 0.875);
+    ASSERT_EQ(lxBootWriteFPGAProgram(0, testimage::WriteFile("fpga.bit", fpga).c_str(), &progress), lxNoError);
+    EXPECT_DOUBLE_EQ(progress, 1.0);
+    fpga.resize(8 * kSectorBytes, 0);
+    EXPECT_EQ(Read(kFpgaPage, fpga.size()), fpga);
+
+    const LX530CalData rec = NewRecord();
+    ASSERT_EQ(lxBootClearCorrections(0, &progress), lxNoError);
+    EXPECT_EQ(progress, 0.875);
+    ASSERT_EQ(lxBootWriteCorrections(0, &rec, &progress), lxNoError);
+    EXPECT_DOUBLE_EQ(progress, 1.0);
+    EXPECT_EQ(Read(kCalPage, kCalBytes), std::vector<uint8_t>(rec.raw, rec.raw + kCalBytes));
+
+    // Restarted, the analyzer is what its flash now says.
+    ASSERT_EQ(lxBootCloseDevice(0), lxNoError);
+    int32_t personality = -1;
+    ASSERT_EQ(lxSimGetPersonality(kOld, &personality), lxNoError);
+    EXPECT_EQ(personality, 0);
+    ASSERT_EQ(lxOpenDeviceBySerial(&h, kNew), lxNoError);
+    uint32_t serial = 0, major = 0, minor = 0, revision = 0;
+    EXPECT_EQ(lxGetSerialNumber(h, &serial), lxNoError);
+    EXPECT_EQ(serial, static_cast<uint32_t>(kNew));
+    EXPECT_EQ(lxGetFirmwareVersion(h, &major, &minor, &revision), lxNoError);
+    EXPECT_EQ(major, 3u);
+    EXPECT_EQ(minor, 17u);
+    LX530CalData cached;
+    ASSERT_TRUE(e2e::CachedRecord(kNew, &cached));
+    EXPECT_EQ(std::memcmp(cached.raw, rec.raw, kCalBytes), 0);
+}
+
+enum class Region { Boot, Run, Cal };
+struct FaultCase {
+    int32_t fault;
+    Region region;
+    LxStatus status;
+    bool damaged; // the region no longer holds a whole image or record
+};
+
+class FlashFaults : public Flash, public ::testing::WithParamInterface<FaultCase> {
+protected:
+    LxStatus Clear(Region r) {
+        double progress = 0;
+        return r == Region::Boot ? lxBootClearBootSector(0)
+               : r == Region::Run ? lxBootClearRunSector(0)
+                                  : lxBootClearCorrections(0, &progress);
+    }
+    LxStatus Write(Region r, int32_t serial, const LX530CalData& rec) {
+        double progress = 0;
+        return r == Region::Boot ? lxBootWriteBootSector(0, bootPath_.c_str(), serial)
+               : r == Region::Run ? lxBootWriteRunSector(0, runPath_.c_str(), serial)
+                                  : lxBootWriteCorrections(0, &rec, &progress);
+    }
+    std::vector<uint8_t> Expected(Region r, int32_t serial, const LX530CalData& rec) {
+        if (r == Region::Boot) return Sector(testimage::Patched(testimage::Build({.versionHi = 3, .versionLo = 17}), serial), 3, 17);
+        if (r == Region::Run) return Sector(testimage::Patched(testimage::Build({.boot = false}), serial));
+        return {rec.raw, rec.raw + kCalBytes};
+    }
+    static uint32_t Page(Region r) { return r == Region::Boot ? kBootPage : r == Region::Run ? kRunPage : kCalPage; }
+};
+
+TEST_P(FlashFaults, ReportedRecoverableAndNeverTakenAsValid) {
+    const FaultCase c = GetParam();
+    static int32_t next = 76000000;
+    const int32_t serial = ++next;
+    ASSERT_EQ(lxSimAttach(serial, nullptr), lxNoError);
+    int32_t h = -1;
+    ASSERT_EQ(lxBootOpenDeviceBySerial(&h, serial), lxNoError);
+    const LX530CalData rec = NewRecord();
+
+    ASSERT_EQ(lxSimInjectFault(serial, c.fault, 1), lxNoError);
+    LxStatus st = Clear(c.region);
+    if (st == lxNoError) st = Write(c.region, serial, rec);
+    EXPECT_EQ(st, c.status);
+    ASSERT_EQ(lxSimInjectFault(serial, lxSimFaultNone, 0), lxNoError);
+    EXPECT_EQ(lxBootCloseDevice(0), lxNoError);
+    ASSERT_EQ(lxSimAdvanceTimeMs(6000), lxNoError); // power comes back after a power loss
+
+    // What an application meets now.
+    if (c.region != Region::Boot) {
+        const LxStatus open = lxOpenDeviceBySerial(&h, serial);
+        if (c.region == Region::Run) {
+            EXPECT_EQ(open, c.damaged ? lxBootErr : lxNoError); // a broken run image never starts
+        } else {
+            bool has = false;
+            if (open >= 0) {
+                EXPECT_EQ(lxAdminDeviceHasCorrections(h, &has), lxNoError);
+            }
+            EXPECT_EQ(c.damaged, open == lxInvalidCalData || (open == lxNoError && !has)) << open;
+        }
+        if (open >= 0) lxCloseDevice(h);
+    }
+
+    // It still reaches a boot loader: its own, or through the ROM loader when
+    // the boot image is broken.
+    int32_t personality = -1;
+    if (lxBootOpenDeviceBySerial(&h, serial) != lxNoError) {
+        ASSERT_EQ(lxSimGetPersonality(serial, &personality), lxNoError);
+        EXPECT_EQ(personality, 2);
+        EXPECT_TRUE(c.damaged && c.region == Region::Boot);
+        ASSERT_EQ(lxBootStrap(&h, bootPath_.c_str()), lxNoError);
+    } else {
+        EXPECT_FALSE(c.damaged && c.region == Region::Boot);
+    }
+    // And the region can be written again.
+    ASSERT_EQ(Clear(c.region), lxNoError);
+    ASSERT_EQ(Write(c.region, serial, rec), lxNoError);
+    const auto want = Expected(c.region, serial, rec);
+    EXPECT_TRUE(Read(Page(c.region), want.size()) == want);
+    ASSERT_EQ(lxBootCloseDevice(0), lxNoError);
+    ASSERT_EQ(lxOpenDeviceBySerial(&h, serial), lxNoError);
+}
+
+constexpr LxStatus kWriteStatus[] = {lxFileIOErr, lxFlashTransferErr, lxFileIOErr}; // boot, run, cal
+
+std::vector<FaultCase> AllFaults() {
+    std::vector<FaultCase> v;
+    for (Region r : {Region::Boot, Region::Run, Region::Cal}) {
+        const LxStatus write = kWriteStatus[static_cast<int>(r)];
+        v.push_back({lxSimFaultFlashErase, r, lxFlashTransferErr, false});
+        v.push_back({lxSimFaultOutStall, r, lxFlashTransferErr, false});
+        v.push_back({lxSimFaultFlashProgram, r, write, true});
+        v.push_back({lxSimFaultFlashBitFlip, r, write, true});
+        v.push_back({lxSimFaultPowerLoss, r, write, true});
+    }
+    return v;
+}
+
+std::string CaseName(const ::testing::TestParamInfo<FaultCase>& info) {
+    const char* region[] = {"Boot", "Run", "Cal"};
+    const char* fault[] = {"Program", "Erase", "OutStall", "BitFlip", "PowerLoss"};
+    return std::string(region[static_cast<int>(info.param.region)]) + fault[info.param.fault - lxSimFaultFlashProgram];
+}
+
+INSTANTIATE_TEST_SUITE_P(Matrix, FlashFaults, ::testing::ValuesIn(AllFaults()), CaseName);
+
+TEST_F(Flash, BootStrapThroughTheRomLoader) {
+    constexpr int32_t kSerial = 77000001;
+    ASSERT_EQ(lxSimAttachRomLoader(kSerial, nullptr), lxNoError);
+    int32_t count = 8, serials[8];
+    ASSERT_EQ(lxGetDeviceList(serials, &count), lxNoError);
+    EXPECT_EQ(count, 0); // no serial, not an LX530 yet
+    int32_t h = -1, personality = -1;
+    const std::string bad = testimage::WriteFile("bad.img", testimage::Build({.badChecksum = true}));
+    EXPECT_EQ(lxBootStrap(&h, bad.c_str()), lxDeviceNotFoundErr); // the ROM loader refuses it
+    EXPECT_EQ(lxBootStrap(&h, "/nonexistent/boot.img"), lxFileIOErr);
+    ASSERT_EQ(lxSimGetPersonality(kSerial, &personality), lxNoError);
+    EXPECT_EQ(personality, 2);
+
+    ASSERT_EQ(lxBootStrap(&h, bootPath_.c_str()), lxNoError);
+    int32_t serial = 0;
+    EXPECT_EQ(lxBootGetSerial(h, &serial), lxNoError);
+    EXPECT_EQ(serial, 11111111); // the downloaded image is not patched
+    ASSERT_EQ(lxSimGetPersonality(kSerial, &personality), lxNoError);
+    EXPECT_EQ(personality, 0);
+    ASSERT_EQ(lxBootClearBootSector(0), lxNoError);
+    ASSERT_EQ(lxBootWriteBootSector(0, bootPath_.c_str(), kSerial), lxNoError);
+    ASSERT_EQ(lxBootCloseDevice(0), lxNoError);
+    // From now on it starts from its own flash, with its serial.
+    ASSERT_EQ(lxOpenDeviceBySerial(&h, kSerial), lxNoError);
+}
+
+} // namespace
