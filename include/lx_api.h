@@ -265,7 +265,7 @@ LX_API LxStatus lxGetSweepParameters(int32_t handle, double* actualRbw, double* 
  * lxSweepAlreadyActiveErr, lxFramingErr, lxConnectionLostErr. */
 LX_API LxStatus lxGetSweep(int32_t handle, float* minTrace, float* maxTrace, uint64_t* timestamp);
 
-/* ==== Real-time spectrum (mode 2) ===================================
+/* ==== Real-time spectrum (mode 2) ==========================================
  * One 61.44 MHz capture around the centre is transformed without gaps (50 %
  * overlapping FFTs of every sample) and folded into frames of 1/30 s: a min
  * and a max trace (or, with the average detector, the mean, in both), a
@@ -318,7 +318,6 @@ LX_API LxStatus lxGetRealTimeParameters(int32_t handle, double* actualRbw, int32
  * timestamp are then set to 0). */
 LX_API LxStatus lxGetRealTimeFrame(int32_t handle, float* frame, float* alphaFrame, float* minTrace,
                                    float* maxTrace, int32_t* frameCount, uint64_t* timestamp);
-=======
 /* ==== I/Q sweep list (mode 4) =============================================
  * A list of 1..1000 steps, each a block of I/Q samples at 61.44 MS/s centred
  * on the step's frequency: one pass of the list per request, up to 16
