@@ -285,6 +285,59 @@ LX_API LxStatus lxGetSweepParameters(int32_t handle, double* actualRbw, double* 
  * pending, lxFramingErr, lxConnectionLostErr. */
 LX_API LxStatus lxGetSweep(int32_t handle, float* minTrace, float* maxTrace, uint64_t* timestamp);
 
+/* ==== Real-time spectrum (mode 2) ==========================================
+ * One 61.44 MHz capture around the centre is transformed without gaps (50 %
+ * overlapping FFTs of every sample) and folded into frames of 1/30 s: a min
+ * and a max trace (or, with the average detector, the mean, in both), a
+ * density frame and an alpha (persistence) frame. */
+
+/* Span limited to 200 kHz .. 40 MHz, centre to 9 kHz .. 15 GHz
+ * (default 1 GHz, 40 MHz). */
+LX_API LxStatus lxSetRealTimeCenterSpan(int32_t handle, double centerHz, double spanHz);
+/* RBW limited to 2 kHz .. 1 MHz (default 30 kHz); the achieved value is
+ * reported by lxGetRealTimeParameters. */
+LX_API LxStatus lxSetRealTimeRBW(int32_t handle, double rbwHz);
+/* LxDetector (default min/max). */
+LX_API LxStatus lxSetRealTimeDetector(int32_t handle, int32_t detector);
+/* LxScale of the traces and the density frame, and the density frame's
+ * range: its top row is frameRefLevel (dBm, default 0), its bottom row
+ * frameRefLevel - frameScale (dB, default 100; keep it positive). On the
+ * linear scale the rows run from 0 to frameRefLevel in millivolts. The levels
+ * are stored as given (NaN: lxInvalidParameterErr). */
+LX_API LxStatus lxSetRealTimeScale(int32_t handle, int32_t scale, double frameRefLevel, double frameScale);
+/* LxWindow (default Nuttall). */
+LX_API LxStatus lxSetRealTimeWindow(int32_t handle, int32_t window);
+
+/* The figures the real-time set-up achieved; each output optional.
+ * actualRbw (Hz); sweepLength: points of each trace; actualStart: frequency
+ * of trace point 0 (Hz); binSize: spacing of trace points (Hz); frameWidth,
+ * frameHeight: columns and rows (256) of the density and alpha frames, column
+ * c covering trace points c * d .. c * d + d - 1 with d = sweepLength /
+ * frameWidth; minSignalDuration: the probability-of-intercept time (s), the
+ * shortest signal always seen at its full level. lxInvalidConfigurationErr
+ * when mode 2 is not configured. */
+LX_API LxStatus lxGetRealTimeParameters(int32_t handle, double* actualRbw, int32_t* sweepLength,
+                                        double* actualStart, double* binSize, int32_t* frameWidth,
+                                        int32_t* frameHeight, double* minSignalDuration);
+
+/* The next frame, in order, waiting for it when it is not complete yet; each
+ * output optional. frame: frameWidth x frameHeight floats, row-major, row 0
+ * the lowest level: the share of the spectra of the 39 most recent frames
+ * that fell in each cell, divided by 40 (so a cell hit by every spectrum
+ * reads 0.975). alphaFrame: the same layout, 1 where a cell was hit in this
+ * frame, fading by a factor 0.92 per frame since its last hit. minTrace,
+ * maxTrace: sweepLength floats (dBm, or mV on the linear scale).
+ * frameCount: the frame's number, 0 for the first after lxConfigure (a gap
+ * means frames were overwritten before they were read: 40 are kept);
+ * timestamp: host time (ns since 1970) when the frame closed.
+ * Status, each later one replacing the earlier: lxTempDrift, lxADCOverflow,
+ * lxUncalData (samples were lost, at the analyzer or because the host fell
+ * behind and gave up spectra), lxFramingErr, then a link error; each
+ * warning covers what happened since the previous read.
+ * lxInvalidConfigurationErr when mode 2 is not configured (frameCount and
+ * timestamp are then set to 0). */
+LX_API LxStatus lxGetRealTimeFrame(int32_t handle, float* frame, float* alphaFrame, float* minTrace,
+                                   float* maxTrace, int32_t* frameCount, uint64_t* timestamp);
 /* ==== I/Q sweep list (mode 4) =============================================
  * A list of 1..1000 steps, each a block of I/Q samples at 61.44 MS/s centred
  * on the step's frequency: one pass of the list per request, up to 16

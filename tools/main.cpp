@@ -4,6 +4,7 @@
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] list FREQ... | --csv FILE [options]
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] info [--serial N]
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] sweep [options]
+//   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] rt [options]
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] flash ACTION [options]
 //
 // The global options may also follow the subcommand. Exit codes: 0 done,
@@ -22,6 +23,7 @@
 #include "flash.h"
 #include "iq_list.h"
 #include "lx_api.h"
+#include "realtime.h"
 #include "sweep.h"
 
 using namespace lx::cli;
@@ -76,6 +78,8 @@ int main(int argc, char** argv) {
     info->footer(kGlobalFooter);
     SweepOptions sweepOptions;
     auto* sweep = AddSweepCommand(app, sweepOptions);
+    RealTimeOptions rtOptions;
+    auto* rt = AddRealTimeCommand(app, rtOptions);
     FlashOptions flashOptions;
     auto* flash = AddFlashCommand(app, flashOptions);
 
@@ -97,22 +101,24 @@ int main(int argc, char** argv) {
     }
 
     const auto extras = app.remaining();
-    const bool haveSubcommand = list->parsed() || info->parsed() || sweep->parsed() || flash->parsed();
+    const bool haveSubcommand =
+        list->parsed() || info->parsed() || sweep->parsed() || flash->parsed() || rt->parsed();
     if (!extras.empty()) {
         if (!haveSubcommand && extras.front().rfind('-', 0) != 0)
-            return UsageError("unknown subcommand '" + extras.front() + "' (try 'list', 'info', 'sweep' or 'flash')");
+            return UsageError("unknown subcommand '" + extras.front() + "' (try 'list', 'info', 'sweep', 'rt' or 'flash')");
         return UsageError("unexpected argument '" + extras.front() + "'");
     }
-    if (!haveSubcommand) return UsageError("a subcommand is required: 'list', 'info', 'sweep' or 'flash'");
+    if (!haveSubcommand) return UsageError("a subcommand is required: 'list', 'info', 'sweep', 'rt' or 'flash'");
     if (list->parsed() && !iqListOptions.Requested() && iqListOptions.AnyGiven(*list))
         return UsageError("list: the sweep-list options need frequencies or --csv");
     if (sim->count() > 0 && !scene.empty()) sceneFile = scene;
     // `sweep --scene FILE` is --sim=FILE spelt the way a measurement reads.
     const bool sceneOption = (sweep->parsed() && sweepOptions.scene.has_value()) ||
-                             (list->parsed() && iqListOptions.scene.has_value());
+                             (list->parsed() && iqListOptions.scene.has_value()) ||
+                             (rt->parsed() && rtOptions.scene.has_value());
     if (sceneOption) {
         if (sim->count() > 0) return UsageError("give the scene either as --sim=FILE or as --scene FILE");
-        sceneFile = sweep->parsed() ? sweepOptions.scene : iqListOptions.scene;
+        sceneFile = sweep->parsed() ? sweepOptions.scene : rt->parsed() ? rtOptions.scene : iqListOptions.scene;
     }
     const bool simulate = sim->count() > 0 || sceneOption;
     if (app.get_option("--sim-serial")->count() > 0 && !simulate)
@@ -129,6 +135,8 @@ int main(int argc, char** argv) {
             code = RunList(json);
         else if (info->parsed())
             code = RunInfo(serial, json);
+        else if (rt->parsed())
+            code = RunRealTime(rtOptions, json);
         else if (flash->parsed())
             code = RunFlash(flashOptions, json);
         else

@@ -320,6 +320,181 @@ void WritePlot(const std::string& path, const Trace& trace, const std::vector<Pe
     plend();
 }
 
+namespace {
+
+// Opens the PNG and draws nothing yet; the graticule's viewport is set.
+double BeginPicture(const std::string& path, const PlotOptions& options) {
+    if (!HasDevice("pngcairo"))
+        throw Failure(kExitFailure, "plotting '" + path + "': PLplot has no PNG driver",
+                      "install Debian's plplot-driver-cairo");
+    plsexit(PlplotExit);
+    plsdev("pngcairo");
+    plsfnam(path.c_str());
+    plspage(0, 0, options.width, options.height, 0, 0);
+    for (PLINT i = 0; i < static_cast<PLINT>(std::size(kPalette)); ++i)
+        plscol0a(i, kPalette[i].r, kPalette[i].g, kPalette[i].b, kPalette[i].alpha);
+    // Colour map 1: dark blue through cyan, green and yellow to red and white.
+    const PLFLT pos[] = {0.0, 0.2, 0.4, 0.6, 0.8, 1.0};
+    const PLFLT r[] = {0.05, 0.0, 0.1, 1.0, 1.0, 1.0};
+    const PLFLT g[] = {0.05, 0.55, 0.85, 0.9, 0.25, 1.0};
+    const PLFLT b[] = {0.45, 1.0, 0.3, 0.0, 0.1, 1.0};
+    plscmap1n(256);
+    plscmap1l(1, 6, pos, r, g, b, nullptr);
+    plinit();
+    pladv(0);
+    const double textScale = std::clamp(options.height / 720.0, 0.85, 3.0);
+    plschr(0, textScale);
+    plvpor(kGraticuleLeft, kGraticuleRight, 0.11, 0.87);
+    return textScale;
+}
+
+void Titles(const PlotOptions& options, double textScale) {
+    plschr(0, textScale * 1.15);
+    SetColour(kTitle);
+    plmtex("t", 3.0, 0.0, 0.0, options.title.c_str());
+    plschr(0, textScale * 0.85);
+    SetColour(kText);
+    plmtex("t", 1.3, 0.0, 0.0, options.subtitle.c_str());
+}
+
+// The settings rows, right of the colour bar.
+void SettingsPanel(const PlotOptions& options, double textScale) {
+    constexpr double kRows = 24;
+    plvpor(kPanelLeft + 0.05, 0.99, 0.11, 0.87);
+    plwind(0, 1, 0, kRows);
+    plschr(0, 0.66 * textScale);
+    double row = kRows - 0.7;
+    for (const auto& [label, value] : options.settings) {
+        SetColour(kText);
+        plptex(0.0, row, 1, 0, 0.0, label.c_str());
+        plptex(1.0, row, 1, 0, 1.0, value.c_str());
+        row -= 1;
+    }
+}
+
+void ColourBar(double zmin, double zmax, const char* label, double textScale) {
+    std::vector<PLFLT> values(64);
+    for (size_t i = 0; i < values.size(); ++i)
+        values[i] = zmin + (zmax - zmin) * static_cast<double>(i) / static_cast<double>(values.size() - 1);
+    const PLFLT* valueRows[] = {values.data()};
+    const PLINT nValues[] = {static_cast<PLINT>(values.size())};
+    const PLINT labelOpts[] = {PL_COLORBAR_LABEL_RIGHT};
+    const char* labels[] = {label};
+    const char* axisOpts[] = {"bcvtm"};
+    const PLFLT ticks[] = {0.0};
+    const PLINT subTicks[] = {0};
+    PLFLT w = 0, h = 0;
+    plschr(0, 0.7 * textScale);
+    SetColour(kText);
+    plcolorbar(&w, &h, PL_COLORBAR_IMAGE, PL_POSITION_RIGHT | PL_POSITION_OUTSIDE | PL_POSITION_VIEWPORT, 0.012, 0.0,
+               0.025, 1.0, kBackground, kFrame, 1, 0, 0, 0, 0, 1, labelOpts, labels, 1, axisOpts, ticks, subTicks,
+               nValues, valueRows);
+}
+
+void FrequencyBox(double xmin, double xmax, double ymin, double ymax, const FrequencyAxis& f, const char* yLabel) {
+    SetColour(kFrame);
+    plbox("bc", 0, 0, "bc", 0, 0);
+    SetColour(kText);
+    plbox("nst", NiceStep((xmax - xmin) / 8), 2, "nstv", NiceStep((ymax - ymin) / 8), 2);
+    plmtex("b", 2.8, 0.5, 0.5, f.label);
+    plmtex("l", 4.2, 0.5, 0.5, yLabel);
+}
+
+} // namespace
+
+void WriteDensityPlot(const std::string& path, const DensityPicture& p, const PlotOptions& options) {
+    if (p.width <= 0 || p.height <= 0 || p.density.size() != size_t(p.width) * size_t(p.height))
+        throw Failure(kExitFailure, "plotting: the frame has no cells");
+    const double textScale = BeginPicture(path, options);
+    const size_t n = p.maxTrace.size();
+    const double stop = p.start + p.binSize * static_cast<double>(n > 0 ? n - 1 : 0);
+    const FrequencyAxis f = AxisUnit(stop);
+    const double xmin = p.start / f.unit, xmax = std::max(stop, p.start + p.binSize) / f.unit;
+    const double ymin = p.bottom - p.rowStep / 2, ymax = p.bottom + (p.height - 0.5) * p.rowStep;
+    plwind(xmin, xmax, ymin, ymax);
+
+    // log10 of the density; cells never hit fall below zmin and stay dark.
+    double smallest = 1.0;
+    for (float v : p.density)
+        if (v > 0) smallest = std::min<double>(smallest, v);
+    const double zmin = std::floor(std::log10(smallest)), zmax = 0.0;
+    std::vector<std::vector<PLFLT>> cols(size_t(p.width), std::vector<PLFLT>(size_t(p.height)));
+    std::vector<const PLFLT*> rows(size_t(p.width));
+    for (int32_t c = 0; c < p.width; ++c) {
+        for (int32_t r = 0; r < p.height; ++r) {
+            const float v = p.density[size_t(r) * size_t(p.width) + size_t(c)];
+            cols[size_t(c)][size_t(r)] = v > 0 ? std::log10(static_cast<double>(v)) : zmin - 1.0;
+        }
+        rows[size_t(c)] = cols[size_t(c)].data();
+    }
+    plimage(rows.data(), p.width, p.height, xmin, xmax, ymin, ymax, zmin, zmax, xmin, xmax, ymin, ymax);
+
+    SetColour(kGrid);
+    const double xStep = NiceStep((xmax - xmin) / 8), yStep = NiceStep((ymax - ymin) / 8);
+    plwidth(0.6);
+    for (double v : Ticks(xmin, xmax, xStep)) pljoin(v, ymin, v, ymax);
+    for (double v : Ticks(ymin, ymax, yStep)) pljoin(xmin, v, xmax, v);
+    // The max trace, clipped to the frame's levels.
+    if (n > 0) {
+        std::vector<PLFLT> x(n), y(n);
+        for (size_t i = 0; i < n; ++i) {
+            x[i] = (p.start + p.binSize * static_cast<double>(i)) / f.unit;
+            y[i] = std::isfinite(p.maxTrace[i]) ? std::clamp<double>(p.maxTrace[i], ymin, ymax) : ymin;
+        }
+        plwidth(1.5 * textScale);
+        SetColour(kTitle);
+        plline(static_cast<PLINT>(n), x.data(), y.data());
+        plwidth(1.0);
+    }
+    FrequencyBox(xmin, xmax, ymin, ymax, f, p.linear ? "Level (mV)" : "Level (dBm)");
+    Titles(options, textScale);
+    ColourBar(zmin, zmax, "log10 density", textScale);
+    SettingsPanel(options, textScale);
+    plend();
+}
+
+void WriteWaterfallPlot(const std::string& path, const WaterfallPicture& p, const PlotOptions& options) {
+    if (p.frames.empty() || p.frames.front().empty()) throw Failure(kExitFailure, "plotting: no frames");
+    const double textScale = BeginPicture(path, options);
+    const size_t n = p.frames.front().size();
+    const double stop = p.start + p.binSize * static_cast<double>(n - 1);
+    const FrequencyAxis f = AxisUnit(stop);
+    const double xmin = p.start / f.unit, xmax = std::max(stop, p.start + p.binSize) / f.unit;
+    const double ymin = 0, ymax = p.frameSeconds * static_cast<double>(p.frames.size());
+    plwind(xmin, xmax, ymin, ymax);
+
+    // One column per pixel of the graticule, each the highest of its points.
+    const auto columns = std::min(n, static_cast<size_t>(options.width * (kGraticuleRight - kGraticuleLeft)));
+    std::vector<std::vector<PLFLT>> cols(columns, std::vector<PLFLT>(p.frames.size()));
+    std::vector<double> all;
+    for (size_t t = 0; t < p.frames.size(); ++t) {
+        const std::vector<float>& tr = p.frames[t];
+        for (size_t c = 0; c < columns; ++c) {
+            double v = -std::numeric_limits<double>::infinity();
+            for (size_t i = c * n / columns; i < (c + 1) * n / columns && i < tr.size(); ++i)
+                v = std::max<double>(v, tr[i]);
+            cols[c][t] = v;
+            if (std::isfinite(v)) all.push_back(v);
+        }
+    }
+    if (all.empty()) throw Failure(kExitFailure, "plotting: the traces hold no finite level");
+    std::sort(all.begin(), all.end());
+    // From the noise (the 5th percentile) to the strongest level.
+    const double zmin = all[all.size() / 20], zmax = std::max(all.back(), zmin + 1.0);
+    std::vector<const PLFLT*> rows(columns);
+    for (size_t c = 0; c < columns; ++c) {
+        for (PLFLT& v : cols[c]) v = std::clamp(v, zmin, zmax);
+        rows[c] = cols[c].data();
+    }
+    plimage(rows.data(), static_cast<PLINT>(columns), static_cast<PLINT>(p.frames.size()), xmin, xmax, ymin, ymax,
+            zmin, zmax, xmin, xmax, ymin, ymax);
+    FrequencyBox(xmin, xmax, ymin, ymax, f, "Time (s)");
+    Titles(options, textScale);
+    ColourBar(zmin, zmax, p.linear ? "max (mV)" : "max (dBm)", textScale);
+    SettingsPanel(options, textScale);
+    plend();
+}
+
 } // namespace lx::cli
 
 #if defined(__SANITIZE_ADDRESS__)

@@ -43,4 +43,29 @@ Envelope Decimate(const Trace& trace, const std::vector<float>& values, size_t c
 void WritePlot(const std::string& path, const Trace& trace, const std::vector<Peak>& peaks,
                const PlotOptions& options);
 
+// A real-time density (persistence) frame as lxGetRealTimeFrame delivers it:
+// width x height cells, row-major, row 0 the lowest level; the max trace of
+// the same frame over it. Row r covers the levels around bottom + r * rowStep.
+struct DensityPicture {
+    double start = 0, binSize = 0; // of the trace points
+    bool linear = false;
+    double bottom = 0, rowStep = 0; // dBm (mV on the linear scale)
+    int32_t width = 0, height = 0;
+    std::vector<float> density;
+    std::vector<float> maxTrace;
+};
+
+// The density on a logarithmic colour scale (cells never hit stay dark) with
+// its colour bar, and the max trace drawn over it.
+void WriteDensityPlot(const std::string& path, const DensityPicture& picture, const PlotOptions& options);
+
+// Max traces of successive frames, oldest at the bottom, level in colour.
+struct WaterfallPicture {
+    double start = 0, binSize = 0;
+    bool linear = false;
+    double frameSeconds = 1.0 / 30;
+    std::vector<std::vector<float>> frames;
+};
+void WriteWaterfallPlot(const std::string& path, const WaterfallPicture& picture, const PlotOptions& options);
+
 } // namespace lx::cli

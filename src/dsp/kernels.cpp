@@ -57,19 +57,73 @@ LX_DSP_CLONES void PowerLoop(const float* x, float* out, int64_t n) {
     }
 }
 
-// out[i] = 10 log10(p[i]) + offset. For a positive normal p = m 2^e with m in
+// 10 log10(p) + offset for a positive normal p = m 2^e with m in
 // [sqrt(1/2), sqrt(2)): ln m = 2 atanh(s), s = (m - 1)/(m + 1), |s| < 0.172; the
 // series to s^9 leaves under 1e-9 of ln m, so the float arithmetic sets the error.
+// Zero, subnormal and negative p give values far below -300 dB (not special-cased).
+inline float DbOfNormal(uint32_t bits, float offset) {
+    const int32_t e = static_cast<int32_t>(bits - 0x3f3504f3u) >> 23;
+    const float m = std::bit_cast<float>(bits - (static_cast<uint32_t>(e) << 23));
+    const float s = (m - 1.0f) / (m + 1.0f);
+    const float s2 = s * s;
+    const float series = 1.0f + s2 * (1.0f / 3 + s2 * (1.0f / 5 + s2 * (1.0f / 7 + s2 * (1.0f / 9))));
+    const float fe = static_cast<float>(e);
+    return fe * kDbPerOctaveHi + (fe * kDbPerOctaveLo + kDbPerNeper * (2.0f * s * series)) + offset;
+}
+
+// Round to nearest within 0..255. The clamp compares the float's bits as
+// integers and blends with masks: a float select on a value that comes from a
+// division keeps gcc from vectorising the loop.
+inline uint8_t Row(float v) {
+    constexpr int32_t kTop = std::bit_cast<int32_t>(255.0f);
+    const int32_t b = std::bit_cast<int32_t>(v);
+    const uint32_t neg = 0u - static_cast<uint32_t>(b < 0);     // below 0 (and -NaN): 0
+    const uint32_t big = 0u - static_cast<uint32_t>(b > kTop);  // above 255 (+inf, +NaN): 255
+    uint32_t c = static_cast<uint32_t>(b) & ~neg;
+    c = (c & ~big) | (static_cast<uint32_t>(kTop) & big);
+    return static_cast<uint8_t>(static_cast<int32_t>(std::bit_cast<float>(c) + 0.5f));
+}
+
+LX_DSP_CLONES void PowerRowsLogLoop(const float* x, float* __restrict power, uint8_t* __restrict rows, int64_t n,
+                                    float scale, float offset) {
+    for (int64_t i = 0; i < n; ++i) {
+        const float re = x[2 * i], im = x[2 * i + 1];
+        const float p = re * re + im * im;
+        power[i] = p;
+        // p is never negative; below the smallest normal (0 included) the row is 0.
+        const uint32_t bits = std::bit_cast<uint32_t>(p);
+        const uint32_t low = 0u - static_cast<uint32_t>(bits < 0x00800000u);
+        const float v = DbOfNormal(bits | (0x00800000u & low), 0.0f) * scale + offset;
+        const uint32_t vb = std::bit_cast<uint32_t>(v) & ~low;
+        rows[i] = Row(std::bit_cast<float>(vb | (std::bit_cast<uint32_t>(-1.0f) & low)));
+    }
+}
+
+// The square root without errno (p is never negative), so that it vectorises.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_THREAD__)
+#define LX_SQRT_CLONES \
+    __attribute__((target_clones("avx2", "default"), optimize("vect-cost-model=dynamic", "no-math-errno")))
+#elif defined(__GNUC__) && !defined(__clang__)
+#define LX_SQRT_CLONES __attribute__((optimize("vect-cost-model=dynamic", "no-math-errno")))
+#else
+#define LX_SQRT_CLONES
+#endif
+
+LX_SQRT_CLONES void PowerRowsLinearLoop(const float* x, float* __restrict power, uint8_t* __restrict rows, int64_t n,
+                                        float scale) {
+    for (int64_t i = 0; i < n; ++i) {
+        const float re = x[2 * i], im = x[2 * i + 1];
+        const float p = re * re + im * im;
+        power[i] = p;
+        rows[i] = Row(std::sqrt(p) * scale);
+    }
+}
+
+// out[i] = 10 log10(p[i]) + offset, with the special values below.
 LX_DSP_CLONES void ToDbLoop(const float* p, float* out, int64_t n, float offset) {
     for (int64_t i = 0; i < n; ++i) {
         const uint32_t bits = std::bit_cast<uint32_t>(p[i]);
-        const int32_t e = static_cast<int32_t>(bits - 0x3f3504f3u) >> 23;
-        const float m = std::bit_cast<float>(bits - (static_cast<uint32_t>(e) << 23));
-        const float s = (m - 1.0f) / (m + 1.0f);
-        const float s2 = s * s;
-        const float series = 1.0f + s2 * (1.0f / 3 + s2 * (1.0f / 5 + s2 * (1.0f / 7 + s2 * (1.0f / 9))));
-        const float fe = static_cast<float>(e);
-        float r = fe * kDbPerOctaveHi + (fe * kDbPerOctaveLo + kDbPerNeper * (2.0f * s * series)) + offset;
+        float r = DbOfNormal(bits, offset);
         // Special values, classified on the bits and blended with masks: written as
         // selects, gcc sinks the division into a branch and the loop stays scalar.
         const uint32_t low = 0u - static_cast<uint32_t>(bits - 0x00800000u >= 0x7f000000u); // 0, subnormal, < 0
@@ -142,6 +196,48 @@ DspStatus PowerDb(const cf32* x, float* out, int64_t count, float offsetDb) noex
 DspStatus PowerToDb(const float* p, float* out, int64_t count, float offsetDb) noexcept {
     if (Bad(p, out, count)) return DspStatus::kBadArgument;
     ToDbLoop(p, out, count, offsetDb);
+    return DspStatus::kOk;
+}
+
+namespace {
+
+// The vector loops store 32 rows at a time; a tail shorter than that would
+// run the scalar epilogue, which costs more than the body for the short
+// spans of small FFTs. The tail therefore goes through a padded block.
+constexpr int64_t kRowBlock = 32;
+
+template <typename Loop>
+void WithPaddedTail(const cf32* x, float* power, uint8_t* rows, int64_t count, Loop loop) {
+    const int64_t body = count / kRowBlock * kRowBlock;
+    if (body > 0) loop(F(x), power, rows, body);
+    const int64_t rest = count - body;
+    if (rest == 0) return;
+    alignas(64) float xt[2 * kRowBlock] = {};
+    alignas(64) float pt[kRowBlock];
+    alignas(64) uint8_t rt[kRowBlock];
+    std::memcpy(xt, x + body, sizeof(cf32) * static_cast<size_t>(rest));
+    loop(xt, pt, rt, kRowBlock);
+    std::memcpy(power + body, pt, sizeof(float) * static_cast<size_t>(rest));
+    std::memcpy(rows + body, rt, static_cast<size_t>(rest));
+}
+
+} // namespace
+
+DspStatus PowerAndRowsLog(const cf32* x, float* power, uint8_t* rows, int64_t count, float rowsPerDb,
+                          float rowOffset) noexcept {
+    if (Bad(x, power, count) || Bad(x, rows, count)) return DspStatus::kBadArgument;
+    WithPaddedTail(x, power, rows, count, [&](const float* a, float* p, uint8_t* r, int64_t n) {
+        PowerRowsLogLoop(a, p, r, n, rowsPerDb, rowOffset);
+    });
+    return DspStatus::kOk;
+}
+
+DspStatus PowerAndRowsLinear(const cf32* x, float* power, uint8_t* rows, int64_t count,
+                             float rowsPerAmplitude) noexcept {
+    if (Bad(x, power, count) || Bad(x, rows, count)) return DspStatus::kBadArgument;
+    WithPaddedTail(x, power, rows, count, [&](const float* a, float* p, uint8_t* r, int64_t n) {
+        PowerRowsLinearLoop(a, p, r, n, rowsPerAmplitude);
+    });
     return DspStatus::kOk;
 }
 

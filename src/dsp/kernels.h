@@ -59,4 +59,13 @@ DspStatus PowerDb(const cf32* x, float* out, int64_t count, float offsetDb = 0.0
 // out[k] = 10 log10(p[k]) + offsetDb.
 DspStatus PowerToDb(const float* p, float* out, int64_t count, float offsetDb = 0.0f) noexcept;
 
+// Power and amplitude row of spectrum bins in one pass (density displays):
+//   power[k] = |x[k]|^2 and rows[k] = clamp(round(10 log10(power[k]) * rowsPerDb + rowOffset), 0, 255)
+// with the dB of PowerDb; a power below the smallest normal float (zero) lands in row 0.
+DspStatus PowerAndRowsLog(const cf32* x, float* power, uint8_t* rows, int64_t count, float rowsPerDb,
+                          float rowOffset) noexcept;
+// The same with rows[k] = clamp(round(sqrt(power[k]) * rowsPerAmplitude), 0, 255).
+DspStatus PowerAndRowsLinear(const cf32* x, float* power, uint8_t* rows, int64_t count,
+                             float rowsPerAmplitude) noexcept;
+
 } // namespace lx::dsp

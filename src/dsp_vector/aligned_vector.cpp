@@ -36,5 +36,7 @@ template class AlignedVector<float>;
 template class AlignedVector<double>;
 template class AlignedVector<uint8_t>;
 template class AlignedVector<int16_t>;
+template class AlignedVector<uint16_t>;
+template class AlignedVector<uint32_t>;
 
 } // namespace lx

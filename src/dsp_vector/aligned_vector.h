@@ -102,5 +102,7 @@ extern template class AlignedVector<float>;
 extern template class AlignedVector<double>;
 extern template class AlignedVector<uint8_t>;
 extern template class AlignedVector<int16_t>;
+extern template class AlignedVector<uint16_t>;
+extern template class AlignedVector<uint32_t>;
 
 } // namespace lx

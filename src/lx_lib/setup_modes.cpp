@@ -2,6 +2,7 @@
 
 #include "engines/iq_sweep_list_engine.h"
 #include "engines/narrow_span_engine.h"
+#include "engines/realtime_engine.h"
 #include "engines/sweep_engine.h"
 
 namespace lx {
@@ -14,9 +15,11 @@ LxStatus SetupMode(Device& dev, int32_t mode) {
         // Spans below 5 MHz fit one capture: the narrow-span engine.
         if (dev.sweep.stop - dev.sweep.start < engines::kMinSweepSpanHz) return engines::SetupNarrowSpan(dev);
         return engines::SetupSweep(dev);
+    case 2:
+        return engines::SetupRealTime(dev);
     case 4:
         return engines::SetupIqSweepList(dev);
-    case 2: case 3: case 5: case 100:
+    case 3: case 5: case 100:
         return lxInvalidConfigurationErr;
     default:
         return lxInvalidParameterErr;

@@ -1,0 +1,525 @@
+#include "engines/realtime_engine.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <ctime>
+#include <limits>
+#include <span>
+#include <thread>
+#include <vector>
+
+#include "common/lx_assert.h"
+#include "dsp/kernels.h"
+#include "dsp/simd.h"
+#include "dsp/window.h"
+#include "engines/step_processor.h"
+#include "engines/sweep_plan.h"
+#include "lx_command/status_packet.h"
+#include "usb/usb_transport.h"
+
+namespace lx::engines {
+
+namespace {
+
+constexpr int64_t kBlockSamples = int64_t{kRtBlockPackets} * kSamplesPerPacket;    // 260,096
+constexpr size_t kBlockSampleBytes = static_cast<size_t>(kBlockSamples) * 4;       // 1,040,384
+constexpr float kMilliVoltsPerSqrtMilliWatt = 223.6f;
+constexpr double kDbmToMvOffset = 46.9897;
+constexpr auto kReaderPoll = std::chrono::milliseconds(1);
+
+LX_DSP_CLONES void MinMaxLoop(const float* __restrict p, float* __restrict mn, float* __restrict mx, int64_t n) {
+    for (int64_t i = 0; i < n; ++i) {
+        mn[i] = p[i] < mn[i] ? p[i] : mn[i];
+        mx[i] = p[i] > mx[i] ? p[i] : mx[i];
+    }
+}
+
+LX_DSP_CLONES void SumLoop(const float* __restrict p, double* __restrict sum, int64_t n) {
+    for (int64_t i = 0; i < n; ++i) sum[i] += static_cast<double>(p[i]);
+}
+
+// One count per bin: the cell is the bin's column base plus its row.
+void CountLoop(const uint8_t* __restrict rows, const uint32_t* __restrict base, uint16_t* __restrict count,
+               int64_t n) {
+    for (int64_t i = 0; i < n; ++i) ++count[base[i] + rows[i]];
+}
+
+// density = sum += cur - oldest (the oldest frame leaves, this one enters).
+LX_DSP_CLONES void DensityLoop(const uint16_t* __restrict cur, const uint16_t* __restrict oldest,
+                               uint32_t* __restrict sum, uint32_t* __restrict density, int64_t n) {
+    for (int64_t i = 0; i < n; ++i) {
+        const uint32_t v = sum[i] + cur[i] - oldest[i];
+        sum[i] = v;
+        density[i] = v;
+    }
+}
+
+// 1 where hit, else the previous value faded (0 stays 0).
+LX_DSP_CLONES void AlphaLoop(const uint16_t* __restrict cur, const float* __restrict prev, float* __restrict alpha,
+                             int64_t n) {
+    for (int64_t i = 0; i < n; ++i) alpha[i] = cur[i] != 0 ? 1.0f : prev[i] * kAlphaDecay;
+}
+
+int64_t ThreadCpuNs() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return int64_t{t.tv_sec} * 1000000000 + t.tv_nsec;
+}
+
+uint64_t WallClockNs() {
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count());
+}
+
+} // namespace
+
+RealTimeEngine::RealTimeEngine(Device& device, RealTimePlan plan, CommandList start, CommandList transfer)
+    : device_(device),
+      plan_(std::move(plan)),
+      start_(std::move(start)),
+      transfer_(std::move(transfer)),
+      spectrumCapacity_(kRtSpectrumRingFloats / std::max(plan_.fftSize, 1)) {
+    const int64_t n = plan_.fftSize;
+    const int64_t len = plan_.sweepLength;
+    const int64_t cells = int64_t{plan_.frameWidth} * kFrameHeight;
+    LX_ASSERT_TEXT(dsp::IsPowerOf2(n), "IsPowerOf2(n)", "src/dsp");
+
+    samples_.resize(2 * (kRtRingSamples + n));
+    samples_.zero();
+
+    // The window over its own samples only, normalised to mean 1 over the N
+    // points and carrying the FFT's 1/N: w / sum(w).
+    {
+        std::vector<double> w(static_cast<size_t>(plan_.windowLength));
+        dsp::GenerateWindow(plan_.window, w.data(), plan_.windowLength);
+        double sum = 0;
+        for (double v : w) sum += v;
+        window_.resize(plan_.windowLength);
+        for (int64_t i = 0; i < plan_.windowLength; ++i)
+            window_[i] = static_cast<float>(w[static_cast<size_t>(i)] / sum);
+    }
+    fft_ = dsp::FftPlan::Get(static_cast<int>(n));
+    LX_ASSERT_TEXT(fft_ != nullptr, "status == ippStsNoErr", "src/dsp");
+    fftIn_.resize(n);
+    fftIn_.zero(); // the zero padding is never written again
+    fftOut_.resize(n);
+    if (plan_.capture.mirrored) mirrored_.resize(len);
+    // Touched here, so that no page fault lands in the streaming threads.
+    spectra_.resize(spectrumCapacity_ * len);
+    spectra_.zero();
+    rows_.resize(spectrumCapacity_ * len);
+    rows_.zero();
+
+    minAcc_.resize(len);
+    maxAcc_.resize(len);
+    sumAcc_.resize(len);
+    densitySum_.resize(cells);
+    densitySum_.zero();
+    columnBase_.resize(static_cast<size_t>(len));
+    for (int64_t i = 0; i < len; ++i)
+        columnBase_[static_cast<size_t>(i)] = static_cast<uint32_t>(i / plan_.decimation * kFrameHeight);
+    slots_ = std::make_unique<Slot[]>(kFrameSlots);
+    for (int i = 0; i < kFrameSlots; ++i) {
+        Slot& s = slots_[i];
+        s.minTrace.resize(len);
+        s.maxTrace.resize(len);
+        s.count.resize(cells);
+        s.count.zero();
+        s.density.resize(cells);
+        s.density.zero();
+        s.alpha.resize(cells);
+        s.alpha.zero();
+    }
+    statusQueue_.resize(kRtStatusQueue * kAuxRecordBytes);
+    device_.Transport().SetFramingError(false);
+
+    workers_.AddWakeEvent(&fftWake_);
+    workers_.AddWakeEvent(&accumWake_);
+    // The USB thread drives the transport until the engine is stopped;
+    // housekeeping calls answer from the last status packet meanwhile.
+    device_.ClaimTransport();
+    workers_.Start("LX Real Time USB Thread", ThreadPriority::TimeCritical, [this] { UsbThread(); });
+    workers_.Start("LX Real Time FFT Thread", ThreadPriority::AboveNormal, [this] { FftThread(); });
+    workers_.Start("LX Real Time Accum Thread", ThreadPriority::AboveNormal, [this] { AccumThread(); });
+    // The reader must find slot 0 held until its frame is complete.
+    accumReady_.Wait();
+}
+
+RealTimeEngine::~RealTimeEngine() { Stop(); }
+
+void RealTimeEngine::Stop() { workers_.Stop(); }
+
+// ---- USB thread ---------------------------------------------------------------------
+
+void RealTimeEngine::UsbThread() {
+    usb::UsbTransport& link = device_.Transport();
+    const std::span<const uint32_t> block(transfer_.Words());
+    LX_ASSERT_TEXT(!block.empty(), "false", "src/lx_command");
+    if (block.empty() || !link.Send(start_)) {
+        usbFailed_.store(true);
+        usbDone_.store(true, std::memory_order_release);
+        fftWake_.Set();
+        return;
+    }
+    // One request more than reads in flight: when every read has completed
+    // before the host re-queues one (a fast device), the device still holds
+    // a request and streams on without a gap.
+    link.BeginWrite(kRtLeadSlot, block, kRtTransferTimeoutMs);
+    link.FinishWrite(kRtLeadSlot);
+    for (int i = 0; i < kRtTransfersInFlight; ++i) {
+        link.BeginRead(i, kRtTransferBytes, kRtTransferTimeoutMs);
+        link.BeginWrite(i, block, kRtTransferTimeoutMs);
+    }
+    int slot = 0;
+    while (workers_.running()) {
+        const usb::TransferResult w = link.FinishWrite(slot);
+        const usb::TransferResult r = link.FinishRead(slot);
+        if (w.timedOut || r.timedOut || r.transferred != kRtTransferBytes || r.buffer == nullptr) {
+            usbFailed_.store(true);
+            // Wake a reader that waits on the slot lock: it sees the failure.
+            break;
+        }
+        TakeBlock(r.buffer);
+        if (slot == 0) {
+            // The full intake of one status packet in twelve.
+            std::lock_guard<std::mutex> lock(statusMutex_);
+            const int at = (statusHead_ + statusCount_) % kRtStatusQueue;
+            std::memcpy(statusQueue_.data() + static_cast<size_t>(at) * kAuxRecordBytes, r.buffer + kBlockSampleBytes,
+                        kAuxRecordBytes);
+            if (statusCount_ < kRtStatusQueue)
+                ++statusCount_;
+            else
+                statusHead_ = (statusHead_ + 1) % kRtStatusQueue; // the oldest goes
+        }
+        link.BeginRead(slot, kRtTransferBytes, kRtTransferTimeoutMs);
+        link.BeginWrite(slot, block, kRtTransferTimeoutMs);
+        slot = (slot + 1) % kRtTransfersInFlight;
+    }
+
+    // Stop the stream, then take what is still in flight so that nothing is
+    // left outstanding on the link.
+    CommandList stop;
+    EncodeStopBlock(stop);
+    link.BeginWrite(kRtStopSlot, std::span<const uint32_t>(stop.Words()), kRtTransferTimeoutMs);
+    link.FinishWrite(kRtStopSlot);
+    const int first = usbFailed_.load() ? (slot + 1) % kRtTransfersInFlight : slot;
+    for (int k = 0; k < kRtTransfersInFlight; ++k) {
+        const int i = (first + k) % kRtTransfersInFlight;
+        if (usbFailed_.load() && i == slot) continue; // already finished
+        link.FinishWrite(i);
+        link.FinishRead(i);
+    }
+    // The lead request's data.
+    link.BeginRead(kRtLeadSlot, kRtTransferBytes, kRtTransferTimeoutMs);
+    link.FinishRead(kRtLeadSlot);
+    usbDone_.store(true, std::memory_order_release);
+    fftWake_.Set();
+}
+
+void RealTimeEngine::TakeBlock(const uint8_t* data) {
+    const uint8_t* status = data + kBlockSampleBytes;
+    if (!HasAuxMagic(status)) {
+        framing_.store(true);
+        device_.Transport().SetFramingError(true);
+    } else {
+        // Every packet: the device keeps these bits until it sends a status packet.
+        const uint32_t word = AuxRead<uint32_t>(status, kAuxStatusWordOffset);
+        if (word & kAuxStatusAdcOverflow) adcOverflow_.store(true);
+        if (word & kAuxStatusDataLoss) dataLoss_.store(true);
+        if (received_.load(std::memory_order_relaxed) == 0) {
+            // The block's first sample left the antenna at K - 2 B + L(1).
+            const auto k = static_cast<int64_t>(AuxRead<uint64_t>(status, kAuxSampleCounterOffset));
+            firstTick_.store(k - 2 * kBlockSamples + PipelineOffsetTicks(1), std::memory_order_relaxed);
+        }
+    }
+
+    const int64_t w = written_.load(std::memory_order_relaxed);
+    if (w + kBlockSamples - released_.load(std::memory_order_acquire) > kRtRingSamples) {
+        // The FFT thread is a whole ring behind. Waiting here holds the
+        // stream up: an analyzer then overruns its own buffer and says so
+        // (data-loss bit), a simulated one just waits.
+        ringWaits_.fetch_add(1, std::memory_order_relaxed);
+        // The FFT thread runs until this thread is done, also on stop, so
+        // room always comes.
+        do {
+            fftWake_.Set();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        } while (w + kBlockSamples - released_.load(std::memory_order_acquire) > kRtRingSamples);
+    }
+    const int64_t n = plan_.fftSize;
+    const auto* src = reinterpret_cast<const int16_t*>(data);
+    int16_t* ring = samples_.span().data();
+    for (int64_t done = 0; done < kBlockSamples;) {
+        const int64_t pos = (w + done) % kRtRingSamples;
+        const int64_t run = std::min(kBlockSamples - done, kRtRingSamples - pos);
+        std::memcpy(ring + 2 * pos, src + 2 * done, static_cast<size_t>(run) * 4);
+        // The first N samples of the ring again after its end.
+        if (pos < n) {
+            const int64_t m = std::min(run, n - pos);
+            std::memcpy(ring + 2 * (kRtRingSamples + pos), src + 2 * done, static_cast<size_t>(m) * 4);
+        }
+        done += run;
+    }
+    written_.store(w + kBlockSamples, std::memory_order_release);
+    received_.fetch_add(kBlockSamples, std::memory_order_relaxed);
+    fftWake_.Set();
+}
+
+// ---- FFT thread ---------------------------------------------------------------------
+
+void RealTimeEngine::FftThread() {
+    const int64_t n = plan_.fftSize;
+    const int64_t half = n / 2;
+    const int64_t len = plan_.sweepLength;
+    const int64_t before = plan_.ZeroPadBefore();
+    const int64_t wake = plan_.WakeInterval();
+    const bool linear = plan_.scale == static_cast<int32_t>(Scale::kLinear);
+    const bool mirrored = plan_.capture.mirrored;
+    const int64_t first = plan_.FirstFftBin();
+    // Row of a value v: (v + B - A) * 2.56 * 100 / B on the dB scales, with v =
+    // 10 log10(p) + gain; v * 255 / (A in mV) on the linear one, v = sqrt(p) * 223.6 * gain.
+    const double gainDb = plan_.scale == static_cast<int32_t>(Scale::kLogNoStepGain) ? 0.0 : plan_.gainDb;
+    const double rowsPerDb = 2.56 * 100.0 / plan_.frameScale;
+    const auto rowOffset = static_cast<float>((gainDb + plan_.frameScale - plan_.frameRefLevel) * rowsPerDb);
+    const auto rowsPerAmplitude = static_cast<float>(kMilliVoltsPerSqrtMilliWatt * std::pow(10.0, plan_.gainDb / 20.0) *
+                                                     255.0 / std::pow(10.0, (plan_.frameRefLevel + kDbmToMvOffset) / 20.0));
+
+    const int16_t* ring = samples_.span().data();
+    const float* window = window_.span().data();
+    cf32* in = fftIn_.span().data();
+    cf32* out = fftOut_.span().data();
+    int64_t r = 0;
+    int64_t produced = 0;
+    for (;;) {
+        // On stop, what the USB thread wrote is still transformed: the
+        // spectra account for every sample taken from the link.
+        const bool last = !workers_.running() && usbDone_.load(std::memory_order_acquire);
+        while (written_.load(std::memory_order_acquire) - r >= n) {
+            if (produced - consumed_.load(std::memory_order_acquire) >= spectrumCapacity_) {
+                // The accumulator is a whole ring behind. Wait for it while the
+                // sample ring can still take the stream; only when waiting
+                // would hold up the USB thread is the spectrum given up.
+                if (written_.load(std::memory_order_acquire) - r + 2 * kBlockSamples < kRtRingSamples) {
+                    accumWake_.Set();
+                    std::this_thread::sleep_for(std::chrono::microseconds(200));
+                    continue;
+                }
+                lostSpectra_.fetch_add(1, std::memory_order_relaxed);
+                lostSinceRead_.store(true, std::memory_order_relaxed);
+            } else {
+                const int64_t pos = r % kRtRingSamples;
+                dsp::ConvertIq16Windowed(ring + 2 * (pos + before), window, in + before, plan_.windowLength);
+                const dsp::DspStatus st = fft_->Execute(in, out);
+                LX_ASSERT_TEXT(st == dsp::DspStatus::kOk, "status == ippStsNoErr", "src/dsp");
+                const int64_t slot = produced % spectrumCapacity_;
+                float* power = spectra_.span().data() + slot * len;
+                uint8_t* rows = rows_.span().data() + slot * len;
+                // The kept bins in trace order: up from `first` (wrapping past
+                // N - 1 to 0), or down from it in a mirrored capture.
+                const cf32* src = out + first;
+                int64_t direct = std::min(len, n - first);
+                if (mirrored) {
+                    cf32* m = mirrored_.span().data();
+                    for (int64_t i = 0; i < len; ++i) m[i] = out[(first - i + n) % n];
+                    src = m;
+                    direct = len;
+                }
+                auto emit = [&](const cf32* x, int64_t at, int64_t count) {
+                    if (linear)
+                        dsp::PowerAndRowsLinear(x, power + at, rows + at, count, rowsPerAmplitude);
+                    else
+                        dsp::PowerAndRowsLog(x, power + at, rows + at, count, static_cast<float>(rowsPerDb), rowOffset);
+                };
+                emit(src, 0, direct);
+                if (direct < len) emit(out, direct, len - direct);
+                produced_.store(++produced, std::memory_order_release);
+                if (produced % wake == 0) accumWake_.Set();
+            }
+            r += half;
+            released_.store(r, std::memory_order_release);
+        }
+        fftCpuNs_.store(ThreadCpuNs(), std::memory_order_relaxed);
+        if (last) break;
+        fftWake_.Wait();
+    }
+    fftDone_.store(true, std::memory_order_release);
+    accumWake_.Set();
+}
+
+// ---- accumulator thread ---------------------------------------------------------------
+
+void RealTimeEngine::Accumulate(Slot& slot, const float* power, const uint8_t* rows, int64_t index) {
+    const int64_t len = plan_.sweepLength;
+    if (plan_.detector == static_cast<int32_t>(Detector::kAverage)) {
+        SumLoop(power, sumAcc_.span().data(), len);
+    } else if (index == 0) {
+        std::memcpy(minAcc_.span().data(), power, sizeof(float) * static_cast<size_t>(len));
+        std::memcpy(maxAcc_.span().data(), power, sizeof(float) * static_cast<size_t>(len));
+    } else {
+        MinMaxLoop(power, minAcc_.span().data(), maxAcc_.span().data(), len);
+    }
+    CountLoop(rows, columnBase_.data(), slot.count.span().data(), len);
+}
+
+void RealTimeEngine::CloseFrame(int32_t cur) {
+    Slot& s = slots_[cur];
+    const int64_t len = plan_.sweepLength;
+    const int64_t cells = int64_t{plan_.frameWidth} * kFrameHeight;
+    const size_t bytes = sizeof(float) * static_cast<size_t>(len);
+    if (plan_.detector == static_cast<int32_t>(Detector::kAverage)) {
+        const double inv = 1.0 / static_cast<double>(plan_.spectraPerFrame);
+        const double* sum = sumAcc_.span().data();
+        float* mx = s.maxTrace.span().data();
+        for (int64_t i = 0; i < len; ++i) mx[i] = static_cast<float>(sum[i] * inv);
+        std::memcpy(s.minTrace.span().data(), mx, bytes);
+        sumAcc_.zero();
+    } else {
+        std::memcpy(s.minTrace.span().data(), minAcc_.span().data(), bytes);
+        std::memcpy(s.maxTrace.span().data(), maxAcc_.span().data(), bytes);
+    }
+    // The next slot holds the oldest frame still counted: it leaves the sum,
+    // so the density covers the 39 most recent frames.
+    const Slot& oldest = slots_[(cur + 1) % kFrameSlots];
+    DensityLoop(s.count.span().data(), oldest.count.span().data(), densitySum_.span().data(), s.density.span().data(),
+                cells);
+    const Slot& prev = slots_[(cur + kFrameSlots - 1) % kFrameSlots];
+    AlphaLoop(s.count.span().data(), prev.alpha.span().data(), s.alpha.span().data(), cells);
+    s.frameNumber = frameNumber_++;
+    s.timestamp = WallClockNs();
+}
+
+void RealTimeEngine::AccumThread() {
+    const int64_t len = plan_.sweepLength;
+    int32_t cur = 0;
+    std::unique_lock<std::mutex> lock(slots_[0].mutex);
+    accumReady_.Set();
+    int64_t inFrame = 0;
+    int64_t consumed = 0;
+    for (;;) {
+        const bool last = !workers_.running() && fftDone_.load(std::memory_order_acquire);
+        while (consumed < produced_.load(std::memory_order_acquire)) {
+            const int64_t at = consumed % spectrumCapacity_;
+            Accumulate(slots_[cur], spectra_.span().data() + at * len, rows_.span().data() + at * len, inFrame);
+            consumed_.store(++consumed, std::memory_order_release);
+            if (++inFrame < plan_.spectraPerFrame) continue;
+            CloseFrame(cur);
+            const int32_t next = (cur + 1) % kFrameSlots;
+            std::unique_lock<std::mutex> nextLock(slots_[next].mutex);
+            std::swap(lock, nextLock);
+            nextLock.unlock();
+            cur = next;
+            slots_[cur].count.zero();
+            inFrame = 0;
+        }
+        accumCpuNs_.store(ThreadCpuNs(), std::memory_order_relaxed);
+        if (last) break;
+        accumWake_.Wait();
+    }
+}
+
+// ---- caller's side ------------------------------------------------------------------
+
+LxStatus RealTimeEngine::Frame(float* frame, float* alpha, float* minTrace, float* maxTrace, int32_t* frameCount,
+                               uint64_t* timestamp) {
+    usb::UsbTransport& link = device_.Transport();
+    Slot& s = slots_[readSlot_];
+    // Polled rather than a timed lock: the wait must end when the stream
+    // fails (the accumulator then holds the slot for good).
+    std::unique_lock<std::mutex> lock(s.mutex, std::defer_lock);
+    while (!lock.try_lock()) {
+        std::this_thread::sleep_for(kReaderPoll);
+        if (usbFailed_.load() || !workers_.running()) {
+            if (frameCount) *frameCount = 0;
+            if (timestamp) *timestamp = 0;
+            const LxStatus l = link.LinkStatus();
+            return l != lxNoError ? l : lxConnectionLostErr;
+        }
+    }
+    const int64_t len = plan_.sweepLength;
+    const int64_t width = plan_.frameWidth;
+    const size_t bytes = sizeof(float) * static_cast<size_t>(len);
+    if (minTrace) std::memcpy(minTrace, s.minTrace.span().data(), bytes);
+    if (maxTrace) std::memcpy(maxTrace, s.maxTrace.span().data(), bytes);
+    if (frame) {
+        // A cell hit by every spectrum of all 39 frames reads 39 / 40.
+        const float scale = static_cast<float>(
+            1.0 / (static_cast<double>(plan_.spectraPerFrame) * plan_.decimation * kFrameSlots));
+        const uint32_t* d = s.density.span().data();
+        for (int64_t c = 0; c < width; ++c)
+            for (int64_t row = 0; row < kFrameHeight; ++row)
+                frame[row * width + c] = static_cast<float>(d[c * kFrameHeight + row]) * scale;
+    }
+    if (alpha) {
+        const float* a = s.alpha.span().data();
+        for (int64_t c = 0; c < width; ++c)
+            for (int64_t row = 0; row < kFrameHeight; ++row) alpha[row * width + c] = a[c * kFrameHeight + row];
+    }
+    if (frameCount) *frameCount = s.frameNumber;
+    if (timestamp) *timestamp = s.timestamp;
+    lock.unlock();
+    readSlot_ = (readSlot_ + 1) % kFrameSlots;
+
+    StepProcessorConfig units;
+    units.videoUnits = static_cast<int32_t>(VideoUnits::kPower);
+    units.scale = plan_.scale;
+    StepProcessor::ConvertToScale(units, plan_.gainDb, minTrace, minTrace ? len : 0);
+    StepProcessor::ConvertToScale(units, plan_.gainDb, maxTrace, maxTrace ? len : 0);
+
+    // The status packets queued since the last read, into the device.
+    {
+        std::vector<uint8_t> record(kAuxRecordBytes);
+        for (;;) {
+            {
+                std::lock_guard<std::mutex> q(statusMutex_);
+                if (statusCount_ == 0) break;
+                std::memcpy(record.data(), statusQueue_.data() + static_cast<size_t>(statusHead_) * kAuxRecordBytes,
+                            kAuxRecordBytes);
+                statusHead_ = (statusHead_ + 1) % kRtStatusQueue;
+                --statusCount_;
+            }
+            device_.TakeStatusPacket(record.data());
+        }
+    }
+
+    const bool lostSpectra = lostSinceRead_.exchange(false);
+    // Weakest first, each later one replacing the earlier.
+    LxStatus status = lxNoError;
+    if (std::fabs(device_.temperature - device_.temperatureAtConfigure) > 2.0f) status = lxTempDrift;
+    if (adcOverflow_.exchange(false)) status = lxADCOverflow;
+    if (dataLoss_.exchange(false) || lostSpectra) status = lxUncalData;
+    if (framing_.exchange(false)) status = lxFramingErr;
+    if (const LxStatus l = link.LinkStatus(); l != lxNoError) status = l;
+    return status;
+}
+
+// ---- set-up -------------------------------------------------------------------------
+
+LxStatus SetupRealTime(Device& dev) {
+    RealTimePlan plan = PlanRealTime(dev.realTime, dev.attenuator, dev.refLevel);
+    const CalBracket bracket{dev.correctionIndex, static_cast<float>(dev.correctionFraction)};
+    FillRealTimeCorrection(plan, dev.Cal(), bracket);
+    TuningState tuning;
+    CommandList start = BuildRealTimeStartCommands(plan, tuning);
+    CommandList transfer = BuildRealTimeTransferCommands();
+    RealTimeResults r;
+    r.actualRbw = plan.actualRbw;
+    r.sweepLength = plan.sweepLength;
+    r.actualStart = plan.actualStart;
+    r.binSize = plan.binSize;
+    r.frameWidth = plan.frameWidth;
+    r.frameHeight = kFrameHeight;
+    r.minSignalDuration = plan.poiSeconds;
+
+    dev.engines[kRealTimeEngine].reset();
+    dev.hwDecimation = 1;
+    // May throw (no memory, no thread): the device then keeps nothing of this set-up.
+    dev.engines[kRealTimeEngine] =
+        std::make_unique<RealTimeEngine>(dev, std::move(plan), std::move(start), std::move(transfer));
+    dev.realTimeResults = r;
+    return lxNoError;
+}
+
+} // namespace lx::engines

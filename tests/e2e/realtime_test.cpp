@@ -1,0 +1,254 @@
+// Real-time frames through the public API on simulated analyzers, checked
+// against the scene: a CW tone's density cell and its fading alpha, the row
+// distribution of pure noise against the exponential law of periodogram
+// power, and the warnings that scene changes and injected faults raise.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "e2e_support.h"
+
+namespace {
+
+std::string ToneScene(double hz, double dbm, double noiseDbmHz, const std::string& extra = "") {
+    char b[256];
+    std::snprintf(b, sizeof b,
+                  "{\"emitters\": [{\"kind\": \"tone\", \"frequency_hz\": %.3f, \"power_dbm\": %.3f}], "
+                  "\"noise_floor_dbm_hz\": %.2f%s%s}",
+                  hz, dbm, noiseDbmHz, extra.empty() ? "" : ", ", extra.c_str());
+    return b;
+}
+
+// A loaded host may give up spectra (they are counted and the frame says
+// lxUncalData); the frames it delivers are still whole.
+bool Delivered(LxStatus s) { return s == lxNoError || s == lxUncalData; }
+
+struct Frame {
+    LxStatus status = lxNoError;
+    std::vector<float> density, alpha, mn, mx;
+    int32_t count = -1;
+    uint64_t stamp = 0;
+};
+
+class RealTime : public e2e::SimTest {
+protected:
+    static constexpr int32_t kSerial = 40000201;
+    int32_t h = -1;
+    double rbw = 0, start = 0, bin = 0, poi = 0;
+    int32_t length = 0, width = 0, height = 0;
+
+    void Open(const std::string& scene) { h = AttachAndOpen(kSerial, scene); }
+
+    void Configure(double centre, double span, double rbwHz, int32_t window, double refLevel, double frameScale,
+                   int32_t detector = 1, int32_t scale = 0) {
+        ASSERT_EQ(lxSetRealTimeCenterSpan(h, centre, span), lxNoError);
+        ASSERT_EQ(lxSetRealTimeRBW(h, rbwHz), lxNoError);
+        ASSERT_EQ(lxSetRealTimeWindow(h, window), lxNoError);
+        ASSERT_EQ(lxSetRealTimeDetector(h, detector), lxNoError);
+        ASSERT_EQ(lxSetRealTimeScale(h, scale, refLevel, frameScale), lxNoError);
+        ASSERT_EQ(lxConfigure(h, 2), lxNoError);
+        ASSERT_EQ(lxGetRealTimeParameters(h, &rbw, &length, &start, &bin, &width, &height, &poi), lxNoError);
+    }
+
+    Frame Next() {
+        Frame f;
+        f.density.assign(size_t(width) * size_t(height), NAN);
+        f.alpha.assign(f.density.size(), NAN);
+        f.mn.assign(size_t(length), NAN);
+        f.mx.assign(size_t(length), NAN);
+        f.status = lxGetRealTimeFrame(h, f.density.data(), f.alpha.data(), f.mn.data(), f.mx.data(), &f.count, &f.stamp);
+        return f;
+    }
+
+    int32_t Column(double hz) const {
+        return int32_t(std::lround((hz - start) / bin)) / (length / width);
+    }
+    float Cell(const std::vector<float>& frame, int32_t column, int32_t row) const {
+        return frame[size_t(row) * size_t(width) + size_t(column)];
+    }
+};
+
+// A tone that every spectrum puts in the same cell: its density climbs by
+// 1/40 per frame up to 39/40 and stays there; its alpha is 1 while it is on
+// and fades by 0.92 per frame once it is gone.
+TEST_F(RealTime, ToneCellFillsTo39Of40AndItsAlphaFadesWhenTheToneGoes) {
+    const double tone = 1.0031e9, dbm = -30.0;
+    Open(ToneScene(tone, dbm, -150.0));
+    // Row 150 of a 100 dB frame is 41.4 dB below its top: place the top so
+    // that the tone's level lands in the middle of that row.
+    Configure(1e9, 10e6, 100e3, 0, 0.0, 100.0);
+    Frame f = Next();
+    ASSERT_TRUE(Delivered(f.status)) << f.status;
+    const int64_t k = std::lround((tone - start) / bin);
+    EXPECT_NEAR(f.mx[size_t(k)], dbm, 0.3); // flat-top: the level wherever the tone falls in its bin
+    const double top = f.mx[size_t(k)] + 100.0 - 150.0 / 2.56;
+    Configure(1e9, 10e6, 100e3, 0, top, 100.0);
+    ASSERT_EQ(length, width); // no decimation: one trace point per column
+    const int32_t col = Column(tone);
+    for (int32_t n = 0; n < 42; ++n) {
+        f = Next();
+        ASSERT_TRUE(Delivered(f.status)) << f.status << " frame " << n;
+        ASSERT_EQ(f.count, n);
+        const double expected = std::min(n + 1, 39) / 40.0;
+        EXPECT_NEAR(Cell(f.density, col, 150), expected, 1e-6) << "frame " << n;
+        EXPECT_EQ(Cell(f.alpha, col, 150), 1.0f);
+        EXPECT_EQ(Cell(f.alpha, col, 170), 0.0f); // 8 dB above the tone: never hit
+    }
+    EXPECT_NEAR(f.mn[size_t(k)], f.mx[size_t(k)], 0.05);
+
+    // The tone goes: its cell is not hit again and fades.
+    ASSERT_EQ(lxSimSetScene(kSerial, ToneScene(tone, -200.0, -150.0).c_str()), lxNoError);
+    int32_t lastHit = -1;
+    float previous = 1.0f;
+    int32_t fading = 0;
+    for (int32_t n = 0; n < 80 && fading < 10; ++n) {
+        f = Next();
+        ASSERT_TRUE(Delivered(f.status)) << f.status;
+        const float a = Cell(f.alpha, col, 150);
+        if (a == 1.0f) {
+            lastHit = f.count;
+        } else if (lastHit >= 0) {
+            EXPECT_NEAR(a, previous * 0.92f, 1e-6f) << "frame " << f.count;
+            EXPECT_NEAR(a, std::pow(0.92, f.count - lastHit), 1e-5) << "frame " << f.count;
+            ++fading;
+        }
+        previous = a;
+    }
+    EXPECT_EQ(fading, 10);
+    EXPECT_LT(f.mx[size_t(k)], -80.0f); // the noise peaks: -99 dBm per bin on average
+}
+
+// A tone is reported at its frequency and level in both traces, in every
+// band (band 0 captures mirrored) and on both scales.
+TEST_F(RealTime, ToneAtItsFrequencyAndLevel) {
+    const struct {
+        double centre, tone;
+        int32_t scale;
+        double expected; // dBm, or mV into 50 ohm
+    } cases[] = {{1e9, 1.0042e9, 0, -30.0},
+                 {20e6, 27.3e6, 0, -30.0},
+                 {5.8e9, 5.7971e9, 0, -30.0},
+                 {1e9, 0.9913e9, 1, 223.6 * std::sqrt(1e-3)},
+                 {2.4e9, 2.4051e9, 2, NAN}}; // no step gain: only checked for its place
+    for (const auto& c : cases) {
+        Open(ToneScene(c.tone, -30.0, -150.0));
+        Configure(c.centre, 20e6, 30e3, 0, 0.0, 100.0, 1, c.scale);
+        Next();
+        const Frame f = Next();
+        ASSERT_TRUE(Delivered(f.status)) << f.status;
+        const auto peak = std::max_element(f.mx.begin(), f.mx.end()) - f.mx.begin();
+        EXPECT_NEAR(start + peak * bin, c.tone, 1.01 * bin) << c.centre;
+        if (!std::isnan(c.expected)) {
+            const double tol = c.scale == 1 ? 0.06 * c.expected : 0.5;
+            EXPECT_NEAR(f.mx[size_t(peak)], c.expected, tol) << c.centre;
+            EXPECT_NEAR(f.mn[size_t(peak)], c.expected, tol) << c.centre;
+        }
+        lxCloseDevice(h);
+        lxSimDetachAll();
+    }
+}
+
+// Pure noise: the share of a column's hits in each row follows the
+// exponential law of periodogram power, whose mean is the noise density
+// times the window's noise bandwidth (the reported RBW).
+TEST_F(RealTime, NoiseRowsFollowTheExponentialLawOfPeriodogramPower) {
+    const double density = -140.0; // dBm/Hz, far above the ADC's own noise
+    Open(ToneScene(1e9, -200.0, density));
+    const double top = -40.0, range = 60.0; // 0.2344 dB per row
+    Configure(1e9, 10e6, 200e3, 1, top, range);
+    Frame f;
+    for (int i = 0; i < 39; ++i) {
+        f = Next();
+        ASSERT_TRUE(Delivered(f.status)) << f.status;
+    }
+    const double meanDbm = density + 10.0 * std::log10(rbw);
+    const double rowsPerDb = 2.56 * 100.0 / range;
+    // Rows as the API computes them: round((v + B - A) * rowsPerDb), clamped.
+    auto cdf = [&](double row) { // P(row index < row), row a half-integer
+        const double v = row / rowsPerDb - range + top;
+        return 1.0 - std::exp(-std::pow(10.0, (v - meanDbm) / 10.0));
+    };
+    std::vector<double> seen(size_t(height), 0.0);
+    const int32_t c0 = width / 4, c1 = 3 * width / 4; // away from the capture's edges
+    for (int32_t c = c0; c < c1; ++c)
+        for (int32_t r = 0; r < height; ++r) seen[size_t(r)] += Cell(f.density, c, r) / 0.975 / (c1 - c0);
+    double measured = 0, expected = 0, worst = 0, meanRow = 0, expectedMeanRow = 0;
+    for (int32_t r = 0; r < height; ++r) {
+        const double p = (r == height - 1 ? 1.0 : cdf(r + 0.5)) - (r == 0 ? 0.0 : cdf(r - 0.5));
+        measured += seen[size_t(r)];
+        expected += p;
+        worst = std::max(worst, std::fabs(measured - expected));
+        meanRow += r * seen[size_t(r)];
+        expectedMeanRow += r * p;
+    }
+    EXPECT_NEAR(measured, 1.0, 1e-6);
+    EXPECT_LT(worst, 0.03) << "largest distance of the cumulative distributions";
+    EXPECT_NEAR(meanRow, expectedMeanRow, 0.3 * rowsPerDb) << "mean level within 0.3 dB";
+}
+
+// Warnings, weakest first, each later one replacing the earlier: temperature
+// drift, ADC overflow, framing; each covers what happened since the last read.
+TEST_F(RealTime, WarningsFollowTheSceneAndTheFaultsInTheirPrecedence) {
+    const double tone = 1.002e9;
+    Open(ToneScene(tone, -30.0, -150.0));
+    Configure(1e9, 20e6, 1e6, 0, 0.0, 100.0);
+    auto settle = [&](LxStatus want) {
+        LxStatus s = lxNoError;
+        for (int i = 0; i < 40 && (s = Next().status) != want;) ++i;
+        return s;
+    };
+    EXPECT_EQ(Next().status, lxNoError);
+    // 3 degrees warmer than at configure.
+    ASSERT_EQ(lxSimSetScene(kSerial, ToneScene(tone, -30.0, -150.0, "\"temperature_c\": 28").c_str()), lxNoError);
+    EXPECT_EQ(settle(lxTempDrift), lxTempDrift);
+    EXPECT_EQ(Next().status, lxTempDrift);
+    // An input far above full scale at 0 dB attenuation: overflow beats drift.
+    ASSERT_EQ(lxSimSetScene(kSerial, ToneScene(tone, 15.0, -150.0, "\"temperature_c\": 28").c_str()), lxNoError);
+    EXPECT_EQ(settle(lxADCOverflow), lxADCOverflow);
+    // A status packet without its magic: framing beats overflow, once.
+    ASSERT_EQ(lxSimInjectFault(kSerial, lxSimFaultBadMagic, 1), lxNoError);
+    EXPECT_EQ(settle(lxFramingErr), lxFramingErr);
+    EXPECT_EQ(settle(lxADCOverflow), lxADCOverflow);
+    // Back to a quiet input and the configure temperature: clean frames again.
+    ASSERT_EQ(lxSimSetScene(kSerial, ToneScene(tone, -30.0, -150.0).c_str()), lxNoError);
+    EXPECT_EQ(settle(lxNoError), lxNoError);
+}
+
+// A paced analyzer whose timeline jumps ahead of the host (100 ms in one go)
+// overruns its buffer: lost samples are reported, and they beat the
+// overload that every packet of this input reports.
+TEST_F(RealTime, LostSamplesAtTheAnalyzerBeatTheOverload) {
+    Open(ToneScene(1.001e9, 15.0, -150.0, "\"pacing\": \"realtime\""));
+    Configure(1e9, 20e6, 100e3, 1, 0.0, 100.0);
+    LxStatus s = Next().status;
+    EXPECT_TRUE(s == lxADCOverflow || s == lxUncalData) << s; // a loaded host may fall behind too
+    ASSERT_EQ(lxSimAdvanceTimeMs(100), lxNoError);
+    for (int i = 0; i < 40 && (s = Next().status) != lxUncalData; ++i) {
+    }
+    EXPECT_EQ(s, lxUncalData);
+}
+
+// A stalled stream: the frame read returns the lost link instead of waiting
+// for ever, and the device can be set up again.
+TEST_F(RealTime, AStalledStreamEndsTheReadWithTheLinkStatus) {
+    Open(ToneScene(1e9, -30.0, -150.0));
+    Configure(1e9, 20e6, 1e6, 0, 0.0, 100.0);
+    EXPECT_EQ(Next().status, lxNoError);
+    ASSERT_EQ(lxSimInjectFault(kSerial, lxSimFaultStall, -1), lxNoError);
+    const auto t0 = std::chrono::steady_clock::now();
+    Frame f;
+    for (int i = 0; i < 200 && (f = Next()).status >= 0; ++i) {
+    }
+    EXPECT_EQ(f.status, lxConnectionLostErr);
+    EXPECT_EQ(f.count, 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(20));
+    ASSERT_EQ(lxSimInjectFault(kSerial, lxSimFaultNone, 0), lxNoError);
+    EXPECT_EQ(lxAbort(h), lxNoError);
+}
+
+} // namespace
