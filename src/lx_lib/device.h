@@ -21,6 +21,7 @@
 
 #include "gps/gps_state.h"
 #include "lx_api.h"
+#include "lx_lib/stream_health.h"
 #include "usb/usb_transport.h"
 
 namespace lx {
@@ -223,11 +224,16 @@ public:
     gps::GpsState gps;
     TimebaseCache timebase;
     std::array<std::unique_ptr<Engine>, kEngineSlots> engines;
+    // Counters of the running stream, reset by every configure.
+    StreamHealth health;
 
 private:
     std::unique_ptr<usb::UsbTransport> transport_;
     std::vector<uint8_t> cal_;
 };
+
+// The fields of a status packet that the GPS intake reads.
+gps::GpsPacketFields GpsFieldsOf(const uint8_t* record);
 
 // Milliseconds of a monotonic clock (the housekeeping age).
 uint64_t NowMs();

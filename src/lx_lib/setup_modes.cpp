@@ -1,5 +1,6 @@
 #include "lx_lib/device.h"
 
+#include "engines/iq_engine.h"
 #include "engines/narrow_span_engine.h"
 #include "engines/sweep_engine.h"
 
@@ -13,7 +14,11 @@ LxStatus SetupMode(Device& dev, int32_t mode) {
         // Spans below 5 MHz fit one capture: the narrow-span engine.
         if (dev.sweep.stop - dev.sweep.start < engines::kMinSweepSpanHz) return engines::SetupNarrowSpan(dev);
         return engines::SetupSweep(dev);
-    case 2: case 3: case 4: case 5: case 100:
+    case 3:
+        return engines::SetupIq(dev);
+    case 100:
+        return engines::SetupFullBand(dev);
+    case 2: case 4: case 5:
         return lxInvalidConfigurationErr;
     default:
         return lxInvalidParameterErr;
