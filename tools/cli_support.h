@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <fstream>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -67,6 +68,29 @@ public:
 
 private:
     int32_t handle_ = -1;
+};
+
+// A file named on the command line, created before the analyzer is touched
+// so that a path that cannot be written fails at once (a usage error, with
+// `usageHint`). Removed again unless the command completes: a failed run
+// leaves no half-written output.
+class OutputFile {
+public:
+    OutputFile(const std::string& path, const std::string& usageHint);
+    ~OutputFile();
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    std::ofstream& Stream() { return stream_; }
+    const std::string& Path() const { return path_; }
+    // Closes the stream; Failure when anything written to it was lost.
+    void Finish();
+    void Keep() { kept_ = true; }
+
+private:
+    std::string path_;
+    std::ofstream stream_;
+    bool kept_ = false;
 };
 
 // Serials of the analyzers this process can open, in enumeration order.

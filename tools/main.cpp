@@ -3,6 +3,7 @@
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] list
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] info [--serial N]
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] sweep [options]
+//   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] iq [options]
 //
 // The global options may also follow the subcommand. Exit codes: 0 done,
 // 1 the library or an analyzer refused, 2 the command line is wrong.
@@ -17,6 +18,7 @@
 
 #include "cli_support.h"
 #include "commands.h"
+#include "iq.h"
 #include "lx_api.h"
 #include "sweep.h"
 
@@ -70,6 +72,8 @@ int main(int argc, char** argv) {
     info->footer(kGlobalFooter);
     SweepOptions sweepOptions;
     auto* sweep = AddSweepCommand(app, sweepOptions);
+    IqOptions iqOptions;
+    auto* iq = AddIqCommand(app, iqOptions);
 
     // Leftovers are reported here rather than by the parser, so that a
     // mistyped subcommand is named as one.
@@ -89,19 +93,20 @@ int main(int argc, char** argv) {
     }
 
     const auto extras = app.remaining();
-    const bool haveSubcommand = list->parsed() || info->parsed() || sweep->parsed();
+    const bool haveSubcommand = list->parsed() || info->parsed() || sweep->parsed() || iq->parsed();
     if (!extras.empty()) {
         if (!haveSubcommand && extras.front().rfind('-', 0) != 0)
-            return UsageError("unknown subcommand '" + extras.front() + "' (try 'list', 'info' or 'sweep')");
+            return UsageError("unknown subcommand '" + extras.front() + "' (try 'list', 'info', 'sweep' or 'iq')");
         return UsageError("unexpected argument '" + extras.front() + "'");
     }
-    if (!haveSubcommand) return UsageError("a subcommand is required: 'list', 'info' or 'sweep'");
+    if (!haveSubcommand) return UsageError("a subcommand is required: 'list', 'info', 'sweep' or 'iq'");
     if (sim->count() > 0 && !scene.empty()) sceneFile = scene;
     // `sweep --scene FILE` is --sim=FILE spelt the way a measurement reads.
-    const bool sceneOption = sweep->parsed() && sweepOptions.scene.has_value();
+    const std::optional<std::string>& sceneGiven = sweep->parsed() ? sweepOptions.scene : iqOptions.scene;
+    const bool sceneOption = (sweep->parsed() || iq->parsed()) && sceneGiven.has_value();
     if (sceneOption) {
         if (sim->count() > 0) return UsageError("give the scene either as --sim=FILE or as --scene FILE");
-        sceneFile = sweepOptions.scene;
+        sceneFile = sceneGiven;
     }
     const bool simulate = sim->count() > 0 || sceneOption;
     if (app.get_option("--sim-serial")->count() > 0 && !simulate)
@@ -116,6 +121,8 @@ int main(int argc, char** argv) {
             code = RunList(json);
         else if (info->parsed())
             code = RunInfo(serial, json);
+        else if (iq->parsed())
+            code = RunIq(iqOptions, json);
         else
             code = RunSweep(sweepOptions, json);
     } catch (const Failure& f) {

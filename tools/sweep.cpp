@@ -39,9 +39,9 @@ template <size_t N> std::string Choices(const std::array<const char*, N>& names)
 // The library's defaults, which a bare `lx530 sweep` keeps.
 constexpr double kDefaultStart = 9000.0, kDefaultStop = 1.5e10;
 
-Failure Usage(const std::string& message) {
-    return Failure(kExitUsage, message, "Run 'lx530 sweep --help' for usage.");
-}
+constexpr const char* kSweepHint = "Run 'lx530 sweep --help' for usage.";
+
+Failure Usage(const std::string& message) { return Failure(kExitUsage, message, kSweepHint); }
 
 // The library's value of a name, in any case.
 template <size_t N>
@@ -104,43 +104,6 @@ Settings Resolve(const SweepOptions& o) {
     }
     return s;
 }
-
-// A file named on the command line, created before the analyzer is touched
-// so that a path that cannot be written fails at once. Removed again unless
-// the command completes: a failed run leaves no half-written output.
-class OutputFile {
-public:
-    explicit OutputFile(const std::string& path) : path_(path) {
-        errno = 0;
-        stream_.open(path, std::ios::binary | std::ios::trunc);
-        if (!stream_) {
-            const int err = errno;
-            throw Usage("cannot write '" + path + "': " + (err ? std::strerror(err) : "cannot open"));
-        }
-    }
-    ~OutputFile() {
-        if (kept_) return;
-        stream_.close();
-        std::error_code ec;
-        std::filesystem::remove(path_, ec);
-    }
-    OutputFile(const OutputFile&) = delete;
-    OutputFile& operator=(const OutputFile&) = delete;
-
-    std::ofstream& Stream() { return stream_; }
-    const std::string& Path() const { return path_; }
-    // Closes the stream; Failure when anything written to it was lost.
-    void Finish() {
-        stream_.close();
-        if (!stream_) throw Failure(kExitFailure, "writing '" + path_ + "' failed");
-    }
-    void Keep() { kept_ = true; }
-
-private:
-    std::string path_;
-    std::ofstream stream_;
-    bool kept_ = false;
-};
 
 std::string SpanText(double start, double stop) {
     return FormatFrequency(start) + " .. " + FormatFrequency(stop);
@@ -229,9 +192,9 @@ int RunSweep(const SweepOptions& o, bool json) {
                 std::filesystem::path(paths[j]).lexically_normal())
                 throw Usage("'" + paths[i] + "' is named for two outputs");
     std::optional<OutputFile> csv, rtl, png;
-    if (o.csv) csv.emplace(*o.csv);
-    if (o.rtlPower) rtl.emplace(*o.rtlPower);
-    if (o.png) png.emplace(*o.png);
+    if (o.csv) csv.emplace(*o.csv, kSweepHint);
+    if (o.rtlPower) rtl.emplace(*o.rtlPower, kSweepHint);
+    if (o.png) png.emplace(*o.png, kSweepHint);
 
     SweepSummary sum;
     sum.requestedStart = s.start;
