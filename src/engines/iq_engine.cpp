@@ -1,5 +1,7 @@
 #include "engines/iq_engine.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -128,12 +130,16 @@ CommandList BuildIqSetupCommands(const IqPlan& p, TuningState& tuning) {
 
 // ---- sample store -------------------------------------------------------------------
 
+PopulatedSamples::PopulatedSamples(int64_t count) : bytes_(sizeof(cf32) * static_cast<size_t>(std::max<int64_t>(count, 1))) {
+    void* p = mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+    if (p == MAP_FAILED) throw std::bad_alloc();
+    data_ = static_cast<cf32*>(p);
+}
+
+PopulatedSamples::~PopulatedSamples() { munmap(data_, bytes_); }
+
 IqSampleStore::IqSampleStore(int64_t capacity, double nsPerSample)
-    : capacity_(std::max<int64_t>(capacity, 1)), nsPerSample_(nsPerSample) {
-    // Not zeroed: at D = 1 the store is 245 MB, and touching it all would
-    // hold up every configure; the first pass faults its pages in as the
-    // stream fills it (256 per 1 MB block).
-    ring_.resize(capacity_);
+    : capacity_(std::max<int64_t>(capacity, 1)), nsPerSample_(nsPerSample), ring_(capacity_) {
     triggers_.reserve(1024);
 }
 
@@ -158,7 +164,7 @@ int64_t IqSampleStore::Put(const cf32* x, int64_t n, double triggerAt, int64_t s
             n = capacity_ - 1;
         }
     }
-    cf32* ring = ring_.span().data();
+    cf32* ring = ring_.data();
     const int64_t first = std::min(n, capacity_ - write_);
     std::memcpy(static_cast<void*>(ring + write_), x, sizeof(cf32) * static_cast<size_t>(first));
     std::memcpy(static_cast<void*>(ring), x + first, sizeof(cf32) * static_cast<size_t>(n - first));
@@ -214,7 +220,7 @@ IqSampleStore::Taken IqSampleStore::Take(void* dst, int64_t max, bool int16, int
     const int64_t n = std::min(max, available_);
     t.count = n;
     t.stamp = endStamp_ - static_cast<int64_t>(std::floor(available_ * nsPerSample_ + 0.5));
-    const cf32* ring = ring_.span().data();
+    const cf32* ring = ring_.data();
     const int64_t first = std::min(n, capacity_ - read_);
     if (int16) {
         auto* out = static_cast<int16_t*>(dst);
@@ -245,13 +251,12 @@ IqEngine::IqEngine(Device& device, IqPlan plan)
       plan_(std::move(plan)),
       scale_(static_cast<float>(std::sqrt(std::pow(10.0, plan_.correctionDb / 10.0)))),
       shifter_(plan_.ShiftCyclesPerSample(), static_cast<int>(plan_.blockSamples), plan_.d1 >= 4 ? 1 : 0),
+      ring_(plan_.blockSamples * kIqRingSlots),
       temperature_(device.temperature),
       store_(plan_.StoreCapacity(), plan_.nsPerSample) {
     const int64_t B = plan_.blockSamples;
     request_.BeginBlock();
     EncodeTransferRequest(request_, static_cast<uint32_t>(plan_.packets), 1);
-    ring_.resize(B * kIqRingSlots);
-    ring_.zero();
     workA_.resize(B);
     workB_.resize(B);
     if (plan_.stage1Taps > 0) {
@@ -370,7 +375,7 @@ void IqEngine::ProcessBlock(const uint8_t* data) {
         store_.MarkLoss();
         return;
     }
-    cf32* slot = ring_.span().data() + static_cast<int64_t>(write_) * B;
+    cf32* slot = ring_.data() + static_cast<int64_t>(write_) * B;
     dsp::ConvertIq16(reinterpret_cast<const int16_t*>(data), slot, B);
     if (plan_.capture.mirrored) {
         // Band 0 delivers RF F at C - F: the conjugate puts it right side up.
@@ -391,7 +396,7 @@ void IqEngine::FilterThread() {
     for (;;) {
         while (workers_.running() && filled_.load(std::memory_order_acquire) == 0) blockReady_.Wait();
         if (!workers_.running()) return;
-        cf32* slot = ring_.span().data() + static_cast<int64_t>(r) * B;
+        cf32* slot = ring_.data() + static_cast<int64_t>(r) * B;
         const cf32* out = slot;
         int64_t n = B;
         if (plan_.stage1Taps > 0) {
