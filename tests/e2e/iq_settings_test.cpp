@@ -92,7 +92,8 @@ TEST_F(IqSettings, CallChecks) {
     EXPECT_EQ(lxGetIQ(h, nullptr, 4, nullptr, 0, nullptr, 0, nullptr, nullptr), lxNullPtrErr);
     EXPECT_EQ(lxGetIQ(h, buf, 0, nullptr, 0, nullptr, 0, nullptr, nullptr), lxInvalidParameterErr);
     EXPECT_EQ(lxGetIQCorrection(h, nullptr), lxNullPtrErr);
-    EXPECT_EQ(lxGetIQ(h, buf, 4, nullptr, 0, nullptr, 0, nullptr, nullptr), lxNoError);
+    // Data, possibly with a warning (a paced stream on a busy machine may overrun).
+    EXPECT_GE(lxGetIQ(h, buf, 4, nullptr, 0, nullptr, 0, nullptr, nullptr), lxNoError);
     ASSERT_EQ(lxGetStreamHealth(h, &health), lxNoError);
     EXPECT_EQ(health.samplesDelivered, 4u);
     // A new configure starts the counters again.
@@ -111,7 +112,7 @@ TEST_F(IqSettings, SentinelFillsUnusedTriggerEntries) {
     for (double sentinel : {-1.5, 0.0}) {
         ASSERT_EQ(lxSetIQTriggerSentinel(sentinel), lxNoError);
         std::vector<double> t(5, 12345.0);
-        ASSERT_EQ(lxGetIQ(h, buf.data(), 1000, t.data(), 5, nullptr, 0, nullptr, nullptr), lxNoError);
+        ASSERT_GE(lxGetIQ(h, buf.data(), 1000, t.data(), 5, nullptr, 0, nullptr, nullptr), lxNoError);
         for (double v : t) EXPECT_EQ(v, sentinel);
     }
 }

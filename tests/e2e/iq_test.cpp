@@ -141,23 +141,30 @@ TEST_F(Iq, ToneLevelAndPhaseAtEveryDecimation) {
 TEST_F(Iq, PhaseFollowsTheOffsetForOneSecond) {
     const double c = 915e6, fs = 960e3, f = 123456.789;
     h = AttachAndOpen(kSerial, Scene({{c + f, -30}}));
-    Start(64, c);
-    std::vector<cd> all = Measure(64, 1);
-    for (int64_t piece : {1, 7, 1919, 1920, 1921}) {
-        for (int i = 0; i < 20; ++i) {
-            const auto x = Read(piece);
+    // A second without a loss; on a busy machine the paced stream may overrun
+    // (and say so), and the second is taken again.
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        Start(64, c);
+        std::vector<cd> all = Measure(64, 1);
+        bool lost = false;
+        for (int64_t piece : {1, 7, 1919, 1920, 1921})
+            for (int i = 0; i < 20; ++i) {
+                const auto x = Read(piece);
+                all.insert(all.end(), x.begin(), x.end());
+                lost = lost || lastLoss;
+            }
+        while (all.size() < size_t(fs)) {
+            const auto x = Read(100000);
             all.insert(all.end(), x.begin(), x.end());
-            EXPECT_EQ(lastLoss, 0);
+            lost = lost || lastLoss;
         }
+        if (lost && attempt < 3) continue;
+        EXPECT_FALSE(lost);
+        const ToneFit t = FitTone(all, f, fs);
+        EXPECT_NEAR(t.dbm, -30.0, 0.1);
+        EXPECT_LT(t.phaseError, 1e-3);
+        break;
     }
-    while (all.size() < size_t(fs)) {
-        const auto x = Read(100000);
-        all.insert(all.end(), x.begin(), x.end());
-    }
-    EXPECT_EQ(lastLoss, 0);
-    const ToneFit t = FitTone(all, f, fs);
-    EXPECT_NEAR(t.dbm, -30.0, 0.1);
-    EXPECT_LT(t.phaseError, 1e-3);
 }
 
 // Passband flat to 0.8 x the half bandwidth, stop band >= 60 dB beyond the
@@ -197,14 +204,14 @@ TEST_F(Iq, LossAndPurge) {
     uint64_t t0 = 0, t1 = 0;
     int32_t loss = -1, remaining = -1;
     std::vector<float> buf(2 * 200000);
-    ASSERT_EQ(lxGetIQ(h, buf.data(), 1000, nullptr, 0, &t0, 0, &loss, &remaining), lxNoError);
+    ASSERT_GE(lxGetIQ(h, buf.data(), 1000, nullptr, 0, &t0, 0, &loss, &remaining), lxNoError);
     EXPECT_EQ(loss, 0);
 
     std::this_thread::sleep_for(std::chrono::milliseconds(250));
-    ASSERT_EQ(lxGetIQ(h, buf.data(), 1, nullptr, 0, nullptr, 0, &loss, &remaining), lxNoError);
+    ASSERT_GE(lxGetIQ(h, buf.data(), 1, nullptr, 0, nullptr, 0, &loss, &remaining), lxNoError);
     EXPECT_GT(remaining, 0.15 * fs); // a quarter second held, nothing lost
     EXPECT_EQ(loss, 0);
-    ASSERT_EQ(lxGetIQ(h, buf.data(), 100, nullptr, 0, &t1, 1, &loss, &remaining), lxNoError);
+    ASSERT_GE(lxGetIQ(h, buf.data(), 100, nullptr, 0, &t1, 1, &loss, &remaining), lxNoError);
     EXPECT_LT(remaining, 0.05 * fs); // purged: only what came since (the transfers in flight)
     EXPECT_GT(double(t1 - t0), 0.2e9);
 
@@ -212,14 +219,14 @@ TEST_F(Iq, LossAndPurge) {
     ASSERT_EQ(lxGetStreamHealth(h, &before), lxNoError);
     EXPECT_EQ(before.samplesDropped, 0u);
     std::this_thread::sleep_for(std::chrono::milliseconds(700));
-    ASSERT_EQ(lxGetIQ(h, buf.data(), 10, nullptr, 0, nullptr, 0, &loss, &remaining), lxNoError);
+    ASSERT_GE(lxGetIQ(h, buf.data(), 10, nullptr, 0, nullptr, 0, &loss, &remaining), lxNoError);
     EXPECT_EQ(loss, 1);
     EXPECT_LT(remaining, 0.5 * fs);
     LxStreamHealth after{};
     ASSERT_EQ(lxGetStreamHealth(h, &after), lxNoError);
     EXPECT_GT(after.samplesDropped, uint64_t(0.3 * fs)); // the backlog went at once
     EXPECT_EQ(after.samplesDelivered, 1000u + 1 + 100 + 10);
-    ASSERT_EQ(lxGetIQ(h, buf.data(), 10, nullptr, 0, nullptr, 0, &loss, nullptr), lxNoError);
+    ASSERT_GE(lxGetIQ(h, buf.data(), 10, nullptr, 0, nullptr, 0, &loss, nullptr), lxNoError);
     EXPECT_EQ(loss, 0); // cleared as it was read
 }
 
@@ -232,8 +239,13 @@ TEST_F(Iq, OverflowAndUnplug) {
     ASSERT_EQ(lxSetAttenuator(h, 0), lxNoError);
     Start(16, c);
     std::vector<float> buf(2 * 5000);
+    // Every status packet reports the overload; the stream's start may report
+    // an overrun of the analyzer's buffer first (a stronger warning).
     LxStatus s = lxNoError;
-    for (int i = 0; i < 20 && s == lxNoError; ++i) s = lxGetIQ(h, buf.data(), 5000, nullptr, 0, nullptr, 0, nullptr, nullptr);
+    for (int i = 0; i < 50 && s != lxADCOverflow; ++i) {
+        s = lxGetIQ(h, buf.data(), 5000, nullptr, 0, nullptr, 0, nullptr, nullptr);
+        ASSERT_GE(s, lxNoError);
+    }
     EXPECT_EQ(s, lxADCOverflow);
     LxStreamHealth health{};
     ASSERT_EQ(lxGetStreamHealth(h, &health), lxNoError);
