@@ -315,15 +315,17 @@ LX_API LxStatus lxGetIQParameters(int32_t handle, double* sampleRate, double* ba
 LX_API LxStatus lxGetIQCorrection(int32_t handle, float* correctionDb);
 /* Reads sampleCount samples (>= 1) into iqData (8 bytes per sample for float,
  * 4 for int16), blocking until they are there; consecutive calls continue the
- * stream without a gap unless sampleLoss says otherwise.
+ * stream without a gap unless sampleLoss says otherwise (it is set by the read
+ * whose samples follow the gap).
  *   triggers, triggerCount: optional array; receives the positions (in
  *     samples from iqData[0], fractional) of the external trigger edges in
  *     the samples read, the rest filled with the trigger sentinel.
  *   timestamp: optional; time of iqData[0] in ns since 1970 (GPS time once
  *     the receiver has a fix, the host clock until then).
  *   purge: 1 throws away everything stored before reading (fresh samples).
- *   sampleLoss: optional; 1 when samples were lost since the last read (the
- *     reader fell half a second behind).
+ *   sampleLoss: optional; 1 when samples are missing before one of those
+ *     read: the reader fell half a second behind (the whole backlog was
+ *     dropped), or the analyzer lost samples.
  *   samplesRemaining: optional; samples still stored after this read.
  * Returns 0; or a warning that still delivers: lxTempDrift, lxADCOverflow
  * (the input overloaded the analyzer since the last read), lxUncalData (the
@@ -411,8 +413,9 @@ typedef struct LxStreamHealth {
     uint64_t samplesDelivered;  /* samples handed to the application */
     uint64_t samplesDropped;    /* samples the library threw away: a reader half a
                                    second behind loses what was stored */
-    uint64_t dataLossEvents;    /* status packets in which the analyzer reported lost
-                                   samples (its buffer overran: the host read too late) */
+    uint64_t dataLossEvents;    /* blocks after which the analyzer lost samples: it said so
+                                   (its buffer overran: the host read too late), or its
+                                   sample counter jumped */
     uint64_t adcOverflowEvents; /* status packets reporting an ADC overload */
     uint64_t transportErrors;   /* USB transfers that failed, timed out or came back short */
     uint64_t spectraLost;       /* real-time spectra not computed for lack of CPU time */

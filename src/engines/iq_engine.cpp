@@ -141,21 +141,23 @@ PopulatedSamples::~PopulatedSamples() { munmap(data_, bytes_); }
 IqSampleStore::IqSampleStore(int64_t capacity, double nsPerSample)
     : capacity_(std::max<int64_t>(capacity, 1)), nsPerSample_(nsPerSample), ring_(capacity_) {
     triggers_.reserve(1024);
+    gaps_.reserve(1024);
 }
 
 void IqSampleStore::EmptyLocked() {
     readIndex_ += available_;
     write_ = read_ = available_ = 0;
     triggers_.clear();
+    gaps_.clear();
 }
 
-int64_t IqSampleStore::Put(const cf32* x, int64_t n, double triggerAt, int64_t stamp) {
+int64_t IqSampleStore::Put(const cf32* x, int64_t n, double triggerAt, int64_t stamp, bool lossy) {
     std::lock_guard<std::mutex> lock(mutex_);
     int64_t dropped = 0;
     if (available_ + n >= capacity_) {
         dropped = available_;
         EmptyLocked();
-        loss_ = true;
+        gaps_.push_back({readIndex_, readIndex_});
         if (n >= capacity_) { // a block longer than the store (D = 8192 holds 3750)
             dropped += n - (capacity_ - 1);
             x += n - (capacity_ - 1);
@@ -164,6 +166,10 @@ int64_t IqSampleStore::Put(const cf32* x, int64_t n, double triggerAt, int64_t s
             n = capacity_ - 1;
         }
     }
+    // The lists never grow while streaming: beyond 1024 pending entries (a
+    // reader half a second behind a trigger every block) the rest go unlisted.
+    const int64_t at = readIndex_ + available_;
+    if (lossy && gaps_.size() < gaps_.capacity()) gaps_.push_back({at, at + n});
     cf32* ring = ring_.data();
     const int64_t first = std::min(n, capacity_ - write_);
     std::memcpy(static_cast<void*>(ring + write_), x, sizeof(cf32) * static_cast<size_t>(first));
@@ -176,27 +182,20 @@ int64_t IqSampleStore::Put(const cf32* x, int64_t n, double triggerAt, int64_t s
     return dropped;
 }
 
-void IqSampleStore::Purge(bool clearLoss) {
+void IqSampleStore::Purge() {
     std::lock_guard<std::mutex> lock(mutex_);
     EmptyLocked();
-    if (clearLoss) loss_ = false;
 }
 
-void IqSampleStore::MarkLoss() {
+void IqSampleStore::MarkGap() {
     std::lock_guard<std::mutex> lock(mutex_);
-    loss_ = true;
+    const int64_t at = readIndex_ + available_;
+    if (gaps_.size() < gaps_.capacity()) gaps_.push_back({at, at});
 }
 
 int64_t IqSampleStore::Available() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return available_;
-}
-
-bool IqSampleStore::TakeLossFlag() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    const bool l = loss_;
-    loss_ = false;
-    return l;
 }
 
 namespace {
@@ -231,6 +230,15 @@ IqSampleStore::Taken IqSampleStore::Take(void* dst, int64_t max, bool int16, int
         std::memcpy(static_cast<void*>(out), ring + read_, sizeof(cf32) * static_cast<size_t>(first));
         std::memcpy(static_cast<void*>(out + first), ring, sizeof(cf32) * static_cast<size_t>(n - first));
     }
+    // Ranges this read reaches into are reported; those it reaches past go.
+    const int64_t last = readIndex_ + n - 1;
+    size_t done = 0;
+    for (const auto& [from, to] : gaps_) {
+        if (from > last) break;
+        t.gap = true;
+        if (to <= last) ++done;
+    }
+    gaps_.erase(gaps_.begin(), gaps_.begin() + static_cast<std::ptrdiff_t>(done));
     const double end = static_cast<double>(readIndex_ + n);
     size_t used = 0;
     while (used < triggers_.size() && triggers_[used] < end) {
@@ -347,12 +355,22 @@ void IqEngine::ProcessBlock(const uint8_t* data) {
     const int64_t B = plan_.blockSamples;
     const uint8_t* rec = data + static_cast<size_t>(plan_.packets) * kBytesPerPacket;
     double trigger = -1.0;
+    bool deviceLoss = false;
     int64_t stamp;
     if (HasAuxMagic(rec)) {
         const uint32_t word = AuxRead<uint32_t>(rec, kAuxStatusWordOffset);
         if (word & kOverflowBit) overflowSeen_.store(true);
-        if (word & kLossBit) lossSeen_.store(true);
-        device_.health.TakeStatusWord(word, kOverflowBit, kLossBit);
+        // The sample counter runs on with the ADC whether or not the host asks:
+        // a block that does not follow the last one tick for tick has samples
+        // missing before it, reported or not.
+        const uint64_t tick = AuxRead<uint64_t>(rec, kAuxSampleCounterOffset);
+        const uint64_t blockTicks = 2ULL * static_cast<uint64_t>(plan_.d1) * static_cast<uint64_t>(B);
+        const bool jumped = haveTick_ && tick != lastTick_ + blockTicks;
+        lastTick_ = tick;
+        haveTick_ = true;
+        deviceLoss = (word & kLossBit) != 0 || jumped;
+        if (deviceLoss) lossSeen_.store(true);
+        device_.health.TakeStatusWord(jumped ? word | kLossBit : word, kOverflowBit, kLossBit);
         temperature_.store(TemperatureFromWord(AuxRead<uint16_t>(rec, kAuxTemperatureOffset)));
         const int64_t deviceNs = gps::TakeStatusPacket(device_.gps, GpsFieldsOf(rec), plan_.d1, gps::HostNowNs());
         const double twoG = 2.0 * plan_.groupDelay;
@@ -372,7 +390,7 @@ void IqEngine::ProcessBlock(const uint8_t* data) {
     if (filled_.load(std::memory_order_acquire) >= kIqRingSlots) {
         // The filters are 20 blocks behind: this block is lost, and said so.
         StreamHealth::Add(device_.health.samplesDropped, static_cast<uint64_t>(plan_.OutputsPerBlock()));
-        store_.MarkLoss();
+        store_.MarkGap();
         return;
     }
     cf32* slot = ring_.data() + static_cast<int64_t>(write_) * B;
@@ -384,6 +402,7 @@ void IqEngine::ProcessBlock(const uint8_t* data) {
     }
     shifter_.Shift(slot, slot, B);
     slotTrigger_[static_cast<size_t>(write_)] = trigger;
+    slotGap_[static_cast<size_t>(write_)] = deviceLoss;
     slotStamp_[static_cast<size_t>(write_)] = stamp;
     filled_.fetch_add(1, std::memory_order_acq_rel);
     blockReady_.Set();
@@ -413,7 +432,8 @@ void IqEngine::FilterThread() {
             }
         }
         const int64_t dropped =
-            store_.Put(out, n, slotTrigger_[static_cast<size_t>(r)], slotStamp_[static_cast<size_t>(r)]);
+            store_.Put(out, n, slotTrigger_[static_cast<size_t>(r)], slotStamp_[static_cast<size_t>(r)],
+                       slotGap_[static_cast<size_t>(r)]);
         if (dropped > 0) StreamHealth::Add(device_.health.samplesDropped, static_cast<uint64_t>(dropped));
         dataReady_.Set();
         filled_.fetch_sub(1, std::memory_order_acq_rel);
@@ -424,13 +444,13 @@ void IqEngine::FilterThread() {
 LxStatus IqEngine::Read(void* dst, int32_t count, double* triggers, int32_t triggerCount, uint64_t* timestamp,
                         int32_t purge, int32_t* sampleLoss, int32_t* remaining) {
     usb::UsbTransport& link = device_.Transport();
-    if (purge == 1) store_.Purge(true);
+    if (purge == 1) store_.Purge();
     const bool int16 = plan_.dataType == 1;
     const size_t elem = int16 ? 2 * sizeof(int16_t) : sizeof(cf32);
     const int32_t m = triggers ? std::max(triggerCount, 0) : 0;
     int32_t written = 0;
     int64_t delivered = 0;
-    bool first = true;
+    bool first = true, gap = false;
     while (delivered < count && workers_.running()) {
         if (const LxStatus s = link.LinkStatus(); s != lxNoError) return s;
         const IqSampleStore::Taken t = store_.Take(static_cast<uint8_t*>(dst) + static_cast<size_t>(delivered) * elem,
@@ -441,12 +461,12 @@ LxStatus IqEngine::Read(void* dst, int32_t count, double* triggers, int32_t trig
         }
         if (first && timestamp) *timestamp = static_cast<uint64_t>(t.stamp);
         first = false;
+        gap = gap || t.gap;
         delivered += t.count;
     }
     for (int32_t k = written; k < m; ++k) triggers[k] = IqTriggerSentinel();
     if (remaining) *remaining = static_cast<int32_t>(std::min<int64_t>(store_.Available(), INT32_MAX));
-    const bool lost = store_.TakeLossFlag();
-    if (sampleLoss) *sampleLoss = lost ? 1 : 0;
+    if (sampleLoss) *sampleLoss = gap ? 1 : 0;
     if (!int16) dsp::ScaleFloats(static_cast<float*>(dst), scale_, static_cast<float*>(dst), 2 * delivered);
     StreamHealth::Add(device_.health.samplesDelivered, static_cast<uint64_t>(delivered));
 

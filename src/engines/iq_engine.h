@@ -15,6 +15,12 @@
 // G counts 61.44 MS/s samples; every filter delay is its true linear-phase
 // delay, so a time stamp names the antenna time of its sample.
 //
+// Loss: a block the analyzer reports lost samples before (status bit 0x200),
+// or whose sample counter does not follow the last block's by 2 D1 B ticks,
+// carries a gap to the store; so does a block dropped for a full ring. The
+// read that delivers the samples after a gap reports it (sampleLoss), and
+// lxUncalData is returned by the next read.
+//
 // Time: a block's first output sample is stamped device time of its status
 // packet - 2 D1 B ticks - 2 G ticks (ns since 1970; the device time is GPS
 // time once there is a fix). A trigger edge t ticks after the block's first
@@ -137,29 +143,34 @@ private:
 
 // The bounded store between the processing thread and the reader: half a
 // second of output; a writer that finds it would overflow empties it (the
-// whole backlog goes at once) and raises the loss flag.
+// whole backlog goes at once). Every gap in the stream - that emptying, a
+// block the analyzer reported lost, a block dropped before the store - is
+// kept at its place in the stream, and the read whose samples reach past it
+// reports the loss, so a reader can tell exactly which read is not
+// continuous with the one before.
 class IqSampleStore {
 public:
     IqSampleStore(int64_t capacity, double nsPerSample);
 
-    // n samples whose first is stamped `stamp` (ns); triggerAt < 0: none.
+    // n samples whose first is stamped `stamp` (ns); triggerAt < 0: none;
+    // lossy: samples are missing before the first or somewhere among these.
     // Returns the samples thrown away to make room (0 normally).
-    int64_t Put(const cf32* x, int64_t n, double triggerAt, int64_t stamp);
-    // Empties the store; clears the loss flag when asked to.
-    void Purge(bool clearLoss);
-    // Throws away a block that never reached the store: raises the loss flag.
-    void MarkLoss();
+    int64_t Put(const cf32* x, int64_t n, double triggerAt, int64_t stamp, bool lossy = false);
+    // Empties the store, and forgets its gaps.
+    void Purge();
+    // A block that never reached the store: a gap before the next sample.
+    void MarkGap();
 
     struct Taken {
         int64_t count = 0;
         int64_t stamp = 0;  // of the first sample taken
+        bool gap = false;   // samples are missing before or among those taken
     };
     // Up to `max` samples into dst (float pairs, or int16 pairs rounded and
     // saturated when int16 is true); their triggers, relative to `base`, into
     // triggers[*written..m). Returns 0 taken when the store is empty.
     Taken Take(void* dst, int64_t max, bool int16, int64_t base, double* triggers, int32_t m, int32_t* written);
     int64_t Available() const;
-    bool TakeLossFlag();
     int64_t capacity() const { return capacity_; }
 
 private:
@@ -172,8 +183,11 @@ private:
     int64_t write_ = 0, read_ = 0, available_ = 0;
     int64_t readIndex_ = 0;          // stream index of the oldest stored sample
     std::vector<double> triggers_;   // stream indices, ascending
+    // Stream index ranges [first, last] in which samples are missing: a point
+    // for a gap before sample `first`, a whole block (and the first sample
+    // after it) for a block the analyzer reported lost samples in.
+    std::vector<std::pair<int64_t, int64_t>> gaps_;
     int64_t endStamp_ = 0;           // time just after the newest stored sample
-    bool loss_ = false;
 };
 
 class IqEngine final : public Engine {
@@ -208,6 +222,7 @@ private:
     PopulatedSamples ring_;
     ComplexVector workA_, workB_;
     std::array<double, kIqRingSlots> slotTrigger_{};  // < 0: none
+    std::array<bool, kIqRingSlots> slotGap_{};        // the analyzer lost samples before the slot
     std::array<int64_t, kIqRingSlots> slotStamp_{};
     int write_ = 0;
     std::atomic<int> filled_{0};
@@ -216,6 +231,8 @@ private:
     std::atomic<bool> overflowSeen_{false}, lossSeen_{false};
     std::atomic<float> temperature_;
     int64_t lastStamp_ = 0;
+    uint64_t lastTick_ = 0; // sample counter of the last status packet
+    bool haveTick_ = false;
     IqSampleStore store_;
     Workers workers_;
 };

@@ -40,6 +40,7 @@ TEST(IqSampleStore, OrderTriggersAndStamps) {
             int32_t written = 0;
             const IqSampleStore::Taken t = store.Take(out.data(), piece, false, 10, trig.data(), 4, &written);
             ASSERT_EQ(t.count, piece);
+            EXPECT_FALSE(t.gap);
             EXPECT_NEAR(double(t.stamp), double(t0) + got * kNs, 1.0);
             for (int64_t i = 0; i < piece; ++i) ASSERT_EQ(out[size_t(i)].real(), float(got + i)) << got + i;
             // Triggers at stream positions 1400 k + 123.25 that fall in this piece.
@@ -54,30 +55,48 @@ TEST(IqSampleStore, OrderTriggersAndStamps) {
             got += piece;
         }
     }
-    EXPECT_FALSE(store.TakeLossFlag());
     EXPECT_EQ(store.Available(), 0);
 }
 
-TEST(IqSampleStore, OverflowDropsTheBacklogAndPurgeEmpties) {
+// Every gap is reported by the read whose samples reach past it, not before:
+// the emptying of an overflowing store, a block the analyzer reported lost,
+// a block that never reached the store.
+TEST(IqSampleStore, GapsAreReportedWhereTheyAre) {
     IqSampleStore store(1000, kNs);
     const auto x = Ramp(0, 600);
-    EXPECT_EQ(store.Put(x.data(), 600, 5.0, 0), 0);
-    EXPECT_EQ(store.Put(x.data(), 400, -1.0, 0), 600); // 600 + 400 reaches the capacity
-    EXPECT_EQ(store.Available(), 400);
-    EXPECT_TRUE(store.TakeLossFlag());
-    EXPECT_FALSE(store.TakeLossFlag()); // cleared as it is read
-    std::vector<int16_t> out(2 * 400);
+    std::vector<int16_t> out(2 * 1000);
     std::vector<double> trig(2, -7);
     int32_t written = 0;
-    EXPECT_EQ(store.Take(out.data(), 400, true, 0, trig.data(), 2, &written).count, 400);
+    auto take = [&](int64_t n) { return store.Take(out.data(), n, true, 0, trig.data(), 2, &written); };
+
+    EXPECT_EQ(store.Put(x.data(), 600, 5.0, 0), 0);
+    EXPECT_EQ(store.Put(x.data(), 400, -1.0, 0), 600); // 600 + 400 reaches the capacity: all 600 go
+    EXPECT_EQ(store.Available(), 400);
+    IqSampleStore::Taken t = take(400);
+    EXPECT_EQ(t.count, 400);
+    EXPECT_TRUE(t.gap);
     EXPECT_EQ(written, 0); // the dropped block's trigger went with it
     EXPECT_EQ(out[2 * 399], 32767); // 399 * 32768 saturates
     EXPECT_EQ(out[2 * 399 + 1], -32768);
     EXPECT_EQ(out[0], 0);
-    EXPECT_EQ(store.Put(x.data(), 300, 1.0, 0), 0);
-    store.Purge(true);
+
+    EXPECT_EQ(store.Put(x.data(), 300, -1.0, 0), 0);
+    EXPECT_EQ(store.Put(x.data(), 300, -1.0, 0, true), 0); // the analyzer lost samples in or before these
+    store.MarkGap();                                        // and a block was dropped after them
+    EXPECT_EQ(store.Put(x.data(), 100, -1.0, 0), 0);
+    // Reads reaching into the lossy block or onto the first sample after it or
+    // after the dropped block report the loss.
+    for (const auto& [n, gap] : {std::pair{300, false}, {100, true}, {199, true}, {1, true}, {1, true}, {99, false}}) {
+        t = take(n);
+        EXPECT_EQ(t.count, n);
+        EXPECT_EQ(t.gap, gap) << n;
+    }
+    EXPECT_EQ(store.Put(x.data(), 300, 1.0, 0, true), 0);
+    store.Purge(); // a purge forgets what it threw away, gaps included
     EXPECT_EQ(store.Available(), 0);
-    EXPECT_EQ(store.Take(out.data(), 10, true, 0, trig.data(), 2, &written).count, 0);
+    EXPECT_EQ(take(10).count, 0);
+    EXPECT_EQ(store.Put(x.data(), 10, -1.0, 0), 0);
+    EXPECT_FALSE(take(10).gap);
 }
 
 } // namespace
