@@ -38,17 +38,28 @@ std::vector<uint8_t> Block(std::initializer_list<uint32_t> words) {
 
 // What an I/Q streaming engine does: a block with a request for 127 I/Q
 // packets and one status packet per 1 MiB read. The device is tuned to
-// 1.052 GHz (band 7) with one tone in view, plus noise.
-void BM_StreamOneTone(benchmark::State& state) {
-    const int tones = static_cast<int>(state.range(0));
+// 1.052 GHz (band 7) with noise and 0, 1 or 4 emitters in view: a tone; a
+// tone, a burst train, an AM and an FM carrier (sine programmes); or an
+// AM, FM and SSB carrier on a sound file and a tone with a duty cycle.
+void BM_StreamEmitters(benchmark::State& state) {
     lxSimDetachAll();
-    std::string scene = R"({"noise_floor_dbm_hz": -150, "emitters": [)";
-    for (int i = 0; i < tones; ++i)
-        scene += std::string(i ? "," : "") + R"({"kind": "tone", "frequency_hz": )" + std::to_string(1.0592e9 + 1e6 * i) +
-                 R"(, "power_dbm": -30})";
-    scene += "]}";
-    lxSimAttach(90000001, scene.c_str());
-    auto d = OpenSim("90000001");
+    static const char* kEmitters[] = {
+        "",
+        R"({"kind": "tone", "frequency_hz": 1.0592e9, "power_dbm": -30})",
+        R"({"kind": "tone", "frequency_hz": 1.0592e9, "power_dbm": -30},
+           {"kind": "burst", "frequency_hz": 1.0602e9, "power_dbm": -30, "width_s": 1e-4, "period_s": 3e-4},
+           {"kind": "am", "frequency_hz": 1.0612e9, "power_dbm": -30, "depth": 0.8, "audio_hz": 1000},
+           {"kind": "fm", "frequency_hz": 1.0622e9, "power_dbm": -30, "deviation_hz": 75000, "audio_hz": 1000})",
+        R"({"kind": "tone", "frequency_hz": 1.0592e9, "power_dbm": -30, "on_s": 1e-3, "off_s": 1e-3},
+           {"kind": "am", "frequency_hz": 1.0612e9, "power_dbm": -30, "depth": 0.8, "audio_file": "AUDIO"},
+           {"kind": "fm", "frequency_hz": 1.0622e9, "power_dbm": -30, "deviation_hz": 75000, "audio_file": "AUDIO"},
+           {"kind": "ssb", "frequency_hz": 1.0632e9, "power_dbm": -30, "sideband": "upper", "audio_file": "AUDIO"})",
+    };
+    std::string emitters = kEmitters[state.range(0)];
+    for (size_t at; (at = emitters.find("AUDIO")) != std::string::npos;)
+        emitters.replace(at, 5, LX_BENCH_SOURCE_DIR "/tests/data/audio/melody_8k.wav");
+    const std::string scene = R"({"noise_floor_dbm_hz": -150, "emitters": [)" + emitters + "]}";
+    auto d = lxSimAttach(90000001, scene.c_str()) == lxNoError ? OpenSim("90000001") : nullptr;
     if (!d) {
         state.SkipWithError("no simulated device");
         return;
@@ -79,20 +90,18 @@ void BM_StreamOneTone(benchmark::State& state) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * (1 << 20));
     lxSimDetachAll();
 }
-BENCHMARK(BM_StreamOneTone)->Arg(0)->Arg(1)->Arg(4)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_StreamEmitters)->DenseRange(0, 3)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 
-// The synthesis kernel alone: one packet of 2048 samples.
+// The synthesis kernel alone: one packet of 2048 samples, noise and n tones.
 void BM_RenderPacket(benchmark::State& state) {
     lx::sim::RenderPlan plan;
-    plan.noiseSigma = 1e-3f;
+    plan.noiseShape = lx::sim::NoiseShape([](double) { return 1e-6; });
     for (int i = 0; i < state.range(0); ++i) plan.tones.push_back({0.0123 + 0.01 * i, 0.25, 0.7f});
     std::vector<int16_t> out(4096);
     uint64_t first = 0;
-    uint32_t offset = 12345;
     for (auto _ : state) {
-        lx::sim::RenderIqPacket(plan, first, offset, out.data());
+        lx::sim::RenderIqPacket(plan, first, first, out.data());
         first += 2048;
-        offset = offset * 1103515245u + 12345u;
         benchmark::DoNotOptimize(out.data());
     }
     const double samples = static_cast<double>(state.iterations()) * 2048;

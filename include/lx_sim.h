@@ -35,6 +35,12 @@ LX_API LxStatus lxSimDetach(int32_t serial);
  * and status packets produced from then on. */
 LX_API LxStatus lxSimSetScene(int32_t serial, const char* sceneJson);
 
+/* Why the calling thread's last lxSimAttach, lxSimAttachRaw or lxSimSetScene
+ * refused its scene: one line naming the key at fault (empty when the last
+ * scene was accepted). Copies at most capacity - 1 characters and a NUL.
+ * Null text: lxNullPtrErr; capacity below 1: lxInvalidParameterErr. */
+LX_API LxStatus lxSimGetSceneError(char* text, int32_t capacity);
+
 /* Plugs in a device with raw descriptor strings, for enumeration tests: any
  * product string (a product of "LX530 Boot" starts in the boot loader) and
  * any serial string, even one that is not a valid serial. Returns the

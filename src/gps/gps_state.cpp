@@ -30,7 +30,9 @@ int64_t TakeStatusPacket(GpsState& g, const GpsPacketFields& p, int hwDecimation
         g.statusBit = (p.deviceStatusWord & (1u << 10)) != 0;
         if (seq != g.sequence) {
             g.sequence = seq;
-            g.messageTick = p.packetTick;
+            // The receiver sends a message some time after the pulse it
+            // describes; the packet's own tick would date it that much late.
+            g.messageTick = p.pulseTick;
             // Copy the ring from the read index up to the write index, wrapping.
             size_t n = 0;
             if (p.uartRing) {
@@ -44,7 +46,7 @@ int64_t TakeStatusPacket(GpsState& g, const GpsPacketFields& p, int hwDecimation
             g.textLength = std::strlen(g.text.data()); // the last word may be padded with NULs
             ApplyNmea(std::string_view(g.text.data(), g.textLength), g.nmea);
             ++g.messageCounter;
-        } else if (g.nmea.fixValid && p.packetTick - g.messageTick > kLossTicks) {
+        } else if (g.nmea.fixValid && p.blockTick > g.messageTick && p.blockTick - g.messageTick > kLossTicks) {
             if (p.nmeaArea) std::memcpy(g.text.data(), p.nmeaArea, kNmeaBufferBytes);
             g.text[kNmeaBufferBytes] = '\0';
             g.textLength = kNmeaBufferBytes;
@@ -71,14 +73,14 @@ int64_t TakeStatusPacket(GpsState& g, const GpsPacketFields& p, int hwDecimation
         }
         g.anchorTimeNs = fixNs + TicksToNs(ticks);
         g.deviceTimeNs = g.anchorTimeNs;
-        g.anchorTick = p.packetTick;
+        g.anchorTick = p.blockTick;
         g.anchored = true;
     } else if (g.anchored) {
         g.deviceTimeNs = g.anchorTimeNs +
                          TicksToNs(static_cast<double>(p.blockTick) - static_cast<double>(g.anchorTick));
     } else {
         g.deviceTimeNs = g.anchorTimeNs = hostNowNs;
-        g.anchorTick = p.packetTick;
+        g.anchorTick = p.blockTick;
         g.anchored = true;
     }
     return g.deviceTimeNs;

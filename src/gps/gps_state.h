@@ -41,7 +41,7 @@ struct GpsState {
     // whose sequence happens to stand at 0 would otherwise hide its fix for
     // a second).
     uint32_t sequence = kNoSequence;
-    uint64_t messageTick = 0;   // device tick of the last message
+    uint64_t messageTick = 0;   // pulse tick the last message's first packet reported: the pulse it describes
     bool anchored = false;
     uint64_t anchorTick = 0;
     int64_t anchorTimeNs = 0;
@@ -53,8 +53,8 @@ struct GpsState {
 // depend on it.
 struct GpsPacketFields {
     uint32_t gpsStatusWord = 0; // bits 9..17 ring write index, 18..19 sequence, 20..28 read index
-    uint64_t packetTick = 0;    // tick of the last GPS pulse when the packet was written
-    uint64_t blockTick = 0;     // tick of the block the packet follows
+    uint64_t pulseTick = 0;     // tick of the receiver's latest pulse when the packet was written
+    uint64_t blockTick = 0;     // the packet's sample counter: tick of the block it follows
     uint32_t deviceStatusWord = 0;
     const uint8_t* uartRing = nullptr;     // 512 words of the receiver's UART ring
     const uint8_t* nmeaArea = nullptr;     // the 2048-byte area copied when the GPS is lost

@@ -151,7 +151,7 @@ gps::GpsPacketFields GpsFieldsOf(const uint8_t* rec) {
     const uint64_t recSamples = AuxRead<uint64_t>(rec, kAuxSampleCounterOffset);
     gps::GpsPacketFields f;
     f.gpsStatusWord = AuxRead<uint32_t>(rec, kAuxGpsStatusOffset);
-    f.packetTick = recSamples;
+    f.pulseTick = AuxPulseCounter(rec);
     f.blockTick = recSamples;
     f.deviceStatusWord = AuxRead<uint32_t>(rec, kAuxStatusWordOffset);
     f.uartRing = rec + kAuxUartRingOffset;

@@ -12,30 +12,39 @@ namespace {
 constexpr std::array<double, kBandCount> kBaseGainDb{
     12.0, 11.4, 11.8, 12.3, 11.5, 10.8, 10.1, 10.6, 9.7, 8.9, 8.0, 6.8, 5.9, 10.4, 5.2};
 
-// Relative error of the step attenuator, per path: its loss is nominal * (1 + e).
+// Step attenuator, per path: its loss is nominal * (1 + e) plus a wiggle
+// from step to step (pads and switches do not add up exactly); together at
+// most 0.3 dB off nominal.
 constexpr std::array<double, kBandCount> kAttenuatorError{
-    -0.02, -0.01, 0.0, 0.01, 0.02, -0.02, -0.01, 0.0, 0.01, 0.02, -0.02, -0.01, 0.0, 0.01, 0.02};
+    -0.0033, -0.0017, 0.0, 0.0017, 0.0033, -0.0033, -0.0017, 0.0, 0.0017, 0.0033, -0.0033, -0.0017, 0.0, 0.0017, 0.0033};
+constexpr double kAttenuatorWiggleDb = 0.2;
 
 // Band 0 rises towards DC; the host takes the rise out with its fixed
 // low-frequency table, so these are exactly those values negated.
 constexpr std::array<std::pair<double, double>, 6> kLowFrequencyRise{{
     {2.0e6, 0.85}, {2.4e6, 0.75}, {3.95e6, 0.5}, {5.35e6, 0.25}, {7.2e6, 0.1}, {8.7e6, 0.0}}};
 
-constexpr double kTempCoefficientDbPerC = -0.018;
+// Gain against temperature: -0.03 dB/degC in band 0 to -0.079 in band 14.
+constexpr double kTempCoefficientDbPerC = -0.03;
+constexpr double kTempCoefficientPerBand = -0.0035;
 
-// RF flatness: a slope, a slow undulation and a temperature tilt.
+// RF flatness: a slope, a slow undulation, a standing wave between the
+// input connector and the first stage (whose 300 MHz period moves the gain by
+// up to 0.32 dB from one 30.72 MHz row to the next) and a temperature tilt.
 constexpr double kFlatnessSlopeDbPerGHz = -0.30;
 constexpr double kFlatnessWaveDb = 0.5;
 constexpr double kFlatnessWavePeriodGHz = 2.7;
+constexpr double kStandingWaveDb = 0.5;
+constexpr double kStandingWavePeriodGHz = 0.3;
 constexpr double kFlatnessTiltDbPerGHzPerC = 0.002;
 
 // IF ripple: one slow cosine across the capture whose depth grows with
 // temperature, a per-path tilt, and a sine of phase.
-constexpr double kRippleDb = 0.10;
+constexpr double kRippleDb = 0.55;
 constexpr double kRipplePerC = 0.004;
 constexpr double kRipplePeriodHz = 44.0e6;
 constexpr double kRipplePhase = 0.6;
-constexpr double kRippleTiltDb = 0.03; // at +30.72 MHz, times -1, 0 or 1 by path
+constexpr double kRippleTiltDb = 0.15; // at +30.72 MHz, times -1, 0 or 1 by path
 constexpr double kPhaseRippleRad = 0.06;
 constexpr double kPhaseRipplePerC = 0.002;
 constexpr double kPhaseRipplePeriodHz = 52.0e6;
@@ -146,6 +155,7 @@ double RfFlatnessDb(double rfHz, double tempC) {
     const double fGHz = rfHz * 1e-9;
     return kFlatnessSlopeDbPerGHz * fGHz +
            kFlatnessWaveDb * std::sin(2.0 * std::numbers::pi * fGHz / kFlatnessWavePeriodGHz) +
+           kStandingWaveDb * std::sin(2.0 * std::numbers::pi * fGHz / kStandingWavePeriodGHz + 1.1) +
            kFlatnessTiltDbPerGHzPerC * (tempC - 25.0) * fGHz;
 }
 
@@ -155,9 +165,10 @@ double GainDb(int band, double rfHz, double attenuationDb, double tempC, int ifL
     double g = kBaseGainDb[b];
     g += RfFlatnessDb(rfHz, tempC);
     if (band == 0) g += LowFrequencyRiseDb(rfHz);
-    g += (kTempCoefficientDbPerC - 0.001 * band) * (tempC - 25.0);
+    g += (kTempCoefficientDbPerC + kTempCoefficientPerBand * band) * (tempC - 25.0);
     g += kIfLevelDbPerStep * (std::clamp(ifLevel, 0, kIfLevelMax) - 4);
-    g -= attenuationDb * (1.0 + kAttenuatorError[b]);
+    g -= attenuationDb * (1.0 + kAttenuatorError[b]) +
+         kAttenuatorWiggleDb * std::min(attenuationDb / 5.0, 1.0) * std::sin(0.4 * attenuationDb + 0.7 * band);
     return g;
 }
 

@@ -202,43 +202,82 @@ void GpsReceiver::Configure(std::shared_ptr<const GpsScene> gps) {
         clockPulse_ = pulsesDone_;
         fix_ = false;
     }
-    if (gps && !gps->sending) fix_ = false;
+    if (!gps || !gps->sending) {
+        fix_ = false;
+        pending_.reset(); // a receiver that stops sends nothing more
+    }
     gps_ = std::move(gps);
 }
 
-bool GpsReceiver::RunTo(uint64_t t, Oscillator& osc) {
-    const uint64_t last = t / kTicksPerSecond;
-    if (last <= pulsesDone_) return false;
-    const uint64_t first = pulsesDone_ + 1;
-    pulsesDone_ = last;
-    if (!gps_ || !gps_->sending) {
-        fix_ = false;
-        return false;
-    }
-    const uint64_t written = last >= kMessagesWritten ? std::max(first, last - kMessagesWritten + 1) : first;
-    if (gps_->source == GpsScene::Source::Synthetic) {
-        // Pulse k ends second utc + (k - clockPulse_ - 1); the state is the
-        // same at every pulse, so a long catch-up is one step.
-        messages_ += last - first + 1;
-        for (uint64_t k = written; k <= last; ++k)
-            Deliver(SyntheticMessage(*gps_, gps_->utcSeconds + static_cast<int64_t>(k - clockPulse_ - 1)));
-        fix_ = gps_->fix;
-        if (fix_) pulseTick_ = last * kTicksPerSecond;
-        return Discipline(osc, fix_, last - first + 1);
-    }
-    const std::vector<NmeaMessage>& log = *gps_->log;
-    const uint64_t logEnd = clockPulse_ + log.size(); // the pulse of the last message
+bool GpsReceiver::RunTo(uint64_t t, Oscillator& osc, double tempC) {
     bool moved = false;
-    for (uint64_t k = first; k <= std::min(last, logEnd); ++k) {
-        const NmeaMessage& m = log[k - clockPulse_ - 1];
-        ++messages_;
-        if (k >= written) Deliver(m.text);
-        fix_ = m.fix;
-        if (fix_) pulseTick_ = k * kTicksPerSecond;
+    const uint64_t delay = gps_ ? gps_->messageDelayTicks : 0;
+    for (;;) {
+        if (pending_ && pending_->at <= t) {
+            Deliver(pending_->text);
+            ++messages_;
+            pending_.reset();
+        }
+        // The pulses are seconds of the GPS; the ticks count the reference,
+        // which runs fast or slow by its error.
+        const double interval = static_cast<double>(kTicksPerSecond) * (1.0 + fe::ReferenceError(osc.tuneWord, tempC));
+        if (nextPulse_ > static_cast<double>(t)) break;
+        // A long stretch in one step: only the last few messages can still
+        // be seen in the ring, and nothing else changes from pulse to pulse
+        // (a disciplined word walks its counts at once).
+        const double ahead = (static_cast<double>(t) - nextPulse_) / interval;
+        const bool logDone = gps_ && gps_->source == GpsScene::Source::Log &&
+                             pulsesDone_ >= clockPulse_ + gps_->log->size();
+        if (ahead > kMessagesWritten + 2 && !pending_ &&
+            (!gps_ || !gps_->sending || gps_->source == GpsScene::Source::Synthetic || logDone)) {
+            const auto skip = static_cast<uint64_t>(ahead) - kMessagesWritten;
+            pulsesDone_ += skip;
+            nextPulse_ += static_cast<double>(skip) * interval;
+            if (gps_ && gps_->sending && !logDone) {
+                messages_ += skip;
+                fix_ = gps_->fix;
+                if (fix_) pulseTick_ = static_cast<uint64_t>(nextPulse_ - interval);
+                moved |= Discipline(osc, fix_, skip);
+            } else {
+                fix_ = false;
+            }
+            continue;
+        }
+        const uint64_t k = ++pulsesDone_;
+        const auto tick = static_cast<uint64_t>(nextPulse_);
+        nextPulse_ += interval;
+        if (!gps_ || !gps_->sending) {
+            fix_ = false;
+            continue;
+        }
+        std::string text;
+        if (gps_->source == GpsScene::Source::Synthetic) {
+            // Pulse k ends second utc + (k - clockPulse_ - 1).
+            fix_ = gps_->fix;
+            text = SyntheticMessage(*gps_, gps_->utcSeconds + static_cast<int64_t>(k - clockPulse_ - 1));
+        } else if (k - clockPulse_ - 1 < gps_->log->size()) {
+            const NmeaMessage& m = (*gps_->log)[k - clockPulse_ - 1];
+            fix_ = m.fix;
+            text = m.text;
+        } else {
+            fix_ = false; // the recording is over: the receiver is quiet
+            continue;
+        }
+        if (fix_) pulseTick_ = tick;
         moved |= Discipline(osc, fix_, 1);
+        pending_ = Pending{tick + delay, std::move(text)};
     }
-    if (last > logEnd) fix_ = false; // the recording is over: the receiver is quiet
     return moved;
+}
+
+std::optional<int64_t> GpsReceiver::SampleOfUtc(int64_t utcSeconds, uint16_t tuneWord, double tempC) const {
+    if (!gps_ || gps_->source != GpsScene::Source::Synthetic) return std::nullopt;
+    // Pulse k is UTC utc + (k - clockPulse_); pulses ahead are placed at the
+    // reference's present rate.
+    const int64_t k = static_cast<int64_t>(clockPulse_) + (utcSeconds - gps_->utcSeconds);
+    const double interval = static_cast<double>(kTicksPerSecond) * (1.0 + fe::ReferenceError(tuneWord, tempC));
+    const double tick = nextPulse_ + static_cast<double>(k - static_cast<int64_t>(pulsesDone_) - 1) * interval;
+    return static_cast<int64_t>(std::ceil(tick / 2.0));
 }
 
 uint32_t GpsReceiver::StatusWord() const {

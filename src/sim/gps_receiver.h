@@ -2,13 +2,15 @@
 // reference oscillator.
 //
 // Receiver model
-//   Device time is the 122.88 MHz tick counter. The receiver's pulse k falls
-//   on tick k * kTicksPerSecond (k >= 1; tick 0 is power-on). At each pulse
-//   the receiver sends one message over its UART: the burst of sentences that
-//   describes the second which has just ended. So the message describing
-//   second S-1 reaches the status packets from the pulse of second S on, and
-//   a host that stamps the first packet carrying it with "RMC time + 1 s"
-//   (plus its pipeline constant) is right to within one packet.
+//   Device time is the 122.88 MHz tick counter, which runs at the reference
+//   oscillator's rate: a GPS second lasts kTicksPerSecond * (1 + e) ticks, e
+//   the reference's error for the tune word in use and the temperature. The
+//   first pulse falls on tick kTicksPerSecond, each further one a GPS second
+//   later. After each pulse the receiver sends one message over its UART (the
+//   burst of sentences that describes the second which has just ended); it
+//   reaches the UART the scene's message delay (300 ms by default) after the
+//   pulse. So a host must anchor "RMC time + 1 s" at the pulse tick that the
+//   first status packet carrying the message reports, not at that packet.
 //   The receiver's clock is set when a scene fits it: the message of the next
 //   pulse describes the scene's `utc` (a log replay starts with its first
 //   message). A later scene with the same `utc` (or the same log) keeps the
@@ -88,14 +90,17 @@ public:
     void Configure(std::shared_ptr<const GpsScene> gps);
 
     // Runs the receiver and the oscillator's discipline over every pulse up
-    // to tick `t`. Returns true when the tune word moved.
-    bool RunTo(uint64_t t, Oscillator& osc);
+    // to tick `t`, the reference at tempC. Returns true when the tune word moved.
+    bool RunTo(uint64_t t, Oscillator& osc, double tempC);
 
     // GPS status word: ring write index (bits 9..17), sequence (18..19), read
     // index (20..28).
     uint32_t StatusWord() const;
     // Tick of the last pulse given with a fix (0 before the first).
     uint64_t PulseTick() const { return pulseTick_; }
+    // The ADC sample at which the synthetic receiver's clock says UTC second
+    // `utcSeconds` begins (its pulse); none without a synthetic receiver.
+    std::optional<int64_t> SampleOfUtc(int64_t utcSeconds, uint16_t tuneWord, double tempC) const;
     bool HasFix() const { return gps_ && gps_->sending && fix_; }
     std::shared_ptr<const UartRing> Ring() const { return ring_; }
 
@@ -105,7 +110,13 @@ private:
     bool Discipline(Oscillator& osc, bool fix, uint64_t pulses) const;
 
     std::shared_ptr<const GpsScene> gps_;
+    struct Pending {
+        uint64_t at = 0; // tick at which the message reaches the UART
+        std::string text;
+    };
     uint64_t pulsesDone_ = 0; // pulses 1..pulsesDone_ have been run
+    double nextPulse_ = static_cast<double>(kTicksPerSecond); // tick of pulse pulsesDone_ + 1
+    std::optional<Pending> pending_; // the last pulse's message, on its way
     uint64_t clockPulse_ = 0; // the pulse before the receiver's first message
     uint64_t messages_ = 0;
     bool fix_ = false;

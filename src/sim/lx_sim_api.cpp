@@ -16,6 +16,14 @@ constexpr int32_t kMinSerial = 10000000;
 constexpr int32_t kMaxSerial = 99999999;
 constexpr uint64_t kMaxAdvanceMs = 1000000000; // about 11.6 days per call
 
+// Why this thread's last scene was refused (empty after an accepted one).
+thread_local std::string tSceneError;
+
+std::shared_ptr<const Scene> Parse(const char* sceneJson) {
+    tSceneError.clear();
+    return ParseScene(sceneJson, &tSceneError);
+}
+
 template <typename F>
 LxStatus WithDevice(int32_t serial, F&& f) {
     auto d = FindBySerial(serial);
@@ -24,7 +32,7 @@ LxStatus WithDevice(int32_t serial, F&& f) {
 }
 
 LxStatus Attach(std::string product, std::string serial, const char* sceneJson, int32_t* id) {
-    auto scene = ParseScene(sceneJson);
+    auto scene = Parse(sceneJson);
     if (!scene) return lxInvalidParameterErr;
     Registry& r = TheRegistry();
     std::lock_guard lk(r.mu);
@@ -73,9 +81,20 @@ LX_API LxStatus lxSimDetach(int32_t serial) {
     return GuardedStatus([&] { return DetachWhere([serial](const SimDevice& d) { return d.SerialNumber() == serial; }); });
 }
 
+LX_API LxStatus lxSimGetSceneError(char* text, int32_t capacity) {
+    return GuardedStatus([&] {
+        if (!text) return lxNullPtrErr;
+        if (capacity < 1) return lxInvalidParameterErr;
+        const size_t n = std::min(tSceneError.size(), static_cast<size_t>(capacity - 1));
+        std::copy_n(tSceneError.data(), n, text);
+        text[n] = '\0';
+        return lxNoError;
+    });
+}
+
 LX_API LxStatus lxSimSetScene(int32_t serial, const char* sceneJson) {
     return GuardedStatus([&] {
-        auto scene = ParseScene(sceneJson);
+        auto scene = Parse(sceneJson);
         if (!scene) return lxInvalidParameterErr;
         return WithDevice(serial, [&](SimDevice& d) {
             d.SetScene(std::move(scene));

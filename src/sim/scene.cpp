@@ -2,11 +2,14 @@
 
 #include <cmath>
 #include <functional>
+#include <climits>
 #include <map>
+#include <set>
 #include <stdexcept>
 
 #include <nlohmann/json.hpp>
 
+#include "sim/audio_track.h"
 #include "sim/gps_receiver.h"
 
 namespace lx::sim {
@@ -14,6 +17,8 @@ namespace lx::sim {
 namespace {
 
 using nlohmann::json;
+
+constexpr double kAdcRateHz = 61.44e6; // scene times fall on ADC samples
 
 // Every rejection is a SceneError carrying the reason; nothing else escapes.
 struct SceneError : std::runtime_error {
@@ -54,24 +59,101 @@ E Choice(const json& v, const std::string& key, const std::map<std::string, E>& 
 // yields a default. New keys are one line here.
 using Handler = std::function<void(const json&, Scene&)>;
 
-ToneEmitter ParseTone(const json& e) {
-    ToneEmitter t;
-    bool haveFrequency = false, havePower = false;
-    static const std::map<std::string, std::function<void(const json&, ToneEmitter&)>> kKeys{
-        {"kind", [](const json&, ToneEmitter&) {}},
-        {"frequency_hz", [](const json& v, ToneEmitter& t) { t.frequencyHz = Number(v, "frequency_hz", 0.0, 20e9); }},
-        {"power_dbm", [](const json& v, ToneEmitter& t) { t.powerDbm = Number(v, "power_dbm", -200.0, 30.0); }},
-        {"phase_deg", [](const json& v, ToneEmitter& t) { t.phaseDeg = Number(v, "phase_deg", -360.0, 360.0); }},
+int64_t Samples(double seconds) { return std::llround(seconds * kAdcRateHz); }
+
+std::optional<int64_t> Utc(const json& v) {
+    return v.is_string() ? ParseUtc(v.get<std::string>()) : std::nullopt;
+}
+
+// Keys each kind takes besides kind, frequency_hz, power_dbm and phase_deg.
+const std::map<std::string, std::pair<Emitter::Kind, std::set<std::string>>>& EmitterKinds() {
+    static const std::map<std::string, std::pair<Emitter::Kind, std::set<std::string>>> kKinds{
+        {"tone", {Emitter::Kind::Tone, {"on_s", "off_s"}}},
+        {"burst", {Emitter::Kind::Burst, {"start_s", "start_utc", "width_s", "period_s", "count"}}},
+        {"am", {Emitter::Kind::Am, {"depth", "audio_hz", "audio_file"}}},
+        {"fm", {Emitter::Kind::Fm, {"deviation_hz", "preemphasis_s", "audio_hz", "audio_file"}}},
+        {"ssb", {Emitter::Kind::Ssb, {"sideband", "audio_hz", "audio_file"}}},
     };
+    return kKinds;
+}
+
+Emitter ParseEmitter(const json& e) {
+    const auto kind = e.find("kind");
+    if (kind == e.end() || !kind->is_string()) throw SceneError("an emitter needs a \"kind\"");
+    const std::string name = kind->get<std::string>();
+    const auto it = EmitterKinds().find(name);
+    if (it == EmitterKinds().end()) throw SceneError("unknown emitter kind \"" + name + "\"");
+    Emitter m;
+    m.kind = it->second.first;
+    const auto has = [&](const char* key) { return e.contains(key); };
     for (const auto& [key, value] : e.items()) {
-        const auto it = kKeys.find(key);
-        if (it == kKeys.end()) throw SceneError("unknown tone key \"" + key + "\"");
-        it->second(value, t);
-        haveFrequency |= key == "frequency_hz";
-        havePower |= key == "power_dbm";
+        if (key == "kind" || key == "frequency_hz" || key == "power_dbm" || key == "phase_deg") continue;
+        if (!it->second.second.count(key)) throw SceneError("unknown " + name + " key \"" + key + "\"");
     }
-    if (!haveFrequency || !havePower) throw SceneError("a tone needs \"frequency_hz\" and \"power_dbm\"");
-    return t;
+    if (!has("frequency_hz") || !has("power_dbm"))
+        throw SceneError("a " + name + " needs \"frequency_hz\" and \"power_dbm\"");
+    m.frequencyHz = Number(e["frequency_hz"], "frequency_hz", 0.0, 20e9);
+    m.powerDbm = Number(e["power_dbm"], "power_dbm", -200.0, 30.0);
+    if (has("phase_deg")) m.phaseDeg = Number(e["phase_deg"], "phase_deg", -360.0, 360.0);
+    switch (m.kind) {
+    case Emitter::Kind::Tone:
+        if (has("on_s") != has("off_s")) throw SceneError("a tone's duty cycle needs both \"on_s\" and \"off_s\"");
+        if (has("on_s")) {
+            Gate g;
+            g.width = Samples(Number(e["on_s"], "on_s", 1.0 / kAdcRateHz, 1e4));
+            g.period = g.width + Samples(Number(e["off_s"], "off_s", 1.0 / kAdcRateHz, 1e4));
+            g.count = -1;
+            m.gate = g;
+        }
+        break;
+    case Emitter::Kind::Burst: {
+        if (!has("width_s")) throw SceneError("a burst needs \"width_s\"");
+        Gate g;
+        g.width = Samples(Number(e["width_s"], "width_s", 1.0 / kAdcRateHz, 1e4));
+        if (has("start_s")) g.start = Samples(Number(e["start_s"], "start_s", 0.0, 1e7));
+        if (has("start_utc")) {
+            g.startUtc = Utc(e["start_utc"]);
+            if (!g.startUtc) throw SceneError("\"start_utc\" must be a time \"YYYY-MM-DDTHH:MM:SSZ\" in 2000..2099");
+        }
+        if (has("period_s")) {
+            g.period = Samples(Number(e["period_s"], "period_s", 1.0 / kAdcRateHz, 1e4));
+            if (g.period <= g.width) throw SceneError("\"period_s\" must exceed \"width_s\"");
+            g.count = -1;
+        }
+        if (has("count")) {
+            if (!has("period_s")) throw SceneError("\"count\" needs \"period_s\"");
+            g.count = Integer(e["count"], "count", 0x7FFFFFFF);
+            if (g.count == 0) throw SceneError("\"count\" must be at least 1");
+        }
+        m.gate = g;
+        break;
+    }
+    case Emitter::Kind::Am:
+        if (!has("depth")) throw SceneError("an am needs \"depth\"");
+        m.depth = Number(e["depth"], "depth", 0.0, 1.0);
+        break;
+    case Emitter::Kind::Fm:
+        if (!has("deviation_hz")) throw SceneError("an fm needs \"deviation_hz\"");
+        m.deviationHz = Number(e["deviation_hz"], "deviation_hz", 0.0, 1e6);
+        if (has("preemphasis_s")) m.preemphasisS = Number(e["preemphasis_s"], "preemphasis_s", 0.0, 1e-3);
+        break;
+    case Emitter::Kind::Ssb:
+        if (!has("sideband")) throw SceneError("an ssb needs \"sideband\"");
+        m.upper = Choice<bool>(e["sideband"], "sideband", {{"upper", true}, {"lower", false}});
+        break;
+    }
+    if (m.kind == Emitter::Kind::Am || m.kind == Emitter::Kind::Fm || m.kind == Emitter::Kind::Ssb) {
+        if (has("audio_hz") == has("audio_file"))
+            throw SceneError("a " + name + " needs one of \"audio_hz\" and \"audio_file\"");
+        if (has("audio_hz")) m.audioHz = Number(e["audio_hz"], "audio_hz", 1.0, 100e3);
+        if (has("audio_file")) {
+            if (!e["audio_file"].is_string()) throw SceneError("\"audio_file\" must be a path");
+            std::string why;
+            m.audio = LoadAudioTrack(e["audio_file"].get<std::string>(), &why);
+            if (!m.audio) throw SceneError(why);
+        }
+    }
+    return m;
 }
 
 void ParseEmitters(const json& v, Scene& s) {
@@ -79,14 +161,49 @@ void ParseEmitters(const json& v, Scene& s) {
     if (v.size() > 64) throw SceneError("\"emitters\" holds at most 64 emitters");
     for (const auto& e : v) {
         if (!e.is_object()) throw SceneError("an emitter must be an object");
-        const auto kind = e.find("kind");
-        if (kind == e.end() || !kind->is_string()) throw SceneError("an emitter needs a \"kind\"");
-        if (kind->get<std::string>() == "tone") {
-            s.tones.push_back(ParseTone(e));
+        s.emitters.push_back(ParseEmitter(e));
+    }
+}
+
+void ParseTrigger(const json& v, Scene& s) {
+    if (!v.is_object()) throw SceneError("\"trigger\" must be an object");
+    auto t = std::make_shared<TriggerScene>();
+    for (const auto& [key, value] : v.items()) {
+        if (key == "times_s") {
+            if (!value.is_array() || value.empty() || value.size() > 100000)
+                throw SceneError("\"times_s\" must be a list of 1 .. 100000 times");
+            for (const auto& x : value) {
+                t->edges.push_back(Samples(Number(x, "times_s", 0.0, 1e7)));
+                if (t->edges.size() > 1 && t->edges[t->edges.size() - 2] >= t->edges.back())
+                    throw SceneError("\"times_s\" must be ascending");
+            }
+        } else if (key == "start_s") {
+            t->start = Samples(Number(value, "start_s", 0.0, 1e7));
+        } else if (key == "period_s") {
+            t->period = Samples(Number(value, "period_s", 2.0 / kAdcRateHz, 1e4));
+        } else if (key == "count") {
+            t->count = Integer(value, "count", 0x7FFFFFFF);
+            if (t->count == 0) throw SceneError("\"count\" must be at least 1");
+        } else if (key == "width_s") {
+            t->width = Samples(Number(value, "width_s", 1.0 / kAdcRateHz, 1.0));
+        } else if (key == "polarity") {
+            t->risingFirst = Choice<bool>(value, "polarity", {{"rising", true}, {"falling", false}});
         } else {
-            throw SceneError("unknown emitter kind \"" + kind->get<std::string>() + "\"");
+            throw SceneError("unknown trigger key \"" + key + "\"");
         }
     }
+    const bool train = v.contains("period_s");
+    if (train == v.contains("times_s")) throw SceneError("\"trigger\" needs one of \"times_s\" and \"period_s\"");
+    if (!train && (v.contains("start_s") || v.contains("count")))
+        throw SceneError("\"trigger\": \"start_s\" and \"count\" go with \"period_s\"");
+    if (train && !v.contains("count")) t->count = -1;
+    const int64_t gap = train ? t->period : [&] {
+        int64_t g = INT64_MAX;
+        for (size_t i = 1; i < t->edges.size(); ++i) g = std::min(g, t->edges[i] - t->edges[i - 1]);
+        return g;
+    }();
+    if (t->width >= gap) throw SceneError("\"trigger\": \"width_s\" must be shorter than the time between pulses");
+    s.trigger = std::move(t);
 }
 
 void ParseGps(const json& v, Scene& s) {
@@ -118,6 +235,10 @@ void ParseGps(const json& v, Scene& s) {
         {"receiver",
          [](const json& v, GpsScene& g) {
              g.sending = Choice<bool>(v, "receiver", {{"on", true}, {"silent", false}});
+         }},
+        {"message_delay_s",
+         [](const json& v, GpsScene& g) {
+             g.messageDelayTicks = static_cast<uint64_t>(std::llround(Number(v, "message_delay_s", 0.0, 0.9) * 122.88e6));
          }},
         {"disciplined_tune",
          [](const json& v, GpsScene& g) {
@@ -166,6 +287,7 @@ const std::map<std::string, Handler>& SceneKeys() {
          }},
         {"dithering", [](const json& v, Scene& s) { s.dithering = Bool(v, "dithering"); }},
         {"gps", ParseGps},
+        {"trigger", ParseTrigger},
     };
     return kKeys;
 }
@@ -183,6 +305,9 @@ std::shared_ptr<const Scene> ParseScene(const char* text, std::string* error) {
             if (it == SceneKeys().end()) throw SceneError("unknown scene key \"" + key + "\"");
             it->second(value, *scene);
         }
+        for (const Emitter& e : scene->emitters)
+            if (e.gate && e.gate->startUtc && (!scene->gps || scene->gps->source != GpsScene::Source::Synthetic))
+                throw SceneError("\"start_utc\" needs a synthetic \"gps\" receiver in the scene");
         return scene;
     } catch (const SceneError& e) {
         if (error) *error = e.what();

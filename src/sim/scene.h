@@ -12,10 +12,42 @@
 
 namespace lx::sim {
 
-struct ToneEmitter {
-    double frequencyHz = 0;
-    double powerDbm = 0;
+// An audio programme for a modulated emitter: a mono file resampled to
+// kAudioRateHz, played in a loop from device time 0. Samples in full-scale
+// units (a full-scale sine peaks at 1). `quadrature` is its Hilbert
+// transform (for single sideband).
+inline constexpr double kAudioRateHz = 240000.0; // 61.44 MHz / 256
+inline constexpr int kAdcSamplesPerAudioSample = 256;
+struct AudioTrack {
+    std::string path;
+    std::vector<float> samples;
+    std::vector<float> quadrature;
+};
+
+// On/off keying on the device timeline, in ADC samples: on for `width`
+// samples from start + k * period, k = 0 .. count - 1 (count < 0: for ever).
+struct Gate {
+    int64_t start = 0;
+    int64_t width = 0;
+    int64_t period = 0; // 0: one burst
+    int64_t count = 1;
+    std::optional<int64_t> startUtc; // placed by the GPS receiver's clock; start is then the offset from it
+};
+
+// One signal at the input port (docs/simulator.md, "Emitters").
+struct Emitter {
+    enum class Kind : uint8_t { Tone, Burst, Am, Fm, Ssb };
+    Kind kind = Kind::Tone;
+    double frequencyHz = 0; // carrier
+    double powerDbm = 0;    // unmodulated carrier (tone, burst, am, fm) or sideband (ssb)
     double phaseDeg = 0;
+    std::optional<Gate> gate;  // tone duty cycle, burst
+    double depth = 0;          // am
+    double deviationHz = 0;    // fm, peak for a full-scale audio
+    double preemphasisS = 0;   // fm, 0: none
+    bool upper = true;         // ssb
+    double audioHz = 1000;     // sine programme
+    std::shared_ptr<const AudioTrack> audio; // file programme instead of the sine
 };
 
 // One message of a replayed receiver log: one second's burst of sentences,
@@ -43,13 +75,24 @@ struct GpsScene {
     // Tune word the disciplined reference settles on; none: 20 above the word
     // in use when disciplining begins.
     std::optional<uint16_t> disciplinedTune;
+    // How long after its pulse the receiver's message reaches the UART.
+    uint64_t messageDelayTicks = 300 * 122880;
+};
+
+// The external trigger input: pulses whose leading edge (of `polarity`)
+// falls at each time, the opposite edge `width` later; times in ADC samples.
+struct TriggerScene {
+    std::vector<int64_t> edges; // explicit list, ascending
+    int64_t start = 0, period = 0, count = 0; // or a train (period > 0; count < 0: for ever)
+    int64_t width = 61;                       // ~1 us
+    bool risingFirst = true;
 };
 
 enum class CalibrationContent : uint8_t { Factory, Unprogrammed, Corrupt };
 enum class Pacing : uint8_t { Fast, Realtime };
 
 struct Scene {
-    std::vector<ToneEmitter> tones;
+    std::vector<Emitter> emitters;
     double noiseFloorDbmHz = -160.0;
     double temperatureC = 25.0;
     double supplyV = 12.0;
@@ -59,6 +102,7 @@ struct Scene {
     Pacing pacing = Pacing::Fast;
     bool dithering = true;
     std::shared_ptr<const GpsScene> gps; // null: no receiver fitted
+    std::shared_ptr<const TriggerScene> trigger; // null: nothing on the trigger input
 };
 
 // Parses a scene. Null or empty text is the default scene. On failure returns

@@ -24,6 +24,25 @@ constexpr uint8_t kRequestBusyPoll = 0xC2;
 constexpr uint8_t kRequestFanSetPoint = 0xC3;
 constexpr uint8_t kRequestReboot = 0xE0;
 
+// The first edge of the trigger input of the wanted polarity (0 rising, 1
+// falling) on an ADC sample in [from, to), if any. The input is sampled with
+// the ADC clock: an edge is reported on the sample at or after it.
+std::optional<uint64_t> FirstTriggerEdge(const TriggerScene& t, uint32_t edge, uint64_t from, uint64_t to) {
+    const int64_t shift = ((edge == 0) == t.risingFirst) ? 0 : t.width;
+    const auto a = static_cast<int64_t>(from), b = static_cast<int64_t>(to);
+    if (t.period > 0) {
+        const int64_t first = t.start + shift;
+        int64_t k = a > first ? (a - first + t.period - 1) / t.period : 0;
+        if (t.count >= 0 && k >= t.count) return std::nullopt;
+        const int64_t e = first + k * t.period;
+        if (e < b) return static_cast<uint64_t>(e);
+        return std::nullopt;
+    }
+    const auto it = std::lower_bound(t.edges.begin(), t.edges.end(), a - shift);
+    if (it != t.edges.end() && *it + shift < b) return static_cast<uint64_t>(*it + shift);
+    return std::nullopt;
+}
+
 uint16_t Raw16(double value, double scale) {
     return static_cast<uint16_t>(std::clamp(std::lround(value / scale), 0L, 65535L));
 }
@@ -180,7 +199,7 @@ void SimDevice::SyncTime(Clock::time_point now) {
 
 void SimDevice::RunGps() {
     // The reference follows the tune word: a moved word retunes what comes next.
-    if (gps_.RunTo(DeviceTick(), run_.osc)) run_.config.reset();
+    if (gps_.RunTo(DeviceTick(), run_.osc, scene_->temperatureC)) run_.config.reset();
 }
 
 void SimDevice::FailPending() {
@@ -336,11 +355,9 @@ void SimDevice::RenderItem(OutItem& it, uint8_t* dst) {
         return; // flash reads carry their content from the start
     case OutItem::Kind::Iq: {
         const RenderPlan& plan = PlanFor(it.config);
-        const uint32_t noiseOffset = static_cast<uint32_t>(NextRandom(rng_) >> 32);
-        // The plan's tones run in delivered samples; sampleIndex counts ADC
-        // samples and is a multiple of the factor (QueueTransferRequest).
-        const uint64_t first = it.sampleIndex / static_cast<uint64_t>(it.config->decimation);
-        if (RenderIqPacket(plan, first, noiseOffset, reinterpret_cast<int16_t*>(dst)))
+        // sampleIndex counts ADC samples and is a multiple of the decimation
+        // (QueueTransferRequest).
+        if (RenderIqPacket(plan, it.sampleIndex, NextRandom(rng_), reinterpret_cast<int16_t*>(dst)))
             pendingStatus_ |= fe::kStatusAdcOverflow;
         if (scene.pacing == Pacing::Realtime &&
             Clock::now() - it.readyAt > std::chrono::duration<double>(kDeviceBufferSeconds))
@@ -354,9 +371,20 @@ void SimDevice::RenderItem(OutItem& it, uint8_t* dst) {
         AuxWrite<uint32_t>(dst, kAuxFirmwareRevisionOffset, scene.firmware[2]);
         AuxWrite<uint16_t>(dst, kAuxFirmwareMinorOffset, static_cast<uint16_t>(scene.firmware[1]));
         AuxWrite<uint16_t>(dst, kAuxFirmwareMajorOffset, static_cast<uint16_t>(scene.firmware[0]));
-        AuxWrite<uint64_t>(dst, kAuxSampleCounterOffset, 2 * it.sampleIndex);
+        // Behind a block of B samples at decimation D1 the counter K places
+        // the block's first sample at antenna tick K - 2 D1 B + L(D1)
+        // (lx_command/status_packet.h); alone, it is the device's tick.
+        const int64_t pipeline = it.blockSpan > 0 ? PipelineOffsetTicks(it.blockDecimation) : 0;
+        AuxWrite<uint64_t>(dst, kAuxSampleCounterOffset, 2 * it.sampleIndex - static_cast<uint64_t>(pipeline));
+        if (it.blockSpan > 0 && scene.trigger) {
+            if (const auto edge = FirstTriggerEdge(*scene.trigger, it.triggerEdge, it.blockFirst,
+                                                   it.blockFirst + it.blockSpan)) {
+                AuxWrite<uint32_t>(dst, kAuxTriggerFlagsOffset, kAuxTriggerExternal);
+                AuxWrite<uint32_t>(dst, kAuxTriggerPositionOffset, static_cast<uint32_t>(2 * (*edge - it.blockFirst)));
+            }
+        }
         AuxWrite<uint16_t>(dst, kAuxOscTuneWordOffset, it.gps.tuneWord);
-        uint32_t status = pendingStatus_;
+        uint32_t status = pendingStatus_ | (it.lateLoss ? fe::kStatusDataLoss : 0u);
         if (!scene.dithering) status |= kAuxStatusNoDither;
         if (it.gps.timebaseFollowsGps) status |= kAuxStatusGpsTimebase;
         AuxWrite<uint32_t>(dst, kAuxStatusWordOffset, status);
@@ -465,6 +493,7 @@ void SimDevice::ExecuteRunWord(uint32_t w) {
     case 0x2C:
         run_.bandOperand = operand;
         run_.config.reset();
+        run_.streaming = false;
         break;
     case 0x2E:
         // Pulses before this word steered the old word.
@@ -494,10 +523,24 @@ void SimDevice::ExecuteRunWord(uint32_t w) {
     case 0x27:
         run_.gpio = operand & 0xFF;
         break;
+    case kOpTriggerEdge:
+        run_.triggerEdge = operand & 1;
+        break;
     case 0x30:
         run_.captureControl = operand;
         run_.config.reset();
+        run_.streaming = false;
         break;
+    case 0x32: // stop: the next request starts a new capture
+        run_.streaming = false;
+        break;
+    case 0x10: {
+        // Settle: the device waits `count` ticks before it goes on, so the
+        // next data starts that much later on the timeline.
+        SyncTime(blockTime_);
+        samplePos_ += (operand + 1) / 2;
+        break;
+    }
     case 0x31:
         QueueTransferRequest(w);
         break;
@@ -551,6 +594,9 @@ void SimDevice::QueueTransferRequest(uint32_t w) {
     // The decimator keeps the ADC samples whose index is a multiple of its
     // factor: a decimated capture starts on the next such sample.
     if (iq > 0) samplePos_ = (samplePos_ + factor - 1) / factor * factor;
+    // A paced stream only keeps what has been asked for: a request that comes
+    // after the samples following the last one have passed finds them gone.
+    const bool lateLoss = iq > 0 && paced && run_.streaming && samplePos_ > run_.streamEnd;
     for (uint32_t k = 0; k < iq; ++k) {
         OutItem it;
         it.kind = OutItem::Kind::Iq;
@@ -563,6 +609,11 @@ void SimDevice::QueueTransferRequest(uint32_t w) {
         items_.push_back(std::move(it));
         producedEnd_ += kIqPacketBytes;
         ++pendingIq_;
+    }
+    const uint64_t blockSpan = iq * static_cast<uint64_t>(kIqPacketSamples) * factor;
+    if (iq > 0) {
+        run_.streaming = true;
+        run_.streamEnd = samplePos_;
     }
     AuxGps gps;
     if (aux > 0) {
@@ -583,6 +634,11 @@ void SimDevice::QueueTransferRequest(uint32_t w) {
         it.sampleIndex = samplePos_;
         it.readyAt = readyOf(samplePos_);
         it.gps = gps;
+        it.blockFirst = samplePos_ - blockSpan;
+        it.blockSpan = blockSpan;
+        it.blockDecimation = static_cast<int>(factor);
+        it.triggerEdge = run_.triggerEdge;
+        it.lateLoss = lateLoss;
         items_.push_back(std::move(it));
         producedEnd_ += kAuxPacketBytes;
     }
@@ -608,38 +664,88 @@ const RenderPlan& SimDevice::PlanFor(const std::shared_ptr<const CaptureConfig>&
     const Scene& s = *scene_;
     const CaptureConfig& c = *config;
     plan_ = RenderPlan{};
+    const int R = std::max(c.decimation, 1);
+    plan_.decimation = R;
     const double k = 1.0 + fe::ReferenceError(c.tuneWord, s.temperatureC);
     const double fs = fe::kSampleRateHz * k;
     const double centre = c.centreHz * k;
+    // Noise: the scene's density through the front end (gain at the centre,
+    // IF response) plus the ADC's own, both through the device filter and
+    // the decimator. The decimator keeps 1/R of the band and of the noise
+    // power: the density stays, the delivered samples carry 1/R of it.
     const double adcNoise = std::pow(10.0, (fe::kAdcNoiseDbfsPerHz + 10.0 * std::log10(fe::kSampleRateHz)) / 10.0);
-    double noise = adcNoise;
+    double sceneNoise = 0;
     if (c.band >= 0) {
         const double g = fe::GainDb(c.band, c.locked ? centre : 0.0, c.attenuationDb, s.temperatureC, c.ifLevel);
-        noise += std::pow(10.0, (s.noiseFloorDbmHz + g + 10.0 * std::log10(fs)) / 10.0);
+        sceneNoise = std::pow(10.0, (s.noiseFloorDbmHz + g + 10.0 * std::log10(fs)) / 10.0);
     }
-    // Everything the ADC delivers passes the device's filter; its gain at the
-    // centre stands for the (nearly flat) noise floor. The decimator keeps
-    // 1/R of the band and of the noise power: the density stays, and the
-    // delivered samples (at fs / R) carry noise of sigma^2 / R.
-    const int R = std::max(c.decimation, 1);
-    plan_.noiseSigma =
-        static_cast<float>(std::sqrt(noise / static_cast<double>(R)) * std::abs(c.filter.Response(0.0)));
+    plan_.noiseShape = NoiseShape([&](double cyclesOut) {
+        const double hz = cyclesOut * fs / R;
+        const double ifr = c.band >= 0 ? std::norm(fe::IfResponseAt(c.band, hz, s.temperatureC)) : 0.0;
+        const double dec = fe::DecimatorResponse(cyclesOut, R);
+        return (sceneNoise * ifr + adcNoise) * std::norm(c.filter.Response(cyclesOut / R)) * dec * dec / R;
+    });
     if (c.band < 0 || !c.locked) return plan_;
-    for (const ToneEmitter& e : s.tones) {
-        const double offset = e.frequencyHz - centre;
-        const double baseband = fe::BandMirrored(c.band) ? -offset : offset;
-        // Cycles per delivered sample: a tone beyond the decimated band is
-        // taken out by the decimator, never folded in.
+    const bool mirrored = fe::BandMirrored(c.band);
+    // A component at RF frequency f with peak amplitude `amplitude` at the
+    // input, through the front end: null when the capture does not pass it.
+    const auto component = [&](double f, double amplitude, double phaseCycles) -> std::optional<ToneComponent> {
+        const double offset = f - centre;
+        const double baseband = mirrored ? -offset : offset;
+        // Cycles per delivered sample: beyond the decimated band the
+        // decimator takes a component out, never folds it in.
         const double cycles = baseband / fs * R;
         const std::complex<double> response = fe::IfResponseAt(c.band, baseband, s.temperatureC) *
                                               c.filter.Response(baseband / fs) * fe::DecimatorResponse(cycles, R);
-        if (std::abs(response) <= 0.0) continue;
-        const double g = fe::GainDb(c.band, e.frequencyHz, c.attenuationDb, s.temperatureC, c.ifLevel);
+        if (std::abs(response) <= 0.0) return std::nullopt;
+        const double g = fe::GainDb(c.band, f, c.attenuationDb, s.temperatureC, c.ifLevel);
         ToneComponent t;
-        t.amplitude = static_cast<float>(std::pow(10.0, (e.powerDbm + g) / 20.0) * std::abs(response));
+        t.amplitude = static_cast<float>(amplitude * std::pow(10.0, g / 20.0) * std::abs(response));
         t.cyclesPerSample = cycles;
-        t.phaseCycles = e.phaseDeg / 360.0 + std::arg(response) / (2.0 * std::numbers::pi);
-        plan_.tones.push_back(t);
+        t.phaseCycles = (mirrored ? -phaseCycles : phaseCycles) + std::arg(response) / (2.0 * std::numbers::pi);
+        return t;
+    };
+    for (const Emitter& e : s.emitters) {
+        const double a = std::pow(10.0, e.powerDbm / 20.0); // peak of the unmodulated carrier, sqrt(mW)
+        const double phase = e.phaseDeg / 360.0;
+        const bool sine = !e.audio;
+        if (e.kind == Emitter::Kind::Tone && !e.gate) {
+            if (auto t = component(e.frequencyHz, a, phase)) plan_.tones.push_back(*t);
+            continue;
+        }
+        if (e.kind == Emitter::Kind::Ssb && sine) {
+            const double f = e.frequencyHz + (e.upper ? e.audioHz : -e.audioHz);
+            if (auto t = component(f, a, phase)) plan_.tones.push_back(*t);
+            continue;
+        }
+        const auto carrier = component(e.frequencyHz, a, phase);
+        if (!carrier) continue;
+        ModulatedComponent m;
+        m.kind = e.kind;
+        m.carrier = *carrier;
+        m.gate = e.gate;
+        if (m.gate && m.gate->startUtc) {
+            const auto at = gps_.SampleOfUtc(*m.gate->startUtc, c.tuneWord, s.temperatureC);
+            if (!at) continue; // no receiver clock to place it by
+            m.gate->start += *at;
+            m.gate->startUtc.reset();
+        }
+        m.audioCyclesPerAdcSample = e.audioHz / fe::kSampleRateHz;
+        m.depth = static_cast<float>(e.depth);
+        m.sideband = (e.upper != mirrored) ? 1.0f : -1.0f;
+        m.audio = e.audio;
+        if (e.kind == Emitter::Kind::Fm) {
+            if (e.audio) {
+                m.fmCycles = FmPhaseTable(*e.audio, mirrored ? -e.deviationHz : e.deviationHz, e.preemphasisS);
+            } else {
+                // Pre-emphasis 1 + j 2 pi f tau lifts and advances the sine.
+                const std::complex<double> pre(1.0, 2.0 * std::numbers::pi * e.audioHz * e.preemphasisS);
+                m.fmPeakCycles =
+                    static_cast<float>((mirrored ? -1 : 1) * e.deviationHz * std::abs(pre) / (2.0 * std::numbers::pi * e.audioHz));
+                m.audioPhaseCycles = std::arg(pre) / (2.0 * std::numbers::pi);
+            }
+        }
+        plan_.modulated.push_back(std::move(m));
     }
     return plan_;
 }

@@ -169,6 +169,13 @@ private:
         std::shared_ptr<const CaptureConfig> config;
         std::vector<uint8_t> bytes; // content, once rendered (always for flash reads)
         AuxGps gps;                 // aux packets
+        // Aux packets behind I/Q packets of the same request: that block's
+        // first ADC sample, its span in ADC samples and its decimation, and
+        // the trigger edge the device was told to report.
+        uint64_t blockFirst = 0, blockSpan = 0;
+        int blockDecimation = 1;
+        uint32_t triggerEdge = 0;
+        bool lateLoss = false; // paced: the request came after its samples had passed
     };
 
     struct RunState {
@@ -181,6 +188,11 @@ private:
         uint32_t reference = 0;
         uint32_t gpio = 0;
         uint16_t fanSetPointRaw = 45 * 16;
+        uint32_t triggerEdge = 0; // opcode 0x33: 0 rising, 1 falling
+        // A paced stream runs on from one I/Q request to the next until a
+        // stop, tuning or capture word; streamEnd is where the last one ended.
+        bool streaming = false;
+        uint64_t streamEnd = 0;
         std::shared_ptr<const CaptureConfig> config; // null: recompute
     };
 

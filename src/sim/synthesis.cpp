@@ -1,65 +1,94 @@
 #include "sim/synthesis.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
+#include <complex>
 #include <cstring>
 #include <numbers>
-#include <random>
 
+#include "dsp/fft.h"
+#include "dsp/simd.h"
 #include "sim/front_end.h"
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
 namespace lx::sim {
 
 namespace {
 
-constexpr uint32_t kNoiseEntries = 1u << 18;
 constexpr int kN = kIqPacketSamples;
-constexpr int kLanes = 16; // tone recurrence runs this many phasors side by side
+constexpr int kLanes = 16; // phasor recurrences run this many side by side
 
-// Separate I and Q arrays, padded by one packet so that a packet read at any
-// offset below kNoiseEntries never wraps.
-struct NoiseTable {
-    std::vector<float> re, im;
-    NoiseTable() : re(kNoiseEntries + kN), im(kNoiseEntries + kN) {
-        std::mt19937_64 rng(0x4C583533305EEDULL);
-        std::normal_distribution<float> g(0.0f, std::numbers::sqrt2_v<float> / 2.0f);
-        for (uint32_t i = 0; i < kNoiseEntries; ++i) {
-            re[i] = g(rng);
-            im[i] = g(rng);
-        }
-        std::copy_n(re.begin(), kN, re.begin() + kNoiseEntries);
-        std::copy_n(im.begin(), kN, im.begin() + kNoiseEntries);
-    }
-};
-
-const NoiseTable& Noise() {
-    static const NoiseTable table;
-    return table;
+// A 32-bit integer hash with good avalanche (lowbias32).
+inline uint32_t Mix(uint32_t x) {
+    x ^= x >> 16;
+    x *= 0x7feb352dU;
+    x ^= x >> 15;
+    x *= 0x846ca68bU;
+    x ^= x >> 16;
+    return x;
 }
 
-void AddTone(const ToneComponent& t, uint64_t firstSample, float* __restrict re, float* __restrict im) {
-    // Start phase from the absolute index in extended precision: a recurrence
-    // carried across packets would drift; this restarts exact every packet.
-    long double start = static_cast<long double>(t.cyclesPerSample) * static_cast<long double>(firstSample) +
-                        t.phaseCycles;
-    start -= std::floor(start);
-    const double w = 2.0 * std::numbers::pi * t.cyclesPerSample;
+// cos and sin of 2 pi u, u in [0, 1): the quadrant's centre ((k + 1/2) pi/2,
+// whose cos and sin are +-sqrt(1/2)) rotated by a polynomial in |r| <= pi/4.
+inline void SinCos2Pi(float u, float& c, float& s) {
+    const float q = u * 4.0f;
+    const int32_t k = static_cast<int32_t>(q) & 3;
+    const float r = (q - static_cast<float>(k) - 0.5f) * (std::numbers::pi_v<float> / 2);
+    const float r2 = r * r;
+    const float sr = r * (1.0f + r2 * (-1.0f / 6 + r2 * (1.0f / 120 + r2 * (-1.0f / 5040))));
+    const float cr = 1.0f + r2 * (-0.5f + r2 * (1.0f / 24 + r2 * (-1.0f / 720 + r2 * (1.0f / 40320))));
+    constexpr float h = std::numbers::sqrt2_v<float> / 2;
+    const uint32_t negC = static_cast<uint32_t>((k + 1) & 2) << 30; // quadrants 1, 2
+    const uint32_t negS = static_cast<uint32_t>(k & 2) << 30;       // quadrants 2, 3
+    const float cb = std::bit_cast<float>(std::bit_cast<uint32_t>(h) ^ negC);
+    const float sb = std::bit_cast<float>(std::bit_cast<uint32_t>(h) ^ negS);
+    c = cr * cb - sr * sb;
+    s = sr * cb + cr * sb;
+}
+
+// Fractional part of x (|x| < 2^31), for SinCos2Pi.
+inline float Frac(float x) {
+    const float t = static_cast<float>(static_cast<int32_t>(x));
+    const float f = x - t;
+    return f < 0.0f ? f + 1.0f : f;
+}
+
+// Complex values of zero mean and unit variance, times `shape`, for one
+// packet: each component the sum of four uniform bytes of a hashed word (an
+// Irwin-Hall variable, already close to Gaussian). They are spectral lines;
+// the transform that follows makes every delivered sample a sum of 2048 of
+// them, Gaussian far beyond 4 sigma, and the samples of a packet
+// uncorrelated. Cheaper than Box-Muller by half, which the data plane needs.
+LX_DSP_CLONES void GaussianLoop(const float* shape, uint32_t k1, uint32_t k2, float* out) {
+    // Four bytes: mean 4 * 127.5, variance 4 * (256^2 - 1) / 12 per component.
+    constexpr float kScale = 0.70710678f / 147.80054f;
+    for (int i = 0; i < kN; ++i) {
+        const uint32_t a = Mix((2u * static_cast<uint32_t>(i) + k1) ^ k2);
+        const uint32_t b = Mix((2u * static_cast<uint32_t>(i) + 1u + k1) ^ k2);
+        const int32_t re = static_cast<int32_t>((a & 0xFF) + (a >> 8 & 0xFF) + (a >> 16 & 0xFF) + (a >> 24)) - 510;
+        const int32_t im = static_cast<int32_t>((b & 0xFF) + (b >> 8 & 0xFF) + (b >> 16 & 0xFF) + (b >> 24)) - 510;
+        out[2 * i] = static_cast<float>(re) * kScale * shape[i];
+        out[2 * i + 1] = static_cast<float>(im) * kScale * shape[i];
+    }
+}
+
+// amplitude * e^(j 2 pi (start + n * cycles)) for n = 0 .. kN-1, written
+// (add = false) or added to x (interleaved re, im). The start comes from the
+// absolute index in extended precision; within the packet a recurrence of
+// kLanes phasors keeps the error far below the 16-bit floor.
+LX_DSP_CLONES void PhasorLoop(float* __restrict x, const float* __restrict p0, const float* __restrict step,
+                              bool add) {
     float pr[kLanes], pi[kLanes];
     for (int l = 0; l < kLanes; ++l) {
-        const double ph = 2.0 * std::numbers::pi * static_cast<double>(start) + w * l;
-        pr[l] = static_cast<float>(t.amplitude * std::cos(ph));
-        pi[l] = static_cast<float>(t.amplitude * std::sin(ph));
+        pr[l] = p0[2 * l];
+        pi[l] = p0[2 * l + 1];
     }
-    const float sr = static_cast<float>(std::cos(w * kLanes));
-    const float si = static_cast<float>(std::sin(w * kLanes));
+    const float sr = step[0], si = step[1];
     for (int k = 0; k < kN; k += kLanes) {
         for (int l = 0; l < kLanes; ++l) {
-            re[k + l] += pr[l];
-            im[k + l] += pi[l];
+            x[2 * (k + l)] = (add ? x[2 * (k + l)] : 0.0f) + pr[l];
+            x[2 * (k + l) + 1] = (add ? x[2 * (k + l) + 1] : 0.0f) + pi[l];
             const float nr = pr[l] * sr - pi[l] * si;
             const float ni = pr[l] * si + pi[l] * sr;
             pr[l] = nr;
@@ -68,67 +97,216 @@ void AddTone(const ToneComponent& t, uint64_t firstSample, float* __restrict re,
     }
 }
 
-// Full scale, DC offset, rounding, saturation and clip detection.
-bool Quantise(const float* __restrict re, const float* __restrict im, int16_t* __restrict out) {
-    constexpr float kScale = static_cast<float>(fe::kFullScaleCounts);
-    constexpr float kOffset = static_cast<float>(fe::kDcOffsetCounts);
-#if defined(__SSE2__)
-    const __m128 scale = _mm_set1_ps(kScale), offset = _mm_set1_ps(kOffset);
-    const __m128 hi = _mm_set1_ps(32767.5f), lo = _mm_set1_ps(-32768.5f);
-    __m128 clip = _mm_setzero_ps();
-    for (int i = 0; i < kN; i += 8) {
-        const __m128 r0 = _mm_add_ps(_mm_mul_ps(_mm_load_ps(re + i), scale), offset);
-        const __m128 r1 = _mm_add_ps(_mm_mul_ps(_mm_load_ps(re + i + 4), scale), offset);
-        const __m128 i0 = _mm_add_ps(_mm_mul_ps(_mm_load_ps(im + i), scale), offset);
-        const __m128 i1 = _mm_add_ps(_mm_mul_ps(_mm_load_ps(im + i + 4), scale), offset);
-        clip = _mm_or_ps(clip, _mm_or_ps(_mm_cmpge_ps(r0, hi), _mm_cmple_ps(r0, lo)));
-        clip = _mm_or_ps(clip, _mm_or_ps(_mm_cmpge_ps(r1, hi), _mm_cmple_ps(r1, lo)));
-        clip = _mm_or_ps(clip, _mm_or_ps(_mm_cmpge_ps(i0, hi), _mm_cmple_ps(i0, lo)));
-        clip = _mm_or_ps(clip, _mm_or_ps(_mm_cmpge_ps(i1, hi), _mm_cmple_ps(i1, lo)));
-        // cvtps rounds to nearest even; packs saturates to the 16-bit range
-        // (a float beyond the 32-bit range converts to INT_MIN, so clamp first).
-        const __m128 bigHi = _mm_set1_ps(1e9f), bigLo = _mm_set1_ps(-1e9f);
-        const __m128i ri = _mm_packs_epi32(_mm_cvtps_epi32(_mm_max_ps(_mm_min_ps(r0, bigHi), bigLo)),
-                                           _mm_cvtps_epi32(_mm_max_ps(_mm_min_ps(r1, bigHi), bigLo)));
-        const __m128i ii = _mm_packs_epi32(_mm_cvtps_epi32(_mm_max_ps(_mm_min_ps(i0, bigHi), bigLo)),
-                                           _mm_cvtps_epi32(_mm_max_ps(_mm_min_ps(i1, bigHi), bigLo)));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 2 * i), _mm_unpacklo_epi16(ri, ii));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 2 * i + 8), _mm_unpackhi_epi16(ri, ii));
+void Phasor(double cycles, long double start, float amplitude, float* x, bool add) {
+    start -= std::floor(start);
+    const double w = 2.0 * std::numbers::pi * cycles;
+    float p0[2 * kLanes];
+    for (int l = 0; l < kLanes; ++l) {
+        const double ph = 2.0 * std::numbers::pi * static_cast<double>(start) + w * l;
+        p0[2 * l] = static_cast<float>(amplitude * std::cos(ph));
+        p0[2 * l + 1] = static_cast<float>(amplitude * std::sin(ph));
     }
-    return _mm_movemask_ps(clip) != 0;
-#else
-    bool clipped = false;
-    for (int i = 0; i < kN; ++i) {
-        const float v[2] = {re[i] * kScale + kOffset, im[i] * kScale + kOffset};
-        for (int c = 0; c < 2; ++c) {
-            float x = v[c];
-            if (!(x < 32767.5f) || !(x > -32768.5f)) clipped = true;
-            x = std::clamp(x, -32768.0f, 32767.0f);
-            out[2 * i + c] = static_cast<int16_t>(std::nearbyint(x));
+    const float step[2] = {static_cast<float>(std::cos(w * kLanes)), static_cast<float>(std::sin(w * kLanes))};
+    PhasorLoop(x, p0, step, add);
+}
+
+long double StartCycles(const ToneComponent& t, uint64_t firstAdcSample, int decimation) {
+    return static_cast<long double>(t.cyclesPerSample) * static_cast<long double>(firstAdcSample / decimation) +
+           t.phaseCycles;
+}
+
+// (er, ei) := a e^(j 2 pi er), er holding phases in cycles within [0, 1).
+LX_DSP_CLONES void ExpLoop(float* __restrict er, float* __restrict ei, float a) {
+    for (int n = 0; n < kN; ++n) {
+        float c, s;
+        SinCos2Pi(er[n], c, s);
+        er[n] = a * c;
+        ei[n] = a * s;
+    }
+}
+
+// x[n] += carrier[n] * envelope[n] over [from, to).
+LX_DSP_CLONES void MixLoop(float* __restrict x, const float* __restrict c, const float* __restrict er,
+                           const float* __restrict ei, int from, int to) {
+    for (int n = from; n < to; ++n) {
+        x[2 * n] += c[2 * n] * er[n] - c[2 * n + 1] * ei[n];
+        x[2 * n + 1] += c[2 * n] * ei[n] + c[2 * n + 1] * er[n];
+    }
+}
+
+// The delivered samples [a, b) of this packet during which the gate is on.
+struct Range {
+    int a, b;
+};
+int GateRanges(const Gate& g, int64_t s0, int decimation, Range* out, int capacity) {
+    const int64_t end = s0 + static_cast<int64_t>(kN) * decimation;
+    int64_t k = 0;
+    if (g.period > 0 && s0 > g.start) k = (s0 - g.start) / g.period;
+    int n = 0;
+    const auto toIndex = [&](int64_t s) {
+        const int64_t d = std::clamp<int64_t>(s - s0, 0, end - s0);
+        return static_cast<int>((d + decimation - 1) / decimation);
+    };
+    for (; n < capacity && (g.count < 0 || k < g.count); ++k) {
+        const int64_t on = g.start + k * g.period;
+        if (on >= end) break;
+        const int64_t off = on + g.width;
+        if (off > s0) {
+            const Range r{toIndex(on), toIndex(off)};
+            if (r.b > r.a) out[n++] = r;
+        }
+        if (g.period <= 0) break;
+    }
+    return n;
+}
+
+// Linear interpolation of a looped track at the ADC sample s (track sample =
+// s / 256), for the delivered samples of a packet.
+template <typename F>
+void ForTrack(size_t length, uint64_t s0, int decimation, F f) {
+    uint64_t i = (s0 / kAdcSamplesPerAudioSample) % length;
+    uint64_t loops = (s0 / kAdcSamplesPerAudioSample) / length;
+    uint32_t sub = static_cast<uint32_t>(s0 % kAdcSamplesPerAudioSample);
+    for (int n = 0; n < kN; ++n) {
+        f(n, loops, i, (i + 1 == length ? 0 : i + 1), static_cast<float>(sub) * (1.0f / kAdcSamplesPerAudioSample));
+        sub += static_cast<uint32_t>(decimation);
+        if (sub >= kAdcSamplesPerAudioSample) {
+            sub -= kAdcSamplesPerAudioSample;
+            if (++i == length) {
+                i = 0;
+                ++loops;
+            }
         }
     }
-    return clipped;
-#endif
+}
+
+// The complex envelope of a modulated component (before its carrier).
+void Envelope(const ModulatedComponent& m, uint64_t s0, int decimation, float* __restrict er, float* __restrict ei,
+              float* __restrict scratch) {
+    const float a = m.carrier.amplitude;
+    const double audioStep = m.audioCyclesPerAdcSample * decimation;
+    const long double audioStart =
+        static_cast<long double>(m.audioCyclesPerAdcSample) * static_cast<long double>(s0) + m.audioPhaseCycles;
+    switch (m.kind) {
+    case Emitter::Kind::Tone:
+    case Emitter::Kind::Burst:
+        std::fill_n(er, kN, a);
+        std::fill_n(ei, kN, 0.0f);
+        return;
+    case Emitter::Kind::Am:
+        if (m.audio) {
+            const float* x = m.audio->samples.data();
+            ForTrack(m.audio->samples.size(), s0, decimation, [&](int n, uint64_t, uint64_t i, uint64_t j, float t) {
+                er[n] = a * (1.0f + m.depth * (x[i] + t * (x[j] - x[i])));
+            });
+        } else {
+            Phasor(audioStep, audioStart, 1.0f, scratch, false);
+            for (int n = 0; n < kN; ++n) er[n] = a * (1.0f + m.depth * scratch[2 * n + 1]);
+        }
+        std::fill_n(ei, kN, 0.0f);
+        return;
+    case Emitter::Kind::Fm:
+        if (m.fmCycles) {
+            const double* p = m.fmCycles->data();
+            const size_t len = m.fmCycles->size() - 1;
+            const double perLoop = p[len];
+            ForTrack(len, s0, decimation, [&](int n, uint64_t loops, uint64_t i, uint64_t, float t) {
+                double ph = std::fmod(static_cast<double>(loops) * perLoop, 1.0) + p[i] + t * (p[i + 1] - p[i]);
+                ph -= std::floor(ph);
+                er[n] = static_cast<float>(ph);
+            });
+        } else {
+            // phase = -peak cos(audio): its derivative is the deviation times sin(audio).
+            Phasor(audioStep, audioStart, 1.0f, scratch, false);
+            for (int n = 0; n < kN; ++n) er[n] = Frac(-m.fmPeakCycles * scratch[2 * n]);
+        }
+        ExpLoop(er, ei, a);
+        return;
+    case Emitter::Kind::Ssb: {
+        // Only a file programme gets here; a sine is a plain tone.
+        const float* x = m.audio->samples.data();
+        const float* q = m.audio->quadrature.data();
+        ForTrack(m.audio->samples.size(), s0, decimation, [&](int n, uint64_t, uint64_t i, uint64_t j, float t) {
+            er[n] = a * (x[i] + t * (x[j] - x[i]));
+            ei[n] = a * m.sideband * (q[i] + t * (q[j] - q[i]));
+        });
+        return;
+    }
+    }
+}
+
+void AddModulated(const ModulatedComponent& m, uint64_t s0, int decimation, float* x) {
+    Range ranges[64];
+    int nr = 1;
+    ranges[0] = {0, kN};
+    if (m.gate) nr = GateRanges(*m.gate, static_cast<int64_t>(s0), decimation, ranges, 64);
+    if (nr == 0) return;
+    alignas(64) float c[2 * kN];
+    alignas(64) float er[kN];
+    alignas(64) float ei[kN];
+    Envelope(m, s0, decimation, er, ei, c); // c: scratch until the carrier goes in
+    Phasor(m.carrier.cyclesPerSample, StartCycles(m.carrier, s0, decimation), 1.0f, c, false);
+    for (int k = 0; k < nr; ++k) MixLoop(x, c, er, ei, ranges[k].a, ranges[k].b);
+}
+
+// Full scale, DC offset, rounding, saturation; true when a value saturated.
+LX_DSP_CLONES bool QuantiseLoop(const float* __restrict x, int16_t* __restrict out) {
+    constexpr float kScale = static_cast<float>(fe::kFullScaleCounts);
+    constexpr float kOffset = static_cast<float>(fe::kDcOffsetCounts);
+    int32_t clipped = 0;
+    for (int i = 0; i < 2 * kN; ++i) {
+        const float v = x[i] * kScale + kOffset;
+        // Written as selects so that the loop vectorises. Rounds half away
+        // from zero (ties cannot matter against the noise).
+        clipped |= (v >= 32767.5f ? 1 : 0) | (v <= -32768.5f ? 1 : 0);
+        const float r = v + (v < 0.0f ? -0.5f : 0.5f);
+        const float c = r < -32768.0f ? -32768.0f : (r > 32767.0f ? 32767.0f : r);
+        out[i] = static_cast<int16_t>(static_cast<int32_t>(c));
+    }
+    return clipped != 0;
 }
 
 } // namespace
 
-uint32_t NoiseTableSize() { return kNoiseEntries; }
-
-bool RenderIqPacket(const RenderPlan& plan, uint64_t firstSample, uint32_t noiseOffset, int16_t* out) {
-    alignas(64) float re[kN];
-    alignas(64) float im[kN];
-    const NoiseTable& noise = Noise();
-    const uint32_t o = noiseOffset % kNoiseEntries;
-    const float* __restrict nr = noise.re.data() + o;
-    const float* __restrict ni = noise.im.data() + o;
-    const float s = plan.noiseSigma;
-    for (int i = 0; i < kN; ++i) {
-        re[i] = s * nr[i];
-        im[i] = s * ni[i];
+std::shared_ptr<const std::vector<double>> FmPhaseTable(const AudioTrack& audio, double deviationHz,
+                                                        double preemphasisS) {
+    // Unwrapped cycles (a minute of 1 MHz deviation stays exact in a double);
+    // entry n is the whole loop, so every loop joins where the last left off.
+    const size_t n = audio.samples.size();
+    auto t = std::make_shared<std::vector<double>>(n + 1);
+    const double k = preemphasisS * kAudioRateHz; // 1 + s tau, as a difference of the looped track
+    double acc = 0;
+    for (size_t i = 0; i < n; ++i) {
+        (*t)[i] = acc;
+        const double x = audio.samples[i];
+        const double prev = audio.samples[i == 0 ? n - 1 : i - 1];
+        acc += deviationHz * (x + k * (x - prev)) / kAudioRateHz;
     }
-    for (const ToneComponent& t : plan.tones) AddTone(t, firstSample, re, im);
-    return Quantise(re, im, out);
+    (*t)[n] = acc;
+    return t;
+}
+
+void RenderNoise(const RenderPlan& plan, uint64_t noiseKey, float* x) {
+    if (plan.noiseShape.empty()) {
+        std::fill_n(x, 2 * kN, 0.0f);
+        return;
+    }
+    static const std::shared_ptr<const dsp::FftPlan> fft = dsp::FftPlan::Get(kN);
+    alignas(64) std::complex<float> spectrum[kN];
+    const uint32_t k1 = Mix(static_cast<uint32_t>(noiseKey) ^ 0x6a09e667u);
+    const uint32_t k2 = Mix(static_cast<uint32_t>(noiseKey >> 32) + k1);
+    GaussianLoop(plan.noiseShape.data(), k1, k2, reinterpret_cast<float*>(spectrum));
+    fft->Execute(spectrum, reinterpret_cast<std::complex<float>*>(x));
+}
+
+bool RenderIqPacket(const RenderPlan& plan, uint64_t firstAdcSample, uint64_t noiseKey, int16_t* out) {
+    alignas(64) float x[2 * kN];
+    const int d = std::max(plan.decimation, 1);
+    RenderNoise(plan, noiseKey, x);
+    for (const ToneComponent& t : plan.tones)
+        Phasor(t.cyclesPerSample, StartCycles(t, firstAdcSample, d), t.amplitude, x, true);
+    for (const ModulatedComponent& m : plan.modulated) AddModulated(m, firstAdcSample, d, x);
+    return QuantiseLoop(x, out);
 }
 
 } // namespace lx::sim

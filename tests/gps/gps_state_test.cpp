@@ -24,12 +24,15 @@ constexpr int64_t kFixSeconds = 1795262400 + 1;
 struct Packet {
     std::vector<uint8_t> ring = std::vector<uint8_t>(2048, 0);
     GpsPacketFields f;
-    Packet(const std::string& text, uint32_t seq, uint64_t tick, uint32_t readIndex = 0) {
+    // `tick` is the packet's block tick; the receiver's latest pulse is
+    // `pulse` (by default the packet's own tick).
+    Packet(const std::string& text, uint32_t seq, uint64_t tick, uint32_t readIndex = 0, int64_t pulse = -1) {
         const size_t words = (text.size() + 3) / 4;
         for (size_t i = 0; i < text.size(); ++i) ring[((readIndex + i / 4) % 512) * 4 + i % 4] = uint8_t(text[i]);
         const uint32_t writeIndex = static_cast<uint32_t>((readIndex + words) % 512);
         f.gpsStatusWord = (readIndex << 20) | (seq << 18) | (writeIndex << 9);
-        f.packetTick = f.blockTick = tick;
+        f.blockTick = tick;
+        f.pulseTick = pulse < 0 ? tick : static_cast<uint64_t>(pulse);
         f.uartRing = ring.data();
         f.nmeaArea = ring.data();
     }
@@ -48,6 +51,18 @@ TEST(GpsIntake, NewMessageIsCopiedAcrossTheRingWrapAndParsed) {
     // Anchored to the fix: the pipeline delay of 2048 - 98 ticks at
     // decimation 1, and no time since the message.
     EXPECT_EQ(t, kFixSeconds * 1000000000LL + Ns(2048 - 98));
+}
+
+// The receiver sends its message a while after the pulse it describes: the
+// fix's time belongs to the pulse the packet reports, not to the packet.
+TEST(GpsIntake, MessageIsAnchoredAtItsPulseNotAtThePacketCarryingIt) {
+    for (const uint64_t late : {uint64_t{0}, uint64_t{36864000}, uint64_t{110592000}}) { // 0, 0.3 s, 0.9 s
+        GpsState g;
+        const uint64_t pulse = 5 * 122880000ULL;
+        Packet p(kFixText, 1, pulse + late, 0, static_cast<int64_t>(pulse));
+        EXPECT_EQ(lx::gps::TakeStatusPacket(g, p.f, 1, 0), kFixSeconds * 1000000000LL + Ns(2048 - 98 + double(late)))
+            << late;
+    }
 }
 
 TEST(GpsIntake, SameSequenceIsNotANewMessageAndTimeRunsOnFromTheAnchor) {

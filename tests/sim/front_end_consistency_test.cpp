@@ -20,7 +20,7 @@ namespace {
 
 namespace fe = sim::fe;
 
-constexpr double kTolDb = 0.05;
+constexpr double kTolDb = 0.12;
 constexpr double kToneDbm = -30.0;
 
 // The device core's bracket over the factory's slot temperatures.
@@ -74,10 +74,18 @@ double DeviceLevelDbfs(const DeviceState& d, double rfHz, double dbm, double tem
     return dbm + fe::GainDb(d.path.band, rfHz, d.path.attenuationDb, tempC, d.ifLevel) + 20.0 * std::log10(std::abs(h));
 }
 
+// Mistakes a host could make in its correction lookups.
+struct Mistake {
+    const char* name = "none";
+    int rowOffset = 0;       // the calibration row next to the right one
+    bool noFraction = false; // the lower temperature slot alone
+    int attenOffset = 0;     // the attenuator slot next to the right one
+};
+
 // The host's reading of that tone: level + step gain + roll-off curve.
 double HostReadingDbm(const std::vector<uint8_t>& cal, const TuningPlan& plan, double rfHz, int attenStep,
-                      double tempC, bool neutralTaps = false) {
-    const CalBracket bracket = BracketFor(tempC);
+                      double tempC, bool neutralTaps = false, const Mistake& m = {}) {
+    CalBracket bracket = BracketFor(tempC);
     StepCorrection corr = BuildStepCorrection(cal.data(), bracket, plan.step, plan.fineCell);
     if (neutralTaps) {
         std::vector<uint8_t> dummy(calSizeBytes);
@@ -88,8 +96,12 @@ double HostReadingDbm(const std::vector<uint8_t>& cal, const TuningPlan& plan, d
     EXPECT_EQ(d.path.band, plan.band);
     EXPECT_NEAR(d.centreHz, plan.captureCentreHz, 1e-6);
     const std::vector<float> rolloff = RolloffCurve(rfHz, 1.0, 1);
+    if (m.noFraction) bracket.fraction = 0.0f;
+    const int row = plan.step + m.rowOffset;
+    const StepCorrection hostCorr = BuildStepCorrection(cal.data(), bracket, row, plan.fineCell);
     return DeviceLevelDbfs(d, rfHz, kToneDbm, tempC) +
-           StepGainDb(cal.data(), bracket, attenStep, plan.step, corr) + (rolloff.empty() ? 0.0 : rolloff[0]);
+           StepGainDb(cal.data(), bracket, attenStep + m.attenOffset, row, m.rowOffset || m.noFraction ? hostCorr : corr) +
+           (rolloff.empty() ? 0.0 : rolloff[0]);
 }
 
 struct Condition {
@@ -152,6 +164,27 @@ TEST(FrontEndConsistency, WithoutTheEqualiserTheRippleShows) {
         }
     }
     EXPECT_GT(worst, 0.1);
+}
+
+// The front end has enough structure that each of these mistakes moves some
+// reading by half a dB or more, where the right lookups stay within kTolDb.
+TEST(FrontEndConsistency, HostMistakesMoveTheReading) {
+    const auto cal = sim::BuildFactoryCalRecord();
+    const Mistake mistakes[] = {{"row + 1", 1, false, 0},
+                                {"row - 1", -1, false, 0},
+                                {"temperature fraction ignored", 0, true, 0},
+                                {"attenuator slot + 1", 0, false, 1}};
+    for (const Mistake& m : mistakes) {
+        double worst = 0.0;
+        for (int step : {4, 12, 19, 33, 65, 95, 178, 275, 380, 430})
+            for (const Condition& c : {Condition{29.0, 2}, Condition{-1.0, 0}}) {
+                const TuningPlan plan = PlanStep(step);
+                const StepRow& r = StepTableRow(step);
+                const double f = 0.5 * (r.lowHz + r.highHz);
+                worst = std::max(worst, std::abs(HostReadingDbm(cal, plan, f, c.attenStep, c.tempC, false, m) - kToneDbm));
+            }
+        EXPECT_GE(worst, 0.5) << m.name;
+    }
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "lx_command/encoders.h"
+#include "lx_command/status_packet.h"
 #include "sim_test_util.h"
 
 using namespace simtest;
@@ -49,6 +50,14 @@ Aux Poll(UsbDevice& d) {
 }
 
 void Advance(uint64_t ms) { ASSERT_EQ(lxSimAdvanceTimeMs(ms), lxNoError); }
+
+// The reference on frequency (the right word at 25 degrees: pulses every
+// kSecond ticks exactly), then 0.3 s on, so that later polls a whole number
+// of seconds apart each see the message of the pulse before them.
+void OnFrequencyAndPastTheMessageDelay(UsbDevice& d) {
+    ASSERT_TRUE(Send(d, {0x2E008040u}));
+    Advance(300);
+}
 
 // Sentences split at CR LF into fields (f[0] "GPRMC", ...); every checksum must hold.
 std::vector<std::vector<std::string>> Parse(const std::string& text) {
@@ -110,6 +119,7 @@ TEST_F(GpsTest, SyntheticReceiverSendsTheScenesFixOncePerSecond) {
         ASSERT_EQ(lxSimAttach(++serial, (std::string(R"({"gps": )") + c.gps + "}").c_str()), lxNoError);
         auto d = Open(serial);
         ASSERT_NE(d, nullptr);
+        OnFrequencyAndPastTheMessageDelay(*d);
         const bool fix = *c.alt != '\0';
         for (int step = 0; step < 5; ++step, Advance(1000)) {
             const Aux a = Poll(*d);
@@ -145,7 +155,8 @@ TEST_F(GpsTest, SilentReceiverAndNoReceiverSendNothingWhileTimeGoesOn) {
     ASSERT_EQ(lxSimAttach(80000201, nullptr), lxNoError);
     auto d = Open(80000200), none = Open(80000201);
     ASSERT_TRUE(d && none);
-    Advance(2500);
+    OnFrequencyAndPastTheMessageDelay(*d);
+    Advance(2200);
     const Aux before = Poll(*d);
     ASSERT_EQ(lxSimSetScene(80000200, R"({"gps": {"receiver": "silent"}})"), lxNoError);
     // Rejected scenes leave the receiver as it is (silent, same clock).
@@ -183,43 +194,72 @@ TEST_F(GpsTest, SilentReceiverAndNoReceiverSendNothingWhileTimeGoesOn) {
     EXPECT_EQ(s[0][1].substr(0, 6), Utc(kDefaultUtc + static_cast<int64_t>(k) - 1, "%H%M%S"));
 }
 
-// A host stamps the first packet carrying a new message with its RMC time
-// + 1 s (+ 1950 ticks): that packet must come less than one status-packet
-// interval after the pulse.
-TEST_F(GpsTest, NewMessageArrivesAtThePulseWhileStreaming) {
-    ASSERT_EQ(lxSimAttach(80000300, R"({"gps": {}})"), lxNoError);
-    auto d = Open(80000300);
-    ASSERT_NE(d, nullptr);
-    constexpr uint64_t kAuxInterval = 3 * 4096;
-    Aux prev = Poll(*d);
-    bool seen = false;
-    for (int attempt = 0; attempt < 3 && !seen; ++attempt) {
-        uint64_t pulse = (prev.tick / kSecond + 1) * kSecond;
-        if (pulse - prev.tick < 20 * kMs) pulse += kSecond;
-        Advance((pulse - prev.tick) / kMs - 10); // stream the last 10 ms up to the pulse
-        ASSERT_TRUE(Send(*d, Request(3, 1)));
-        for (int i = 0; i < 400 && !seen; ++i) {
-            ASSERT_TRUE(Send(*d, Request(3, 1))); // one request ahead: the device never idles
-            const ReadResult r = Read(*d, 32768);
-            ASSERT_EQ(r.data.size(), 32768u);
-            const Aux a = Decode(&r.data[3 * 8192]);
-            if (a.Seq() != prev.Seq()) {
-                if (i == 0) break; // idle real time overshot the pulse: aim at the next one
-                seen = true;
-                EXPECT_LT(prev.tick, pulse);
-                EXPECT_GE(a.tick, pulse);
-                EXPECT_LT(a.tick, pulse + kAuxInterval);
-                const auto s = Parse(a.text);
-                ASSERT_FALSE(s.empty());
-                EXPECT_EQ(s[0][1].substr(0, 6), Utc(kDefaultUtc + static_cast<int64_t>(pulse / kSecond) - 1, "%H%M%S"));
+// The message reaches the status packets the message delay after its pulse,
+// and the first packet carrying it reports that pulse: a host that anchors
+// "RMC time + 1 s" at the reported pulse tick is right whatever the delay.
+TEST_F(GpsTest, NewMessageArrivesItsDelayAfterThePulseItDescribes) {
+    for (const uint64_t delayMs : {300u, 0u, 850u}) {
+        SCOPED_TRACE(delayMs);
+        const int32_t serial = 80000300 + static_cast<int32_t>(delayMs);
+        const std::string scene = R"({"gps": {"message_delay_s": )" + std::to_string(delayMs / 1000.0) + "}}";
+        ASSERT_EQ(lxSimAttach(serial, scene.c_str()), lxNoError);
+        auto d = Open(serial);
+        ASSERT_NE(d, nullptr);
+        ASSERT_TRUE(Send(*d, {0x2E008040u}));
+        constexpr uint64_t kAuxInterval = 3 * 4096;
+        const uint64_t pipeline = lx::PipelineOffsetTicks(1);
+        Aux prev = Poll(*d);
+        bool seen = false;
+        for (int attempt = 0; attempt < 3 && !seen; ++attempt) {
+            uint64_t pulse = (prev.tick / kSecond + 1) * kSecond;
+            const uint64_t arrival = pulse + delayMs * kMs;
+            if (arrival - prev.tick < 20 * kMs) pulse += kSecond;
+            Advance((pulse + delayMs * kMs - prev.tick) / kMs - 10); // stream the last 10 ms up to the message
+            ASSERT_TRUE(Send(*d, Request(3, 1)));
+            for (int i = 0; i < 400 && !seen; ++i) {
+                ASSERT_TRUE(Send(*d, Request(3, 1))); // one request ahead: the device never idles
+                const ReadResult r = Read(*d, 32768);
+                ASSERT_EQ(r.data.size(), 32768u);
+                const Aux a = Decode(&r.data[3 * 8192]);
+                if (a.Seq() != prev.Seq()) {
+                    if (i == 0) break; // idle real time overshot: aim at the next one
+                    seen = true;
+                    // The packet's block ends (its tick plus the pipeline offset)
+                    // within one status interval after the message's arrival.
+                    EXPECT_LT(prev.tick + pipeline, pulse + delayMs * kMs);
+                    EXPECT_GE(a.tick + pipeline, pulse + delayMs * kMs);
+                    EXPECT_LT(a.tick + pipeline, pulse + delayMs * kMs + kAuxInterval);
+                    EXPECT_EQ(a.pulse, pulse);
+                    const auto s = Parse(a.text);
+                    ASSERT_FALSE(s.empty());
+                    EXPECT_EQ(s[0][1].substr(0, 6), Utc(kDefaultUtc + static_cast<int64_t>(pulse / kSecond) - 1, "%H%M%S"));
+                }
+                prev = a;
             }
-            prev = a;
+            while (Read(*d, 32768, 50).data.size() == 32768) {
+            }
+            prev = Poll(*d);
         }
-        while (Read(*d, 32768, 50).data.size() == 32768) {
-        }
-        prev = Poll(*d);
+        EXPECT_TRUE(seen);
     }
-    EXPECT_TRUE(seen);
+}
+
+// Ticks count the reference, pulses count GPS seconds: the pulse interval in
+// ticks is 122 880 000 (1 + e), e = 0.3 ppb per count from the right word
+// (0x8040 at 25 degrees), so a host sees its tune word in the interval.
+TEST_F(GpsTest, PulseIntervalInTicksFollowsTheTuneWord) {
+    ASSERT_EQ(lxSimAttach(80000350, R"({"gps": {}})"), lxNoError);
+    auto d = Open(80000350);
+    ASSERT_NE(d, nullptr);
+    for (const int counts : {0, 10000, -10000, 3000}) {
+        SCOPED_TRACE(counts);
+        ASSERT_TRUE(Send(*d, {0x2E000000u | static_cast<uint32_t>(0x8040 + counts)}));
+        Advance(1000);
+        const uint64_t p1 = Poll(*d).pulse;
+        Advance(1000);
+        const uint64_t p2 = Poll(*d).pulse;
+        EXPECT_NEAR(double(p2 - p1), 122880000.0 * (1 + counts * 0.3e-9), 1.0);
+    }
 }
 
 struct LogCase {
@@ -241,6 +281,7 @@ TEST_P(LogReplay, EverySentenceArrivesInOrderOneSecondPerMessage) {
     ASSERT_EQ(lxSimAttach(80000400, (R"({"gps": {"nmea_log": ")" + path + R"("}})").c_str()), lxNoError);
     auto d = Open(80000400);
     ASSERT_NE(d, nullptr);
+    OnFrequencyAndPastTheMessageDelay(*d);
     std::string all;
     size_t messages = 0;
     uint32_t seq = 0;

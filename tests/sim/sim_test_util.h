@@ -4,12 +4,24 @@
 
 #include <gtest/gtest.h>
 
+#include <fftw3.h>
+
+#include <complex>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
 #include <memory>
+#include <numbers>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "cal/correction.h"
+#include "lx_command/encoders.h"
 #include "lx_sim.h"
 #include "sim/sim_backend.h"
 
@@ -89,6 +101,168 @@ inline uint64_t VirtualMs() {
     uint64_t ms = 0;
     lxSimGetVirtualTimeMs(&ms);
     return ms;
+}
+
+// ---- a calibrated instrument as a host drives it ------------------------------------
+
+constexpr double kFs = 61.44e6;
+
+inline float F32(const uint8_t* p) {
+    const uint32_t u = U32(p);
+    float f;
+    std::memcpy(&f, &u, 4);
+    return f;
+}
+
+// Grid rows: LO = row tuning frequency, capture centre = row centre.
+inline double RowLo(int row) { return row <= 1 ? 61.44e6 : row * 30.72e6; } // rows used here are 1 and >= 11
+inline double RowCentre(int row) { return row <= 1 ? 23.04e6 : RowLo(row) - 23.04e6; }
+
+// A calibrated instrument as a host brings it up: the calibration record is
+// read through the boot loader, then the run image is started.
+struct Instrument {
+    std::unique_ptr<UsbDevice> dev;
+    std::vector<uint8_t> cal;
+    uint16_t tuneWord = 0; // the record's tune value plus its offset at 25 degrees
+
+    // The host's temperature bracket at 25 degrees, between the record's
+    // temperature points.
+    lx::CalBracket Bracket() const {
+        const double t = 25.0;
+        int k = 0;
+        while (k < 7 && F32(&cal[688 + 4 * k]) <= t) ++k;
+        const double p0 = F32(&cal[688 + 4 * (k - 1)]), p1 = F32(&cal[688 + 4 * k]);
+        return {k - 1, static_cast<float>((t - p0) / (p1 - p0))};
+    }
+    // The equaliser the host sends for a grid row, and the step gain that
+    // goes with it (amplitude table plus the equaliser's level term).
+    lx::StepCorrection Equaliser(int stepIndex) const {
+        return lx::BuildStepCorrection(cal.data(), Bracket(), stepIndex, lx::FineCell(RowCentre(stepIndex)));
+    }
+    double Correction(int attenStep, int stepIndex) const {
+        return lx::StepGainDb(cal.data(), Bracket(), attenStep, stepIndex, Equaliser(stepIndex));
+    }
+};
+
+inline Instrument Bring(int32_t serial, const std::string& scene) {
+    Instrument in;
+    int32_t id = 0;
+    EXPECT_EQ(lxSimAttachRaw("LX530 Boot", std::to_string(serial).c_str(), scene.c_str(), &id), lxNoError);
+    auto boot = Open(serial);
+    EXPECT_NE(boot, nullptr);
+    if (!boot) return in;
+    for (uint32_t i = 0; i < 64; ++i) {
+        EXPECT_TRUE(Send(*boot, {0xFFFD0000u | (4096 + 32 * i)}));
+        const ReadResult r = Read(*boot, 32768);
+        in.cal.insert(in.cal.end(), r.data.begin(), r.data.end());
+    }
+    EXPECT_TRUE(Send(*boot, {0xFFFA0003}));
+    Bus().Sleep(1500);
+    in.dev = Open(serial);
+    EXPECT_NE(in.dev, nullptr);
+    int last = 0;
+    while (last < 63 && U16(&in.cal[32 + 2 * (last + 1)]) != 0xFFFF) ++last;
+    const auto offset = [&](int s) { return static_cast<int16_t>(U16(&in.cal[672 + 2 * s])); };
+    const double off = offset(3) + (25.0 - 15.0) / 15.0 * (offset(4) - offset(3));
+    in.tuneWord = static_cast<uint16_t>(U16(&in.cal[32 + 2 * last]) + static_cast<int>(off));
+    return in;
+}
+
+// Words that tune to grid row `row` (LO = row tuning frequency, capture
+// centre = row centre) with attenuation step `atten`, as the host's encoders
+// write them, followed by the row's equaliser taps, the tune word and a
+// request.
+
+inline std::vector<uint32_t> TuneAndCapture(const Instrument& in, int row, int atten, uint32_t iq, uint32_t aux,
+                                            uint32_t captureCode = 0) {
+    const double lo = RowLo(row);
+    const double centre = RowCentre(row);
+    lx::TuningState st;
+    uint32_t words[lx::kTuneMaxWords];
+    const int ifLevelIndex = row - 1;
+    const int n = lx::EncodeTune(st, words, lo, centre, in.cal[716 + ifLevelIndex], 5 * atten, 24, false);
+    std::vector<uint32_t> out(words, words + n);
+    lx::CommandList taps;
+    taps.BeginBlock();
+    lx::EncodeFilterTaps(taps, in.Equaliser(row).taps);
+    out.insert(out.end(), taps.Words().begin(), taps.Words().begin() + 2 * lx::kFilterTapPairs);
+    out.push_back(0x2E000000u | in.tuneWord);
+    out.push_back(0x30000000 | captureCode);
+    const auto req = Request(iq, aux);
+    out.insert(out.end(), req.begin(), req.end());
+    return out;
+}
+
+inline std::vector<std::complex<double>> Samples(const std::vector<uint8_t>& bytes, size_t packets) {
+    std::vector<std::complex<double>> x(packets * 2048);
+    for (size_t i = 0; i < x.size(); ++i) {
+        const auto re = static_cast<int16_t>(U16(&bytes[4 * i]));
+        const auto im = static_cast<int16_t>(U16(&bytes[4 * i + 2]));
+        x[i] = {(re - 576) / 32768.0, (im - 576) / 32768.0};
+    }
+    return x;
+}
+
+struct Peak {
+    double frequencyHz; // baseband
+    double powerDbfs;   // tone power, 10 log10 of mean |x|^2
+};
+
+// Strongest component by a Blackman-Harris windowed FFT: frequency from the
+// peak bin refined by the log-parabola, power from the main lobe's energy.
+inline Peak StrongestTone(const std::vector<std::complex<double>>& x, double rate = kFs) {
+    const int n = static_cast<int>(x.size());
+    std::vector<fftwf_complex> buf(static_cast<size_t>(n));
+    double sumW2 = 0;
+    for (int i = 0; i < n; ++i) {
+        const double a = 2 * std::numbers::pi * i / n;
+        const double w = 0.35875 - 0.48829 * std::cos(a) + 0.14128 * std::cos(2 * a) - 0.01168 * std::cos(3 * a);
+        sumW2 += w * w;
+        buf[static_cast<size_t>(i)][0] = static_cast<float>(x[static_cast<size_t>(i)].real() * w);
+        buf[static_cast<size_t>(i)][1] = static_cast<float>(x[static_cast<size_t>(i)].imag() * w);
+    }
+    fftwf_plan p = fftwf_plan_dft_1d(n, buf.data(), buf.data(), FFTW_FORWARD, FFTW_ESTIMATE);
+    fftwf_execute(p);
+    fftwf_destroy_plan(p);
+    auto pw = [&](int k) {
+        const auto& c = buf[static_cast<size_t>((k % n + n) % n)];
+        return static_cast<double>(c[0]) * c[0] + static_cast<double>(c[1]) * c[1];
+    };
+    int best = 0;
+    for (int k = 1; k < n; ++k)
+        if (pw(k) > pw(best)) best = k;
+    double lobe = 0;
+    for (int k = best - 6; k <= best + 6; ++k) lobe += pw(k);
+    const double a = std::log(pw(best - 1)), b = std::log(pw(best)), c = std::log(pw(best + 1));
+    const double delta = 0.5 * (a - c) / (a - 2 * b + c);
+    int signedBin = best > n / 2 ? best - n : best;
+    return {(signedBin + delta) * rate / n, 10 * std::log10(lobe / (n * sumW2))};
+}
+
+// Runs tests/sim/signal_ref.py MEASURE on samples taken at `rate` and returns
+// the values it prints; empty (and a failure) when Python cannot run it.
+inline std::map<std::string, double> Measure(const std::string& measure, const std::vector<std::complex<double>>& x,
+                                             double rate, const std::string& args = "") {
+    std::map<std::string, double> values;
+    char pattern[] = "/tmp/lx_sim_ref_XXXXXX";
+    const char* dir = mkdtemp(pattern);
+    if (!dir) return values;
+    const std::string in = std::string(dir) + "/x.c64", outFile = std::string(dir) + "/out.txt";
+    {
+        std::vector<std::complex<float>> f(x.begin(), x.end());
+        std::ofstream(in, std::ios::binary).write(reinterpret_cast<const char*>(f.data()),
+                                                  static_cast<std::streamsize>(f.size() * sizeof f[0]));
+    }
+    const std::string cmd = std::string(LX_TEST_PYTHON) + " " + LX_TEST_SOURCE_DIR + "/tests/sim/signal_ref.py " +
+                            measure + " " + in + " " + std::to_string(rate) + " " + args + " > " + outFile;
+    EXPECT_EQ(std::system(cmd.c_str()), 0) << cmd;
+    std::ifstream res(outFile);
+    std::string name;
+    double v;
+    while (res >> name >> v) values[name] = v;
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
+    return values;
 }
 
 // Every test starts and ends with an empty bus.
