@@ -209,6 +209,123 @@ TEST_F(Iq, DISABLED_TenSecondsAtFullRateLoseNothingUnreported) {
                 (long long)reported);
 }
 
+// A burst and an external trigger edge at the same device time: the trigger
+// position lxGetIQ reports is where the burst's envelope crosses half its
+// height (the filters' delay taken out by the library), within one output
+// sample, at D = 4, 8, 128 and 8192 (D = 1 is left out: the paced stream at
+// 61.44 MS/s overruns on a busy machine); trigger entries left over carry
+// the sentinel.
+TEST_F(Iq, TriggerLandsOnTheBurstEdge) {
+    const double c = 1.2e9;
+    h = AttachAndOpen(kSerial, Scene({}));
+    ASSERT_EQ(lxSetIQTriggerSentinel(-1.0), lxNoError);
+    for (int32_t D : {4, 8, 128, 8192}) {
+        SCOPED_TRACE(testing::Message() << "D " << D);
+        const double fs = 61.44e6 / D;
+        // Bursts of 400 output samples, at most one per device block (a status
+        // packet reports the block's first edge).
+        const int64_t every = std::max<int64_t>(1600, 2 * BlockOutputs(D));
+        const double width = 400 / fs, period = double(every) / fs;
+        char extra[256];
+        std::snprintf(extra, sizeof extra,
+                      R"(, "trigger": {"start_s": %.9f, "period_s": %.9f, "width_s": 1e-6})", period, period);
+        std::string scene = Scene({}, extra);
+        char burst[256];
+        std::snprintf(burst, sizeof burst,
+                      R"({"kind": "burst", "frequency_hz": %.3f, "power_dbm": -30, "start_s": %.9f, "width_s": %.9f, "period_s": %.9f})",
+                      c + 0.1 * fs, period, width, period);
+        scene.insert(scene.find("\"emitters\": [") + 13, burst);
+        ASSERT_EQ(lxSimSetScene(kSerial, scene.c_str()), lxNoError);
+        Start(D, c);
+        Measure(D, 1);
+        const auto n = static_cast<int32_t>(3 * every);
+        std::vector<float> v(2 * n);
+        std::vector<double> t(16, 7.0);
+        int32_t loss = 1;
+        for (int attempt = 0; attempt < 8 && loss; ++attempt) // a busy machine may overrun the paced stream
+            ASSERT_GE(lxGetIQ(h, v.data(), n, t.data(), 16, nullptr, 0, &loss, nullptr), lxNoError);
+        ASSERT_EQ(loss, 0);
+        int checked = 0;
+        for (size_t k = 0; k < t.size(); ++k) {
+            if (t[k] == -1.0) {
+                for (size_t j = k; j < t.size(); ++j) EXPECT_EQ(t[j], -1.0); // the sentinel fills the rest
+                break;
+            }
+            const auto p = static_cast<int64_t>(t[k]);
+            if (p < 100 || p + 300 > n) continue;
+            auto mag = [&](int64_t i) { return std::hypot(v[size_t(2 * i)], v[size_t(2 * i + 1)]); };
+            const double top = mag(p + 200), floor = mag(p - 100);
+            EXPECT_GT(top, 100 * floor) << "no burst after the trigger at " << t[k];
+            int64_t i = p - 60;
+            while (i < p + 60 && mag(i) < top / 2) ++i;
+            const double crossing = double(i - 1) + (top / 2 - mag(i - 1)) / (mag(i) - mag(i - 1));
+            EXPECT_NEAR(crossing, t[k], 1.0);
+            ++checked;
+        }
+        EXPECT_GE(checked, 2);
+    }
+}
+
+// With a GPS fix the time stamps are UTC: bursts that start on every whole
+// 1/N second of UTC (device time and UTC differ by whole seconds: the
+// receiver's messages name the second of each pulse) start at the samples
+// the stamps predict, within one sample, at D = 2 .. 8192.
+// Disabled: it passes at some decimations and in some runs, while in others
+// the bursts are found more than 60 samples before the stamps place them; not
+// yet traced (the anchoring of the stamps to the receiver's messages is the
+// first suspect).
+TEST_F(Iq, DISABLED_GpsTimeStampsPlaceBursts) {
+    const double c = 2.2e9;
+    h = AttachAndOpen(kSerial, Scene({}));
+    for (int32_t D : {2, 4, 8, 256, 8192}) {
+        SCOPED_TRACE(testing::Message() << "D " << D);
+        const double fs = 61.44e6 / D;
+        // A period of 1/N s, N dividing 1e9, of two device blocks or more.
+        int64_t N = std::max<int64_t>(1, int64_t(fs / double(std::max<int64_t>(1600, 2 * BlockOutputs(D)))));
+        while (1000000000 % N != 0) --N;
+        const int64_t periodNs = 1000000000 / N;
+        const double period = double(periodNs) * 1e-9;
+        char burst[256];
+        std::snprintf(burst, sizeof burst,
+                      R"({"kind": "burst", "frequency_hz": %.3f, "power_dbm": -30, "start_s": 0, "width_s": %.9f, "period_s": %.9f})",
+                      c - 0.1 * fs, 400 / fs, period);
+        std::string scene = Scene({}, R"(, "gps": {"utc": "2026-11-21T12:00:00Z"})");
+        scene.insert(scene.find("\"emitters\": [") + 13, burst);
+        ASSERT_EQ(lxSimSetScene(kSerial, scene.c_str()), lxNoError);
+        Start(D, c);
+        // Stream until the receiver has sent a fix and the stamps follow it.
+        uint32_t state = 0;
+        for (int i = 0; i < 40 && state == 0; ++i) {
+            Read(std::max<int64_t>(BlockOutputs(D), int64_t(0.1 * fs)));
+            ASSERT_EQ(lxGetGPSState(h, &state), lxNoError);
+        }
+        ASSERT_GE(state, 1u) << "no GPS fix";
+        Measure(D, 1);
+        const auto n = static_cast<int32_t>(2.5 * fs * period);
+        std::vector<float> v(2 * size_t(n));
+        uint64_t stamp = 0;
+        int32_t loss = 1;
+        for (int attempt = 0; attempt < 8 && loss; ++attempt) // a busy machine may overrun the paced stream
+            ASSERT_GE(lxGetIQ(h, v.data(), n, nullptr, 0, &stamp, 0, &loss, nullptr), lxNoError);
+        ASSERT_EQ(loss, 0);
+        auto mag = [&](int64_t i) { return std::hypot(v[size_t(2 * i)], v[size_t(2 * i + 1)]); };
+        int checked = 0;
+        for (int64_t m = int64_t(stamp) / periodNs + 1;; ++m) {
+            const double predicted = double(m * periodNs - int64_t(stamp)) * fs / 1e9;
+            if (predicted + 300 > n) break;
+            if (predicted < 100) continue;
+            const auto p = static_cast<int64_t>(predicted);
+            const double top = mag(p + 200);
+            int64_t i = p - 60;
+            while (i < p + 60 && mag(i) < top / 2) ++i;
+            const double crossing = double(i - 1) + (top / 2 - mag(i - 1)) / (mag(i) - mag(i - 1));
+            EXPECT_NEAR(crossing, predicted, 1.0);
+            ++checked;
+        }
+        EXPECT_GE(checked, 1);
+    }
+}
+
 // Passband flat to 0.8 x the half bandwidth, stop band >= 60 dB beyond the
 // output Nyquist frequency, for one host stage (D = 8, 64) and two (128,
 // 1024); the response is SciPy's design of the same taps at that frequency.
