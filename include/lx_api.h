@@ -285,8 +285,7 @@ LX_API LxStatus lxGetSweepParameters(int32_t handle, double* actualRbw, double* 
  * pending, lxFramingErr, lxConnectionLostErr. */
 LX_API LxStatus lxGetSweep(int32_t handle, float* minTrace, float* maxTrace, uint64_t* timestamp);
 
-/* ==== Real-time spectrum (mode 2) ==========================================
- * One 61.44 MHz capture around the centre is transformed without gaps (50 %
+/* ==== Real-time spectrum (mode 2) =================================== * One 61.44 MHz capture around the centre is transformed without gaps (50 %
  * overlapping FFTs of every sample) and folded into frames of 1/30 s: a min
  * and a max trace (or, with the average detector, the mean, in both), a
  * density frame and an alpha (persistence) frame. */
@@ -387,6 +386,77 @@ LX_API LxStatus lxIQSweepListFinishSweep(int32_t handle, int32_t slot);
 /* Start in slot 0 and finish it; lxSweepAlreadyActiveErr while any slot is
  * active. */
 LX_API LxStatus lxIQSweepListGetSweep(int32_t handle, void* destination, uint64_t* timestamps);
+=======
+/* ==== I/Q streaming (mode 3) ===============================================
+ * A continuous, gap-free stream of complex samples at 61.44 MS/s / D around a
+ * centre frequency, with time stamps and external-trigger positions. Set up
+ * with the setters below, start with lxConfigure(handle, lxModeIQ), then call
+ * lxGetIQ as often as wanted; the stream runs until the next lxConfigure,
+ * lxAbort or lxCloseDevice. The library holds half a second of samples: a
+ * reader that falls further behind loses the whole backlog at once and is
+ * told so (sampleLoss, lxGetStreamHealth). */
+
+/* 0: complex float (I, Q pairs of float, in sqrt(mW): mean |x|^2 is the power
+ * in mW, corrected); 1: complex int16 (I, Q pairs, full scale 32767,
+ * uncorrected: multiply |x / 32768|^2 by 10^(lxGetIQCorrection / 10) for mW).
+ * Default 0. */
+LX_API LxStatus lxSetIQDataType(int32_t handle, int32_t type);
+/* Centre frequency in Hz (default 1 GHz). Stored as given (NaN refused); the
+ * analyzer tunes as near as it can and the host shifts the rest, so the
+ * centre is exact. Below 38.4 MHz the stream is still right side up: a tone
+ * above the centre is at a positive frequency. */
+LX_API LxStatus lxSetIQCenterFreq(int32_t handle, double hz);
+/* Does nothing and writes nothing (kept for compatibility): read the centre
+ * from your own setting. */
+LX_API LxStatus lxGetIQCenterFreq(int32_t handle, double* hz);
+/* Decimation D, a power of two 1..8192: sample rate 61.44e6 / D (61.44 MS/s
+ * down to 7.5 kS/s). Anything else: lxInvalidParameterErr. Default 1. */
+LX_API LxStatus lxSetIQSampleRate(int32_t handle, int32_t decimation);
+/* 1 (default): a 129-tap low-pass of the set bandwidth at D = 1, 2, 4; 0: the
+ * analyzer's own band limit only. D >= 8 always filters. */
+LX_API LxStatus lxSetIQSoftwareFilter(int32_t handle, int32_t enable);
+/* Two-sided bandwidth in Hz (default 40 MHz; NaN refused). At configure it
+ * is limited to 1 kHz .. 41.5 MHz at D = 1 and 1 kHz .. 50 MHz / D otherwise
+ * (no warning: lxGetIQParameters reports what is used). */
+LX_API LxStatus lxSetIQBandwidth(int32_t handle, double hz);
+/* The value lxGetIQ writes into trigger entries that no trigger filled
+ * (process-wide, all devices; 0 until set). No handle; always 0. */
+LX_API LxStatus lxSetIQTriggerSentinel(double value);
+/* Edge of the external trigger input that is reported: 0 rising (default),
+ * 1 falling. */
+LX_API LxStatus lxSetIQExtTriggerEdge(int32_t handle, int32_t edge);
+/* USB transfers kept in flight, 2..16 (default 16; clamped, lxSettingClamped). */
+LX_API LxStatus lxSetIQQueueSize(int32_t handle, int32_t transfers);
+
+/* The sample rate (Hz) and the bandwidth (Hz, after limiting) of the
+ * configured stream; both optional. lxInvalidConfigurationErr unless mode 3. */
+LX_API LxStatus lxGetIQParameters(int32_t handle, double* sampleRate, double* bandwidth);
+/* The amplitude correction in dB of the configured stream (already applied
+ * to float samples; for int16 samples apply it yourself).
+ * lxInvalidConfigurationErr unless mode 3. */
+LX_API LxStatus lxGetIQCorrection(int32_t handle, float* correctionDb);
+/* Reads sampleCount samples (>= 1) into iqData (8 bytes per sample for float,
+ * 4 for int16), blocking until they are there; consecutive calls continue the
+ * stream without a gap unless sampleLoss says otherwise (it is set by the read
+ * whose samples follow the gap).
+ *   triggers, triggerCount: optional array; receives the positions (in
+ *     samples from iqData[0], fractional) of the external trigger edges in
+ *     the samples read, the rest filled with the trigger sentinel.
+ *   timestamp: optional; time of iqData[0] in ns since 1970 (GPS time once
+ *     the receiver has a fix, the host clock until then).
+ *   purge: 1 throws away everything stored before reading (fresh samples).
+ *   sampleLoss: optional; 1 when samples are missing before one of those
+ *     read: the reader fell half a second behind (the whole backlog was
+ *     dropped), or the analyzer lost samples.
+ *   samplesRemaining: optional; samples still stored after this read.
+ * Returns 0; or a warning that still delivers: lxTempDrift, lxADCOverflow
+ * (the input overloaded the analyzer since the last read), lxUncalData (the
+ * analyzer dropped samples); errors: lxFramingErr, lxConnectionLostErr (and
+ * the read returns at once), lxNullPtrErr, lxInvalidParameterErr
+ * (sampleCount < 1), lxInvalidConfigurationErr unless mode 3. */
+LX_API LxStatus lxGetIQ(int32_t handle, void* iqData, int32_t sampleCount, double* triggers,
+                        int32_t triggerCount, uint64_t* timestamp, int32_t purge, int32_t* sampleLoss,
+                        int32_t* samplesRemaining);
 
 /* ==== Power, identity, diagnostics ========================================
  * Calls marked "guarded" return lxInvalidConfigurationErr while a streaming
@@ -457,6 +527,22 @@ LX_API LxStatus lxSetFanSetPoint(int32_t handle, float celsius);
 /* The set point as the analyzer reports it and the fan reading; both
  * optional. Reads housekeeping now (not while streaming). */
 LX_API LxStatus lxGetFanSettings(int32_t handle, float* setPoint, float* fan);
+
+/* ==== Stream health =======================================================
+ * What the running stream delivered and lost, counted from the last
+ * lxConfigure (any streaming mode; all zero for the others). */
+typedef struct LxStreamHealth {
+    uint64_t samplesDelivered;  /* samples handed to the application */
+    uint64_t samplesDropped;    /* samples the library threw away: a reader half a
+                                   second behind loses what was stored */
+    uint64_t dataLossEvents;    /* blocks after which the analyzer lost samples: it said so
+                                   (its buffer overran: the host read too late), or its
+                                   sample counter jumped */
+    uint64_t adcOverflowEvents; /* status packets reporting an ADC overload */
+    uint64_t transportErrors;   /* USB transfers that failed, timed out or came back short */
+    uint64_t spectraLost;       /* real-time spectra not computed for lack of CPU time */
+} LxStreamHealth;
+LX_API LxStatus lxGetStreamHealth(int32_t handle, LxStreamHealth* health);
 
 #ifdef __cplusplus
 } /* extern "C" */
@@ -596,6 +682,13 @@ LX_API LxStatus lxBootWriteRunSector(int32_t handle, const char* path, int32_t s
  * unreadable, empty or too large file, and a programming or verify failure:
  * lxFileIOErr. */
 LX_API LxStatus lxBootWriteBootSector(int32_t handle, const char* path, int32_t serial);
+/* One capture of the whole 61.44 MHz band with the local oscillator at
+ * frequencyHz (limited to 3.84 MHz .. 19.2 GHz; the band is centred 23.04 MHz
+ * below it): 16384 floats, the analyzer's raw I, Q, I, Q ... values / 32768
+ * (8192 samples at 61.44 MS/s, uncorrected, the ADC's DC offset of 576 counts
+ * included). Stops any measurement; the analyzer is idle afterwards. Returns
+ * the link status. */
+LX_API LxStatus lxAdminGetFullBandIQ(int32_t handle, double frequencyHz, float* iq);
 
 /* ---- end of C++-only section ------------------------------------------- */
 #endif /* __cplusplus */

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -36,6 +37,28 @@ std::string ReadSceneFile(const std::string& path) {
 }
 
 } // namespace
+
+OutputFile::OutputFile(const std::string& path, const std::string& usageHint) : path_(path) {
+    errno = 0;
+    stream_.open(path, std::ios::binary | std::ios::trunc);
+    if (!stream_) {
+        const int err = errno;
+        throw Failure(kExitUsage, "cannot write '" + path + "': " + (err ? std::strerror(err) : "cannot open"),
+                      usageHint);
+    }
+}
+
+OutputFile::~OutputFile() {
+    if (kept_) return;
+    stream_.close();
+    std::error_code ec;
+    std::filesystem::remove(path_, ec);
+}
+
+void OutputFile::Finish() {
+    stream_.close();
+    if (!stream_) throw Failure(kExitFailure, "writing '" + path_ + "' failed");
+}
 
 void Check(LxStatus status, const std::string& what, std::vector<Warning>* warnings) {
     if (status < 0) {

@@ -5,8 +5,6 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <stdexcept>
@@ -74,34 +72,20 @@ private:
 };
 
 // A file named on the command line, created before the analyzer is touched
-// so that a path that cannot be written fails at once. Removed again unless
-// the command completes: a failed run leaves no half-written output.
+// so that a path that cannot be written fails at once (a usage error, with
+// `usageHint`). Removed again unless the command completes: a failed run
+// leaves no half-written output.
 class OutputFile {
 public:
-    explicit OutputFile(const std::string& path) : path_(path) {
-        errno = 0;
-        stream_.open(path, std::ios::binary | std::ios::trunc);
-        if (!stream_) {
-            const int err = errno;
-            throw Failure(kExitUsage, "cannot write '" + path + "': " + (err ? std::strerror(err) : "cannot open"));
-        }
-    }
-    ~OutputFile() {
-        if (kept_) return;
-        stream_.close();
-        std::error_code ec;
-        std::filesystem::remove(path_, ec);
-    }
+    OutputFile(const std::string& path, const std::string& usageHint);
+    ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
     std::ofstream& Stream() { return stream_; }
     const std::string& Path() const { return path_; }
     // Closes the stream; Failure when anything written to it was lost.
-    void Finish() {
-        stream_.close();
-        if (!stream_) throw Failure(kExitFailure, "writing '" + path_ + "' failed");
-    }
+    void Finish();
     void Keep() { kept_ = true; }
 
 private:

@@ -6,6 +6,7 @@
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] sweep [options]
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] rt [options]
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] flash ACTION [options]
+//   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] iq [options]
 //
 // The global options may also follow the subcommand. Exit codes: 0 done,
 // 1 the library or an analyzer refused, 2 the command line is wrong.
@@ -22,6 +23,7 @@
 #include "commands.h"
 #include "flash.h"
 #include "iq_list.h"
+#include "iq.h"
 #include "lx_api.h"
 #include "realtime.h"
 #include "sweep.h"
@@ -82,6 +84,8 @@ int main(int argc, char** argv) {
     auto* rt = AddRealTimeCommand(app, rtOptions);
     FlashOptions flashOptions;
     auto* flash = AddFlashCommand(app, flashOptions);
+    IqOptions iqOptions;
+    auto* iq = AddIqCommand(app, iqOptions);
 
     // Leftovers are reported here rather than by the parser, so that a
     // mistyped subcommand is named as one.
@@ -102,23 +106,27 @@ int main(int argc, char** argv) {
 
     const auto extras = app.remaining();
     const bool haveSubcommand =
-        list->parsed() || info->parsed() || sweep->parsed() || flash->parsed() || rt->parsed();
+        list->parsed() || info->parsed() || sweep->parsed() || flash->parsed() || rt->parsed() || iq->parsed();
     if (!extras.empty()) {
         if (!haveSubcommand && extras.front().rfind('-', 0) != 0)
-            return UsageError("unknown subcommand '" + extras.front() + "' (try 'list', 'info', 'sweep', 'rt' or 'flash')");
+            return UsageError("unknown subcommand '" + extras.front() + "' (try 'list', 'info', 'sweep', 'rt', 'iq' or 'flash')");
         return UsageError("unexpected argument '" + extras.front() + "'");
     }
-    if (!haveSubcommand) return UsageError("a subcommand is required: 'list', 'info', 'sweep', 'rt' or 'flash'");
+    if (!haveSubcommand) return UsageError("a subcommand is required: 'list', 'info', 'sweep', 'rt', 'iq' or 'flash'");
     if (list->parsed() && !iqListOptions.Requested() && iqListOptions.AnyGiven(*list))
         return UsageError("list: the sweep-list options need frequencies or --csv");
     if (sim->count() > 0 && !scene.empty()) sceneFile = scene;
     // `sweep --scene FILE` is --sim=FILE spelt the way a measurement reads.
-    const bool sceneOption = (sweep->parsed() && sweepOptions.scene.has_value()) ||
-                             (list->parsed() && iqListOptions.scene.has_value()) ||
-                             (rt->parsed() && rtOptions.scene.has_value());
+    const std::optional<std::string> noScene;
+    const std::optional<std::string>& sceneGiven = sweep->parsed() ? sweepOptions.scene
+                                                   : rt->parsed()  ? rtOptions.scene
+                                                   : iq->parsed()  ? iqOptions.scene
+                                                   : list->parsed() ? iqListOptions.scene
+                                                                    : noScene;
+    const bool sceneOption = sceneGiven.has_value();
     if (sceneOption) {
         if (sim->count() > 0) return UsageError("give the scene either as --sim=FILE or as --scene FILE");
-        sceneFile = sweep->parsed() ? sweepOptions.scene : rt->parsed() ? rtOptions.scene : iqListOptions.scene;
+        sceneFile = sceneGiven;
     }
     const bool simulate = sim->count() > 0 || sceneOption;
     if (app.get_option("--sim-serial")->count() > 0 && !simulate)
@@ -139,6 +147,8 @@ int main(int argc, char** argv) {
             code = RunRealTime(rtOptions, json);
         else if (flash->parsed())
             code = RunFlash(flashOptions, json);
+        else if (iq->parsed())
+            code = RunIq(iqOptions, json);
         else
             code = RunSweep(sweepOptions, json);
     } catch (const Failure& f) {

@@ -39,9 +39,9 @@ template <size_t N> std::string Choices(const std::array<const char*, N>& names)
 // The library's defaults, which a bare `lx530 sweep` keeps.
 constexpr double kDefaultStart = 9000.0, kDefaultStop = 1.5e10;
 
-Failure Usage(const std::string& message) {
-    return Failure(kExitUsage, message, "Run 'lx530 sweep --help' for usage.");
-}
+constexpr const char* kSweepHint = "Run 'lx530 sweep --help' for usage.";
+
+Failure Usage(const std::string& message) { return Failure(kExitUsage, message, kSweepHint); }
 
 // The library's value of a name, in any case.
 template <size_t N>
@@ -192,9 +192,9 @@ int RunSweep(const SweepOptions& o, bool json) {
                 std::filesystem::path(paths[j]).lexically_normal())
                 throw Usage("'" + paths[i] + "' is named for two outputs");
     std::optional<OutputFile> csv, rtl, png;
-    if (o.csv) csv.emplace(*o.csv);
-    if (o.rtlPower) rtl.emplace(*o.rtlPower);
-    if (o.png) png.emplace(*o.png);
+    if (o.csv) csv.emplace(*o.csv, kSweepHint);
+    if (o.rtlPower) rtl.emplace(*o.rtlPower, kSweepHint);
+    if (o.png) png.emplace(*o.png, kSweepHint);
 
     SweepSummary sum;
     sum.requestedStart = s.start;

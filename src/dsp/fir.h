@@ -16,7 +16,11 @@
 //       count >= 0, src and dst non-null when count > 0; dst may equal src (not
 //       overlap it otherwise). Before a successful Init it reports
 //       "spec != nullptr" and answers kNotInitialised.
-//   DecimatingFir::Init(taps, tapsLen, factor)   as FirFilter, 1 <= factor <= 65536.
+//   DecimatingFir::Init(taps, tapsLen, factor, fftSize = 0)
+//       taps and tapsLen as FirFilter, 1 <= factor <= 65536. fftSize 0 chooses
+//       the method, 1 forces the direct form, a power of two >= 2 * tapsLen and
+//       >= factor forces the FFT path of that size (factor must then be a power
+//       of two); anything else is refused and keeps the previous filter.
 //   DecimatingFir::Run(src, count, dst, written)
 //       as FirFilter::Run, but dst must not overlap src and must hold
 //       OutputCount(count) values; written may be null.
@@ -72,6 +76,16 @@ private:
 
 // A FIR filter that keeps every factor-th output (stream positions 0, factor,
 // 2 factor, ... counted from Init or Reset) and computes only those.
+//
+// Two methods, same results to float rounding. Direct: one dot product of
+// tapsLen per kept output. FFT (power-of-two factors, long filters): overlap-
+// save frames of fftSize inputs whose product spectrum is folded into
+// fftSize / factor bins before the inverse transform, so the inverse yields
+// exactly the kept outputs (the folding is the frequency-domain form of
+// keeping every factor-th sample); a frame starts tapsLen - 1 inputs before
+// the next kept output, so the kept positions sit at one fixed phase of
+// every frame. A call that ends inside a frame finishes it zero-padded (or by
+// dot products when few outputs are due), so outputs never lag the inputs.
 class DecimatingFir {
 public:
     DecimatingFir();
@@ -79,7 +93,7 @@ public:
     DecimatingFir(DecimatingFir&&) noexcept;
     DecimatingFir& operator=(DecimatingFir&&) noexcept;
 
-    DspStatus Init(const cf32* taps, int tapsLen, int factor);
+    DspStatus Init(const cf32* taps, int tapsLen, int factor, int fftSize = 0);
     DspStatus Run(const cf32* src, int64_t count, cf32* dst, int64_t* written) noexcept;
     void Reset() noexcept;
 
@@ -87,6 +101,8 @@ public:
     int64_t OutputCount(int64_t count) const noexcept;
     int factor() const noexcept { return factor_; }
     int tapsLength() const noexcept { return tapsLen_; }
+    // Frame size of the FFT path, 0 when the filter runs directly.
+    int fftSize() const noexcept;
 
     struct Kernel;
 

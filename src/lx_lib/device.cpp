@@ -151,6 +151,18 @@ LxStatus Device::RefreshHousekeepingIfStale() {
     return RefreshHousekeeping();
 }
 
+gps::GpsPacketFields GpsFieldsOf(const uint8_t* rec) {
+    const uint64_t recSamples = AuxRead<uint64_t>(rec, kAuxSampleCounterOffset);
+    gps::GpsPacketFields f;
+    f.gpsStatusWord = AuxRead<uint32_t>(rec, kAuxGpsStatusOffset);
+    f.pulseTick = AuxPulseCounter(rec);
+    f.blockTick = recSamples;
+    f.deviceStatusWord = AuxRead<uint32_t>(rec, kAuxStatusWordOffset);
+    f.uartRing = rec + kAuxUartRingOffset;
+    f.nmeaArea = rec + kAuxUartRingOffset;
+    return f;
+}
+
 bool Device::TakeStatusPacket(const uint8_t* rec) {
     auxInvalid = HasAuxMagic(rec) ? 0 : 1;
     if (auxInvalid) return false;
@@ -183,14 +195,7 @@ bool Device::TakeStatusPacket(const uint8_t* rec) {
     }
     sampleCounter = recSamples + sampleOffset;
 
-    gps::GpsPacketFields f;
-    f.gpsStatusWord = AuxRead<uint32_t>(rec, kAuxGpsStatusOffset);
-    f.pulseTick = recPulses;
-    f.blockTick = recSamples;
-    f.deviceStatusWord = statusWord;
-    f.uartRing = rec + kAuxUartRingOffset;
-    f.nmeaArea = rec + kAuxUartRingOffset;
-    gps::TakeStatusPacket(gps, f, hwDecimation, gps::HostNowNs());
+    gps::TakeStatusPacket(gps, GpsFieldsOf(rec), hwDecimation, gps::HostNowNs());
 
     // Timebase follow-up: while the device disciplines its oscillator to the
     // GPS, remember where it went so the next open starts there.
@@ -292,6 +297,7 @@ LxStatus Device::Configure(int32_t requested) {
     if (!gpsHeld) {
         if (const LxStatus s = WriteCoarseTune(coarseTune); s != lxNoError) return s;
     }
+    health.Reset();
     const LxStatus s = SetupMode(*this, requested);
     if (s < 0) {
         StopEngine();

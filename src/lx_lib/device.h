@@ -57,6 +57,7 @@
 
 #include "gps/gps_state.h"
 #include "lx_api.h"
+#include "lx_lib/stream_health.h"
 #include "usb/usb_transport.h"
 
 namespace lx {
@@ -274,6 +275,8 @@ public:
 
     std::mutex control;  // the control lock (rule 1)
     bool closed = false; // set by close, under the control lock
+    // Counters of the running stream, reset by every configure.
+    StreamHealth health;
 
 private:
     std::mutex claimMutex_;
@@ -282,6 +285,9 @@ private:
     std::unique_ptr<usb::UsbTransport> transport_;
     std::vector<uint8_t> cal_;
 };
+
+// The fields of a status packet that the GPS intake reads.
+gps::GpsPacketFields GpsFieldsOf(const uint8_t* record);
 
 // Milliseconds of a monotonic clock (the housekeeping age).
 uint64_t NowMs();

@@ -1,6 +1,7 @@
 #include "lx_lib/device.h"
 
 #include "engines/iq_sweep_list_engine.h"
+#include "engines/iq_engine.h"
 #include "engines/narrow_span_engine.h"
 #include "engines/realtime_engine.h"
 #include "engines/sweep_engine.h"
@@ -17,9 +18,13 @@ LxStatus SetupMode(Device& dev, int32_t mode) {
         return engines::SetupSweep(dev);
     case 2:
         return engines::SetupRealTime(dev);
+    case 3:
+        return engines::SetupIq(dev);
     case 4:
         return engines::SetupIqSweepList(dev);
-    case 3: case 5: case 100:
+    case 100:
+        return engines::SetupFullBand(dev);
+    case 5:
         return lxInvalidConfigurationErr;
     default:
         return lxInvalidParameterErr;

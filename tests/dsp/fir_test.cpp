@@ -151,32 +151,38 @@ TEST(FirFilter, SetUpChecksAreReported) {
 }
 
 // convolve(x, h)[:len(x)][::factor], fed in blocks shorter and longer than the
-// factor and the history, up to the 2049-tap low-pass keeping every 16th output.
+// factor and the history, and in one call (whole FFT frames), up to the
+// 2049-tap low-passes of the engines' host stages.
 TEST(DecimatingFir, KeepsEveryFactorthOutput) {
     const Reference& ref = Reference::Get("fir");
     ASSERT_TRUE(ref.ok());
     const auto x = ref.Complex("dec/x");
-    for (const auto& [m, d] : {std::pair{1, 1}, std::pair{7, 3}, std::pair{129, 4}, std::pair{2049, 16}}) {
-        const std::string key = "dec/" + std::to_string(m) + "/" + std::to_string(d);
-        SCOPED_TRACE(key);
-        const auto h = ref.Complex(key + "/h");
-        const auto want = ref.Complex<double>(key + "/y");
-        lx::dsp::DecimatingFir f;
-        ASSERT_EQ(f.Init(h.data(), m, d), DspStatus::kOk);
-        std::vector<cf32> y(want.size() + 1, cf32(-7.0f, -7.0f));
-        int64_t at = 0, produced = 0;
-        for (int64_t len : Splits(static_cast<int64_t>(x.size()), 3)) {
-            const int64_t expected = f.OutputCount(len);
-            int64_t written = -1;
-            ASSERT_EQ(f.Run(x.data() + at, len, y.data() + produced, &written), DspStatus::kOk);
-            EXPECT_EQ(written, expected);
-            at += len;
-            produced += written;
+    const auto n = static_cast<int64_t>(x.size());
+    const std::pair<int, int> cases[] = {{1, 1},   {7, 3},    {129, 4},   {257, 2},  {513, 4},
+                                         {1025, 8}, {2049, 2}, {2049, 16}, {2049, 64}};
+    for (const auto& [m, d] : cases) {
+        const auto h = ref.Complex("dec/" + std::to_string(m) + "/" + std::to_string(d) + "/h");
+        const auto want = ref.Complex<double>("dec/" + std::to_string(m) + "/" + std::to_string(d) + "/y");
+        for (const auto& splits : {Splits(n, 3), std::vector<int64_t>{n}}) {
+            SCOPED_TRACE(testing::Message() << m << " taps, factor " << d << ", " << splits.size() << " calls");
+            lx::dsp::DecimatingFir f;
+            ASSERT_EQ(f.Init(h.data(), m, d), DspStatus::kOk);
+            EXPECT_EQ(f.fftSize() > 0, m >= 16 * d && d > 1); // long filters take the FFT path
+            std::vector<cf32> y(want.size() + 1, cf32(-7.0f, -7.0f));
+            int64_t at = 0, produced = 0;
+            for (int64_t len : splits) {
+                const int64_t expected = f.OutputCount(len);
+                int64_t written = -1;
+                ASSERT_EQ(f.Run(x.data() + at, len, y.data() + produced, &written), DspStatus::kOk);
+                EXPECT_EQ(written, expected);
+                at += len;
+                produced += written;
+            }
+            ASSERT_EQ(produced, static_cast<int64_t>(want.size()));
+            EXPECT_EQ(y.back(), cf32(-7.0f, -7.0f)) << "wrote past the outputs";
+            y.pop_back();
+            EXPECT_LT(RelativeError(y, want), 1e-6 * std::sqrt(static_cast<double>(m)));
         }
-        ASSERT_EQ(produced, static_cast<int64_t>(want.size()));
-        EXPECT_EQ(y.back(), cf32(-7.0f, -7.0f)) << "wrote past the outputs";
-        y.pop_back();
-        EXPECT_LT(RelativeError(y, want), 1e-6 * std::sqrt(static_cast<double>(m)));
     }
 }
 

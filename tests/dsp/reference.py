@@ -74,6 +74,11 @@ def fft():
         put(f"wfft/{kind}/{n}/{pad}/y", np.fft.fft(w * x.astype(np.complex128)) / n)
 
 
+# (taps, factor): direct form, then the FFT path at every stage the I/Q and
+# narrow-span engines run.
+DECIMATORS = ((1, 1), (7, 3), (129, 4), (257, 2), (513, 4), (1025, 8), (2049, 2), (2049, 16), (2049, 64))
+
+
 def fir():
     for i, (numtaps, cutoff) in enumerate(((1, 0.2), (2, 0.1), (31, 0.45), (64, 0.05), (129, 0.25), (2049, 0.45 / 16))):
         put(f"firwin/{i}/params", [numtaps, cutoff])
@@ -90,8 +95,8 @@ def fir():
     put("fir/real129/y", np.convolve(x.astype(np.complex128), hr.astype(np.complex128))[: len(x)])
     xd = crandn(40000)
     put("dec/x", xd)
-    for m, d in ((1, 1), (7, 3), (129, 4), (2049, 16)):
-        h = crandn(m) / np.float32(m) if m != 2049 else signal.firwin(m, 0.45 / 8, window="blackman").astype(np.float32).astype(np.complex64)
+    for m, d in DECIMATORS:
+        h = crandn(m) / np.float32(m) if m < 257 else signal.firwin(m, 0.45 / d, window="blackman").astype(np.float32).astype(np.complex64)
         put(f"dec/{m}/{d}/h", h)
         put(f"dec/{m}/{d}/y", np.convolve(xd.astype(np.complex128), h.astype(np.complex128))[: len(xd)][::d])
 

@@ -1,0 +1,259 @@
+// IqEngine: continuous, gap-free I/Q at 61.44 MS/s / D, D = 1, 2, 4 ... 8192.
+//
+// Decimation plan: the device decimates by D1 = min(D, 4) and sends blocks of
+// P = 64 / D1 - 1 packets (B = P * 2048 samples) each followed by its status
+// packet. The host converts (conjugating a band-0 capture so that it is right
+// side up), shifts the requested centre to 0 Hz, and filters:
+//   D <= 4   one 129-tap low-pass at 0.5 * bandwidth / rate, when the software
+//            filter is on; group delay G = 64 D.
+//   D >= 8   host factor H = D / 4: stage 2 keeps every min(H, 16)-th sample
+//            (257, 513, 1025, 2049 taps for 2, 4, 8, 16; cutoff 0.5 * bandwidth
+//            / 15.36 MHz, or 0.025 when stage 3 follows), stage 3 every
+//            H / 16-th (same tap table; cutoff 0.5 * bandwidth / 960 kHz).
+//            Both are decimating FIRs that compute only the kept outputs;
+//            G = delay2 * 4 + delay3 * 4 * stage2, delay = (taps - 1) / 2.
+// G counts 61.44 MS/s samples; every filter delay is its true linear-phase
+// delay, so a time stamp names the antenna time of its sample.
+//
+// Loss: a block the analyzer reports lost samples before (status bit 0x200),
+// or whose sample counter does not follow the last block's by 2 D1 B ticks,
+// carries a gap to the store; so does a block dropped for a full ring. The
+// read that delivers the samples after a gap reports it (sampleLoss), and
+// lxUncalData is returned by the next read.
+//
+// Time: a block's first output sample is stamped device time of its status
+// packet - 2 D1 B ticks - 2 G ticks (ns since 1970; the device time is GPS
+// time once there is a fix). A trigger edge t ticks after the block's first
+// input sample lands at output position (2 G + t) / (2 D) of the block.
+//
+// Threads (all started by the constructor, stopped and joined by Stop/the
+// destructor):
+//   "LX IQ Acquisition Thread" (time critical): keeps K transfers in flight
+//       (a read of (P + 1) * 8192 bytes and a one-block transfer request on
+//       transport slot i), and for each finished one takes the status packet
+//       (GPS intake, status bits, trigger), converts and shifts the block into
+//       ring slot w, stamps it, counts it in. A failed transfer is counted,
+//       skipped, and followed by a 32 ms pause. On stop it sends the end-of-
+//       stream word and finishes every transfer still in flight.
+//   "LX IQ Filter Thread" (D <= 4) or "LX IQ DS and Filter Thread" (D >= 8):
+//       takes ring slots in order, filters, hands the result to the store.
+//   Caller's thread (lxGetIQ): Read takes samples out of the store.
+// Ring: 20 slots of B samples passed by the atomic count `filled_` and the
+// block-ready event. When all 20 are full the acquisition thread drops the
+// new block and counts it as lost (rather than overwrite a slot in use).
+// States: running (constructed) -> stopping (running flag cleared, filled_
+// set to 20, both events set) -> stopped (threads joined).
+// Locks: the store's mutex only (a leaf: nothing else is taken under it);
+// taken by the processing thread, the reader and, for a dropped block, the
+// acquisition thread.
+//
+// Nothing here allocates while streaming: ring, filters, their FFT plans and
+// the store are built by the constructor (std::bad_alloc and std::system_error
+// reach the API guard: lxAllocationErr).
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "cal/correction.h"
+#include "dsp/fir.h"
+#include "dsp/shifter.h"
+#include "dsp_vector/aligned_vector.h"
+#include "lx_command/command_list.h"
+#include "lx_lib/device.h"
+#include "lx_lib/tuning_planner.h"
+#include "threaded_deque/event.h"
+#include "threaded_deque/worker.h"
+
+namespace lx::engines {
+
+using dsp::cf32;
+
+inline constexpr int kIqRingSlots = 20;
+inline constexpr int32_t kIqMaxDecimation = 8192;
+inline constexpr double kIqMinBandwidthHz = 1000.0;
+inline constexpr double kIqMaxBandwidthD1Hz = 41.5e6;   // D = 1
+inline constexpr double kIqBandwidthLimitHz = 5e7;      // divided by D above 1
+inline constexpr int kIqSingleStageTaps = 129;
+inline constexpr double kIqStage3Stage2Cutoff = 0.025;
+inline constexpr double kIqStoreSeconds = 0.5;
+inline constexpr uint32_t kIqPauseAfterFailureMs = 32;
+
+// Process-wide value that fills the trigger entries a read leaves unwritten.
+double IqTriggerSentinel();
+void SetIqTriggerSentinel(double value);
+
+struct IqPlan {
+    double centre = 0;
+    int32_t decimation = 1;
+    bool softwareFilter = true;
+    int32_t dataType = 0;  // 0 complex float, 1 complex int16
+    int32_t queueSize = 16;
+    uint32_t triggerEdge = 0;
+    double sampleRate = 0;
+    double bandwidth = 0;  // clamped
+    int32_t attenuation = 0;
+    TuningPlan capture;
+    StepCorrection correction; // the device's equaliser for this capture
+    uint8_t ifLevel = 4;
+    float correctionDb = 0;    // lxGetIQCorrection; linear scale sqrt(10^(dB/10))
+
+    int32_t d1 = 1, host = 1, stage2 = 1, stage3 = 1;
+    int32_t packets = 63;      // P
+    int64_t blockSamples = 0;  // B
+    int stage1Taps = 0, stage2Taps = 0, stage3Taps = 0;
+    double stage1Cutoff = 0, stage2Cutoff = 0, stage3Cutoff = 0;
+    double groupDelay = 0;     // G, 61.44 MS/s samples
+    double nsPerSample = 0;
+
+    int64_t OutputsPerBlock() const { return blockSamples / host; }
+    int64_t StoreCapacity() const { return static_cast<int64_t>(kIqStoreSeconds * sampleRate); }
+    uint32_t CaptureCode() const; // log2(D1) + 1
+    double ShiftCyclesPerSample() const;
+};
+
+// Taps of a host stage by its factor: 2 -> 257, 4 -> 513, 8 -> 1025, else 2049.
+int IqStageTaps(int32_t factor);
+// The plan from the settings alone (no calibration).
+IqPlan PlanIq(const IqSettings& s, int32_t attenuatorSetting, double refLevelDbm);
+// Equaliser, IF level and the amplitude correction at the temperature bracket.
+void FillIqCorrection(IqPlan& plan, const uint8_t* cal, CalBracket bracket);
+// Tuning, equaliser taps, capture control, trigger edge: sent once at set-up.
+CommandList BuildIqSetupCommands(const IqPlan& plan, TuningState& tuning);
+
+// Sample memory whose pages the kernel maps in one go at construction
+// (mmap with MAP_POPULATE): a stream must not fault a page in per 4 KiB in
+// its first pass, and faulting 245 MB page by page takes seconds on a busy
+// machine where populating it takes a tenth of that. Throws std::bad_alloc.
+class PopulatedSamples {
+public:
+    explicit PopulatedSamples(int64_t count);
+    ~PopulatedSamples();
+    PopulatedSamples(const PopulatedSamples&) = delete;
+    PopulatedSamples& operator=(const PopulatedSamples&) = delete;
+    cf32* data() const { return data_; }
+
+private:
+    cf32* data_ = nullptr;
+    size_t bytes_ = 0;
+};
+
+// The bounded store between the processing thread and the reader: half a
+// second of output; a writer that finds it would overflow empties it (the
+// whole backlog goes at once). Every gap in the stream - that emptying, a
+// block the analyzer reported lost, a block dropped before the store - is
+// kept at its place in the stream, and the read whose samples reach past it
+// reports the loss, so a reader can tell exactly which read is not
+// continuous with the one before.
+class IqSampleStore {
+public:
+    IqSampleStore(int64_t capacity, double nsPerSample);
+
+    // n samples whose first is stamped `stamp` (ns); triggerAt < 0: none;
+    // lossy: samples are missing before the first or somewhere among these.
+    // Returns the samples thrown away to make room (0 normally).
+    int64_t Put(const cf32* x, int64_t n, double triggerAt, int64_t stamp, bool lossy = false);
+    // Empties the store, and forgets its gaps.
+    void Purge();
+    // A block that never reached the store: a gap before the next sample.
+    void MarkGap();
+
+    struct Taken {
+        int64_t count = 0;
+        int64_t stamp = 0;  // of the first sample taken
+        bool gap = false;   // samples are missing before or among those taken
+    };
+    // Up to `max` samples into dst (float pairs, or int16 pairs rounded and
+    // saturated when int16 is true); their triggers, relative to `base`, into
+    // triggers[*written..m). Returns 0 taken when the store is empty.
+    Taken Take(void* dst, int64_t max, bool int16, int64_t base, double* triggers, int32_t m, int32_t* written);
+    int64_t Available() const;
+    int64_t capacity() const { return capacity_; }
+
+private:
+    void EmptyLocked();
+
+    mutable std::mutex mutex_;
+    const int64_t capacity_;
+    const double nsPerSample_;
+    PopulatedSamples ring_;
+    int64_t write_ = 0, read_ = 0, available_ = 0;
+    int64_t readIndex_ = 0;          // stream index of the oldest stored sample
+    std::vector<double> triggers_;   // stream indices, ascending
+    // Stream index ranges [first, last] in which samples are missing: a point
+    // for a gap before sample `first`, a whole block (and the first sample
+    // after it) for a block the analyzer reported lost samples in.
+    std::vector<std::pair<int64_t, int64_t>> gaps_;
+    int64_t endStamp_ = 0;           // time just after the newest stored sample
+};
+
+class IqEngine final : public Engine {
+public:
+    IqEngine(Device& device, IqPlan plan);
+    ~IqEngine() override;
+    IqEngine(const IqEngine&) = delete;
+    IqEngine& operator=(const IqEngine&) = delete;
+
+    // The body of lxGetIQ: blocks until `count` samples are delivered (or a
+    // transfer fails). Statuses: the link status of a failed transfer; else
+    // 0, replaced in turn by lxTempDrift, lxADCOverflow (status bit 0x100
+    // since the last read), lxUncalData (0x200), lxFramingErr.
+    LxStatus Read(void* dst, int32_t count, double* triggers, int32_t triggerCount, uint64_t* timestamp,
+                  int32_t purge, int32_t* sampleLoss, int32_t* remaining);
+
+    const IqPlan& plan() const { return plan_; }
+    void Stop() override;
+
+private:
+    void AcquisitionThread();
+    void ProcessBlock(const uint8_t* data);
+    void FilterThread();
+
+    Device& device_;
+    const IqPlan plan_;
+    const float scale_;
+    CommandList request_;
+    dsp::FrequencyShifter shifter_;
+    dsp::FirFilter fir1_;
+    dsp::DecimatingFir fir2_, fir3_;
+    PopulatedSamples ring_;
+    ComplexVector workA_, workB_;
+    std::array<double, kIqRingSlots> slotTrigger_{};  // < 0: none
+    std::array<bool, kIqRingSlots> slotGap_{};        // the analyzer lost samples before the slot
+    std::array<int64_t, kIqRingSlots> slotStamp_{};
+    int write_ = 0;
+    std::atomic<int> filled_{0};
+    Event blockReady_{Event::Mode::AutoReset};
+    Event dataReady_{Event::Mode::AutoReset};
+    std::atomic<bool> overflowSeen_{false}, lossSeen_{false};
+    std::atomic<float> temperature_;
+    int64_t lastStamp_ = 0;
+    uint64_t lastTick_ = 0; // sample counter of the last status packet
+    bool haveTick_ = false;
+    IqSampleStore store_;
+    Workers workers_;
+};
+
+// Configure mode 3: plan, correction, the set-up commands (sent now), the
+// figures lxGetIQParameters reports; replaces the device's I/Q engine.
+LxStatus SetupIq(Device& dev);
+
+// Configure mode 100: the one command list of a full-band capture, kept
+// with nothing started.
+class FullBandCapture final : public Engine {
+public:
+    explicit FullBandCapture(CommandList commands) : commands_(std::move(commands)) {}
+    void Stop() override {} // no threads: the capture runs inside lxAdminGetFullBandIQ
+    const CommandList& commands() const { return commands_; }
+
+private:
+    CommandList commands_;
+};
+CommandList BuildFullBandCommands(double frequencyHz, TuningState& tuning);
+LxStatus SetupFullBand(Device& dev);
+inline constexpr int kFullBandValues = 16384; // int16 values of one capture (8192 I/Q pairs)
+
+} // namespace lx::engines
