@@ -386,7 +386,7 @@ LX_API LxStatus lxIQSweepListFinishSweep(int32_t handle, int32_t slot);
 /* Start in slot 0 and finish it; lxSweepAlreadyActiveErr while any slot is
  * active. */
 LX_API LxStatus lxIQSweepListGetSweep(int32_t handle, void* destination, uint64_t* timestamps);
-=======
+
 /* ==== I/Q streaming (mode 3) ===============================================
  * A continuous, gap-free stream of complex samples at 61.44 MS/s / D around a
  * centre frequency, with time stamps and external-trigger positions. Set up

@@ -77,7 +77,7 @@ private:
 // leaves no half-written output.
 class OutputFile {
 public:
-    OutputFile(const std::string& path, const std::string& usageHint);
+    explicit OutputFile(const std::string& path, const std::string& usageHint = {});
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
