@@ -108,7 +108,7 @@ inline std::string WriteFile(const std::string& name, const std::vector<uint8_t>
     const std::string path = ::testing::TempDir() + "lx-" + std::to_string(getpid()) + "-" + name;
     std::FILE* f = std::fopen(path.c_str(), "wb");
     if (f) {
-        std::fwrite(bytes.data(), 1, bytes.size(), f);
+        if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), f); // data() may be null when empty
         std::fclose(f);
     }
     return path;
