@@ -136,7 +136,8 @@ py::dict Diagnostics(int32_t h) {
 
 py::tuple GetSweep(int32_t h) {
     int32_t n = 0;
-    Call("lxGetSweepParameters", [&] { return lxGetSweepParameters(h, nullptr, nullptr, nullptr, nullptr, &n); });
+    double start = 0, bin = 0;
+    Call("lxGetSweep", [&] { return lxGetSweepParameters(h, nullptr, nullptr, &start, &bin, &n); });
     py::array_t<float> mn = Empty<float>(n), mx = Empty<float>(n);
     float* pmn = mn.mutable_data();
     float* pmx = mx.mutable_data();
@@ -145,13 +146,14 @@ py::tuple GetSweep(int32_t h) {
     // analyzer is idle afterwards, its settings kept.
     const LxStatus s = WaitInterruptibly([&] { return lxGetSweep(h, pmn, pmx, &ts); }, [&] { lxAbort(h); });
     Check(s, "lxGetSweep");
-    return py::make_tuple(mn, mx, ts, static_cast<int>(s));
+    return py::make_tuple(mn, mx, ts, static_cast<int>(s), start, bin);
 }
 
 py::tuple GetRealTimeFrame(int32_t h, bool alpha) {
     int32_t n = 0, w = 0, ht = 0;
-    Call("lxGetRealTimeParameters",
-         [&] { return lxGetRealTimeParameters(h, nullptr, &n, nullptr, nullptr, &w, &ht, nullptr); });
+    double start = 0, bin = 0;
+    Call("lxGetRealTimeFrame",
+         [&] { return lxGetRealTimeParameters(h, nullptr, &n, &start, &bin, &w, &ht, nullptr); });
     py::array_t<float> frame({ht, w});
     py::array_t<float> alphaFrame = alpha ? py::array_t<float>({ht, w}) : py::array_t<float>();
     py::array_t<float> mn = Empty<float>(n), mx = Empty<float>(n);
@@ -166,7 +168,7 @@ py::tuple GetRealTimeFrame(int32_t h, bool alpha) {
     const LxStatus s = Call("lxGetRealTimeFrame",
                             [&] { return lxGetRealTimeFrame(h, pf, pa, pmn, pmx, &number, &ts); });
     return py::make_tuple(frame, alpha ? py::object(alphaFrame) : py::none(), mn, mx, number, ts,
-                          static_cast<int>(s));
+                          static_cast<int>(s), start, bin);
 }
 
 // Reads count samples in slices of at most `slice` samples, each with the

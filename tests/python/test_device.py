@@ -1,5 +1,6 @@
 # Devices, housekeeping and GPS through the package against the scene, and
 # the package as `cmake --install` lays it out.
+import json
 import os
 import pathlib
 import subprocess
@@ -67,3 +68,19 @@ def test_installed_package_imports_from_the_system_path():
                              capture_output=True, text=True).stdout.split("\n")
         assert out[0].startswith(str(site)) and out[1:3] == ["1.0.0", "Connection lost"]
         assert (site / "lx_api" / "py.typed").exists() and (site / "lx_api" / "_native.pyi").exists()
+
+
+def test_example_finds_the_demo_scene_tones(tmp_path):
+    root = pathlib.Path(__file__).resolve().parents[2]
+    png = tmp_path / "sweep.png"
+    out = subprocess.run([sys.executable, str(root / "examples" / "sweep_plot.py"), str(root / "scenes" / "demo.json"),
+                          str(png)], cwd=tmp_path, env=dict(os.environ, XDG_CACHE_HOME=str(tmp_path)),
+                         check=True, capture_output=True, text=True).stdout
+    rows = [line.split() for line in out.splitlines() if line.strip().endswith("dBm")]
+    found = sorted((float(r[0]), float(r[2])) for r in rows)
+    tones = sorted((e["frequency_hz"] / 1e6, e["power_dbm"])
+                   for e in json.loads((root / "scenes" / "demo.json").read_text())["emitters"])
+    assert len(found) == len(tones)
+    for (f, p), (tf, tp) in zip(found, tones):
+        assert f == pytest.approx(tf, abs=0.03) and p == pytest.approx(tp, abs=0.5)
+    assert png.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"

@@ -530,9 +530,8 @@ class Device:
         """Runs one sweep (blocking, GIL released) and returns its traces on
         their frequency axis. Needs the sweep mode configured. A Ctrl-C aborts
         the sweep: the device stays open, idle, its settings kept."""
-        mn, mx, ts, status = _native.get_sweep(self.handle)
-        p = _native.sweep_parameters(self.handle)
-        return Sweep(_axis(p[2], p[3], p[4]), mn, mx, ts, status)
+        mn, mx, ts, status, start, step = _native.get_sweep(self.handle)
+        return Sweep(_axis(start, step, len(mx)), mn, mx, ts, status)
 
     def sweeps(self, count: Optional[int] = None) -> Iterator[Sweep]:
         """:meth:`get_sweep` ``count`` times (forever when None)."""
@@ -578,9 +577,8 @@ class Device:
 
     def get_realtime_frame(self, alpha: bool = False) -> RealTimeFrame:
         """The next frame in order (waits up to one frame time, GIL released)."""
-        density, a, mn, mx, number, ts, status = _native.get_realtime_frame(self.handle, alpha)
-        p = _native.realtime_parameters(self.handle)
-        return RealTimeFrame(density, a, mn, mx, _axis(p[2], p[3], p[1]), number, ts, status)
+        density, a, mn, mx, number, ts, status, start, step = _native.get_realtime_frame(self.handle, alpha)
+        return RealTimeFrame(density, a, mn, mx, _axis(start, step, len(mx)), number, ts, status)
 
     def realtime_frames(self, count: Optional[int] = None, alpha: bool = False) -> Iterator[RealTimeFrame]:
         n = 0
