@@ -41,11 +41,12 @@ def test_iterator_blocks_carry_the_tone(analyzer, decimation, int16, offset, dbm
     f, p = np.median(fits, axis=0)
     assert f == pytest.approx(offset, abs=rate / block / 4)
     assert p == pytest.approx(dbm, abs=0.3)
-    # Blocks are stamped one block length apart (the median: a loss on a
-    # loaded host moves a few).
-    steps = np.diff([b.timestamp for b in blocks])
-    assert np.all(steps > 0)
-    assert np.median(steps) == pytest.approx(block / rate * 1e9, abs=1e9 / rate)
+    # Blocks are stamped one block length apart, unless samples were lost
+    # between them (the median: a loss on a loaded host moves some).
+    assert np.all(np.diff([b.timestamp for b in blocks]) > 0)
+    steps = [b.timestamp - a.timestamp for a, b in zip(blocks, blocks[1:]) if not (a.sample_loss or b.sample_loss)]
+    if len(steps) >= 2:
+        assert np.median(steps) == pytest.approx(block / rate * 1e9, abs=1e9 / rate)
 
 
 def test_triggers_land_one_period_apart_across_reads(analyzer):
