@@ -93,24 +93,6 @@ TEST_F(DataPlaneTest, PacketsArriveInRequestOrder) {
 
 // ---- the status packet -------------------------------------------------------------------
 
-TEST_F(DataPlaneTest, SampleCounterCountsTicksOfTheSamplesSent) {
-    ASSERT_EQ(lxSimAttach(70000300, nullptr), lxNoError);
-    auto d = Open(70000300);
-    ASSERT_NE(d, nullptr);
-    ASSERT_TRUE(Send(*d, Cat({Request(0, 1), Request(5, 1), Request(0, 1)})));
-    std::vector<uint64_t> counters;
-    for (uint32_t len : {8192u, 6u * 8192u, 8192u}) {
-        const ReadResult r = Read(*d, len);
-        ASSERT_EQ(r.data.size(), len);
-        counters.push_back(U64(&r.data[len - 8192 + 32]));
-    }
-    // Two 122.88 MHz ticks per sample at 61.44 MS/s; aux packets take no
-    // samples. Behind the block, the counter places its first sample at the
-    // tick the device stood at when the request came.
-    EXPECT_EQ(counters[1] - 2u * 5 * 2048 + lx::PipelineOffsetTicks(1), counters[0]);
-    EXPECT_EQ(counters[2], counters[0] + 2u * 5 * 2048);
-}
-
 // A settle word's count (ticks) passes on the timeline before the next data.
 TEST_F(DataPlaneTest, SettleWordCountElapsesAsDeviceTime) {
     ASSERT_EQ(lxSimAttach(70000310, nullptr), lxNoError);
