@@ -38,13 +38,13 @@ constexpr double kStandingWaveDb = 0.5;
 constexpr double kStandingWavePeriodGHz = 0.3;
 constexpr double kFlatnessTiltDbPerGHzPerC = 0.002;
 
-// IF ripple: one slow cosine across the capture whose depth grows with
+// IF ripple: one slow sine across the capture (about +-0.5 dB, so that a host
+// that misreads its response tables is visibly off) whose depth grows with
 // temperature, a per-path tilt, and a sine of phase.
-constexpr double kRippleDb = 0.30;
+constexpr double kRippleDb = 0.50;
 constexpr double kRipplePerC = 0.004;
 constexpr double kRipplePeriodHz = 44.0e6;
-constexpr double kRipplePhase = 0.6;
-constexpr double kRippleTiltDb = 0.15; // at +30.72 MHz, times -1, 0 or 1 by path
+constexpr double kRippleTiltDb = 0.12; // at +30.72 MHz, times -1, 0 or 1 by path
 constexpr double kPhaseRippleRad = 0.06;
 constexpr double kPhaseRipplePerC = 0.002;
 constexpr double kPhaseRipplePeriodHz = 52.0e6;
@@ -181,8 +181,7 @@ double IfResponse(double offsetHz) {
 
 double IfRippleDb(int band, double offsetHz, double tempC) {
     const double depth = kRippleDb * (1.0 + kRipplePerC * (tempC - 25.0));
-    const double wave = std::cos(2.0 * std::numbers::pi * offsetHz / kRipplePeriodHz + kRipplePhase) -
-                        std::cos(kRipplePhase);
+    const double wave = std::sin(2.0 * std::numbers::pi * offsetHz / kRipplePeriodHz);
     const double tilt = kRippleTiltDb * ((std::max(band, 0) % 3) - 1) * offsetHz / kIfEdgeHz;
     return depth * wave + tilt;
 }

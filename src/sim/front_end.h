@@ -17,7 +17,7 @@
 //               and the attenuator (with its per-band error). Within one
 //               path GainDb varies with the tone's frequency only through
 //               RfFlatnessDb and band 0's rise.
-//   IF filter   IfResponseAt(): a ripple in magnitude (about +0.2 .. -0.7 dB,
+//   IF filter   IfResponseAt(): a ripple in magnitude (about +-0.5 dB,
 //               growing with temperature, tilted per band) and phase (about
 //               +-0.06 rad), 0 dB and 0 rad at C, within the anti-alias
 //               taper: flat to +-28 MHz from C, raised-cosine taper to zero

@@ -73,16 +73,12 @@ LX_DSP_CLONES void GaussianLoop(const float* shape, uint32_t k1, uint32_t k2, fl
     }
 }
 
-// amplitude * e^(j 2 pi (start + n * cycles)) for n = 0 .. kN-1, written
-// (add = false) or added to x (interleaved re, im). The start comes from the
-// absolute index in extended precision; within the packet a recurrence of
-// kLanes phasors keeps the error far below the 16-bit floor.
-LX_DSP_CLONES void PhasorLoop(float* __restrict x, const float* __restrict p0, const float* __restrict step,
-                              bool add) {
-    // The recurrence runs on separate re and im arrays, which vectorise; the
-    // interleaving is a second pass.
-    alignas(64) float re[kN];
-    alignas(64) float im[kN];
+// amplitude * e^(j 2 pi (start + n * cycles)) for n = 0 .. kN-1 as separate
+// re and im arrays (which vectorise). The start comes from the absolute index
+// in extended precision; within the packet a recurrence of kLanes phasors
+// keeps the error far below the 16-bit floor.
+LX_DSP_CLONES void PhasorSplitLoop(float* __restrict re, float* __restrict im, const float* __restrict p0,
+                                   const float* __restrict step) {
     float pr[kLanes], pi[kLanes];
     for (int l = 0; l < kLanes; ++l) {
         pr[l] = p0[2 * l];
@@ -99,30 +95,40 @@ LX_DSP_CLONES void PhasorLoop(float* __restrict x, const float* __restrict p0, c
             pi[l] = ni;
         }
     }
-    if (add) {
-        for (int i = 0; i < kN; ++i) {
-            x[2 * i] += re[i];
-            x[2 * i + 1] += im[i];
-        }
-    } else {
-        for (int i = 0; i < kN; ++i) {
-            x[2 * i] = re[i];
-            x[2 * i + 1] = im[i];
-        }
+}
+
+// The same phasor added to x (interleaved re, im).
+LX_DSP_CLONES void AddLoop(float* __restrict x, const float* __restrict re, const float* __restrict im) {
+    for (int i = 0; i < kN; ++i) {
+        x[2 * i] += re[i];
+        x[2 * i + 1] += im[i];
     }
 }
 
-void Phasor(double cycles, long double start, float amplitude, float* x, bool add) {
+void PhasorSplit(double cycles, long double start, float amplitude, float* re, float* im) {
     start -= std::floor(start);
-    const double w = 2.0 * std::numbers::pi * cycles;
+    // Two trig calls per packet and component; the lanes' starts follow by
+    // rotation in double precision (16 steps stay near 1e-15).
+    const std::complex<double> turn = std::polar(1.0, 2.0 * std::numbers::pi * cycles);
+    std::complex<double> p =
+        std::polar(static_cast<double>(amplitude), 2.0 * std::numbers::pi * static_cast<double>(start));
     float p0[2 * kLanes];
-    for (int l = 0; l < kLanes; ++l) {
-        const double ph = 2.0 * std::numbers::pi * static_cast<double>(start) + w * l;
-        p0[2 * l] = static_cast<float>(amplitude * std::cos(ph));
-        p0[2 * l + 1] = static_cast<float>(amplitude * std::sin(ph));
+    for (int l = 0; l < kLanes; ++l, p *= turn) {
+        p0[2 * l] = static_cast<float>(p.real());
+        p0[2 * l + 1] = static_cast<float>(p.imag());
     }
-    const float step[2] = {static_cast<float>(std::cos(w * kLanes)), static_cast<float>(std::sin(w * kLanes))};
-    PhasorLoop(x, p0, step, add);
+    static_assert(kLanes == 16);
+    std::complex<double> lanes = turn;
+    for (int i = 0; i < 4; ++i) lanes *= lanes; // turn^16
+    const float step[2] = {static_cast<float>(lanes.real()), static_cast<float>(lanes.imag())};
+    PhasorSplitLoop(re, im, p0, step);
+}
+
+void AddPhasor(double cycles, long double start, float amplitude, float* x) {
+    alignas(64) float re[kN];
+    alignas(64) float im[kN];
+    PhasorSplit(cycles, start, amplitude, re, im);
+    AddLoop(x, re, im);
 }
 
 long double StartCycles(const ToneComponent& t, uint64_t firstAdcSample, int decimation) {
@@ -140,12 +146,29 @@ LX_DSP_CLONES void ExpLoop(float* __restrict er, float* __restrict ei, float a) 
     }
 }
 
-// x[n] += carrier[n] * envelope[n] over [from, to).
-LX_DSP_CLONES void MixLoop(float* __restrict x, const float* __restrict c, const float* __restrict er,
-                           const float* __restrict ei, int from, int to) {
+// x[n] += carrier[n] * envelope[n] over [from, to), the carrier as split re
+// and im arrays.
+LX_DSP_CLONES void MixLoop(float* __restrict x, const float* __restrict cr, const float* __restrict ci,
+                           const float* __restrict er, const float* __restrict ei, int from, int to) {
     for (int n = from; n < to; ++n) {
-        x[2 * n] += c[2 * n] * er[n] - c[2 * n + 1] * ei[n];
-        x[2 * n + 1] += c[2 * n] * ei[n] + c[2 * n + 1] * er[n];
+        x[2 * n] += cr[n] * er[n] - ci[n] * ei[n];
+        x[2 * n + 1] += cr[n] * ei[n] + ci[n] * er[n];
+    }
+}
+
+// The same for a real envelope (AM) and for none (a keyed carrier).
+LX_DSP_CLONES void MixRealLoop(float* __restrict x, const float* __restrict cr, const float* __restrict ci,
+                               const float* __restrict er, int from, int to) {
+    for (int n = from; n < to; ++n) {
+        x[2 * n] += cr[n] * er[n];
+        x[2 * n + 1] += ci[n] * er[n];
+    }
+}
+LX_DSP_CLONES void AddRangeLoop(float* __restrict x, const float* __restrict cr, const float* __restrict ci, int from,
+                                int to) {
+    for (int n = from; n < to; ++n) {
+        x[2 * n] += cr[n];
+        x[2 * n + 1] += ci[n];
     }
 }
 
@@ -176,17 +199,26 @@ int GateRanges(const Gate& g, int64_t s0, int decimation, Range* out, int capaci
 }
 
 // Linear interpolation of a looped track at the ADC sample s (track sample =
-// s / 256), for the delivered samples of a packet.
+// s / 256), for the delivered samples of a packet, in runs that share one
+// pair of neighbouring track samples (a run spans up to 256 ADC samples):
+// f(from, to, loops, i, j, t0, dt), the weight of track sample j at sample
+// from + k being t0 + k * dt. The runs keep the per-sample loops plain, so
+// that they vectorise.
 template <typename F>
-void ForTrack(size_t length, uint64_t s0, int decimation, F f) {
-    uint64_t i = (s0 / kAdcSamplesPerAudioSample) % length;
-    uint64_t loops = (s0 / kAdcSamplesPerAudioSample) / length;
-    uint32_t sub = static_cast<uint32_t>(s0 % kAdcSamplesPerAudioSample);
-    for (int n = 0; n < kN; ++n) {
-        f(n, loops, i, (i + 1 == length ? 0 : i + 1), static_cast<float>(sub) * (1.0f / kAdcSamplesPerAudioSample));
-        sub += static_cast<uint32_t>(decimation);
-        if (sub >= kAdcSamplesPerAudioSample) {
-            sub -= kAdcSamplesPerAudioSample;
+void ForTrackRuns(size_t length, uint64_t s0, int decimation, F f) {
+    constexpr uint32_t K = kAdcSamplesPerAudioSample;
+    uint64_t i = (s0 / K) % length;
+    uint64_t loops = (s0 / K) / length;
+    uint32_t sub = static_cast<uint32_t>(s0 % K);
+    const auto d = static_cast<uint32_t>(decimation);
+    const float dt = static_cast<float>(d) * (1.0f / K);
+    for (int n = 0; n < kN;) {
+        const int run = std::min(kN - n, static_cast<int>((K - sub + d - 1) / d));
+        f(n, n + run, loops, i, i + 1 == length ? 0 : i + 1, static_cast<float>(sub) * (1.0f / K), dt);
+        n += run;
+        sub += static_cast<uint32_t>(run) * d;
+        while (sub >= K) {
+            sub -= K;
             if (++i == length) {
                 i = 0;
                 ++loops;
@@ -196,8 +228,8 @@ void ForTrack(size_t length, uint64_t s0, int decimation, F f) {
 }
 
 // The complex envelope of a modulated component (before its carrier).
-void Envelope(const ModulatedComponent& m, uint64_t s0, int decimation, float* __restrict er, float* __restrict ei,
-              float* __restrict scratch) {
+LX_DSP_CLONES void Envelope(const ModulatedComponent& m, uint64_t s0, int decimation, float* __restrict er,
+                            float* __restrict ei, float* __restrict scratch) {
     const float a = m.carrier.amplitude;
     const double audioStep = m.audioCyclesPerAdcSample * decimation;
     const long double audioStart =
@@ -211,29 +243,38 @@ void Envelope(const ModulatedComponent& m, uint64_t s0, int decimation, float* _
     case Emitter::Kind::Am:
         if (m.audio) {
             const float* x = m.audio->samples.data();
-            ForTrack(m.audio->samples.size(), s0, decimation, [&](int n, uint64_t, uint64_t i, uint64_t j, float t) {
-                er[n] = a * (1.0f + m.depth * (x[i] + t * (x[j] - x[i])));
-            });
+            ForTrackRuns(m.audio->samples.size(), s0, decimation,
+                         [&](int from, int to, uint64_t, uint64_t i, uint64_t j, float t0, float dt) {
+                             const float base = a * (1.0f + m.depth * (x[i] + t0 * (x[j] - x[i])));
+                             const float slope = a * m.depth * dt * (x[j] - x[i]);
+                             for (int n = from; n < to; ++n) er[n] = base + static_cast<float>(n - from) * slope;
+                         });
         } else {
-            Phasor(audioStep, audioStart, 1.0f, scratch, false);
-            for (int n = 0; n < kN; ++n) er[n] = a * (1.0f + m.depth * scratch[2 * n + 1]);
+            const float* sine = scratch + kN;
+            PhasorSplit(audioStep, audioStart, 1.0f, scratch, scratch + kN);
+            for (int n = 0; n < kN; ++n) er[n] = a * (1.0f + m.depth * sine[n]);
         }
-        std::fill_n(ei, kN, 0.0f);
-        return;
+        return; // a real envelope: ei stays unused (MixRealLoop)
     case Emitter::Kind::Fm:
         if (m.fmCycles) {
             const double* p = m.fmCycles->data();
             const size_t len = m.fmCycles->size() - 1;
             const double perLoop = p[len];
-            ForTrack(len, s0, decimation, [&](int n, uint64_t loops, uint64_t i, uint64_t, float t) {
-                double ph = std::fmod(static_cast<double>(loops) * perLoop, 1.0) + p[i] + t * (p[i + 1] - p[i]);
-                ph -= std::floor(ph);
-                er[n] = static_cast<float>(ph);
-            });
+            ForTrackRuns(len, s0, decimation,
+                         [&](int from, int to, uint64_t loops, uint64_t i, uint64_t, float t0, float dt) {
+                             // The run's start in double (the unwrapped phase is large), the
+                             // walk within it (under a cycle) in float.
+                             const double slope = p[i + 1] - p[i];
+                             double start = std::fmod(static_cast<double>(loops) * perLoop, 1.0) + p[i] + t0 * slope;
+                             start -= std::floor(start);
+                             const auto base = static_cast<float>(start);
+                             const auto step = static_cast<float>(slope * dt);
+                             for (int n = from; n < to; ++n) er[n] = Frac(base + static_cast<float>(n - from) * step);
+                         });
         } else {
             // phase = -peak cos(audio): its derivative is the deviation times sin(audio).
-            Phasor(audioStep, audioStart, 1.0f, scratch, false);
-            for (int n = 0; n < kN; ++n) er[n] = Frac(-m.fmPeakCycles * scratch[2 * n]);
+            PhasorSplit(audioStep, audioStart, 1.0f, scratch, scratch + kN);
+            for (int n = 0; n < kN; ++n) er[n] = Frac(-m.fmPeakCycles * scratch[n]);
         }
         ExpLoop(er, ei, a);
         return;
@@ -241,10 +282,17 @@ void Envelope(const ModulatedComponent& m, uint64_t s0, int decimation, float* _
         // Only a file programme gets here; a sine is a plain tone.
         const float* x = m.audio->samples.data();
         const float* q = m.audio->quadrature.data();
-        ForTrack(m.audio->samples.size(), s0, decimation, [&](int n, uint64_t, uint64_t i, uint64_t j, float t) {
-            er[n] = a * (x[i] + t * (x[j] - x[i]));
-            ei[n] = a * m.sideband * (q[i] + t * (q[j] - q[i]));
-        });
+        const float b = a * m.sideband;
+        ForTrackRuns(m.audio->samples.size(), s0, decimation,
+                     [&](int from, int to, uint64_t, uint64_t i, uint64_t j, float t0, float dt) {
+                         const float r0 = a * (x[i] + t0 * (x[j] - x[i])), rs = a * dt * (x[j] - x[i]);
+                         const float i0 = b * (q[i] + t0 * (q[j] - q[i])), is = b * dt * (q[j] - q[i]);
+                         for (int n = from; n < to; ++n) {
+                             const auto k = static_cast<float>(n - from);
+                             er[n] = r0 + k * rs;
+                             ei[n] = i0 + k * is;
+                         }
+                     });
         return;
     }
     }
@@ -257,18 +305,24 @@ void AddModulated(const ModulatedComponent& m, uint64_t s0, int decimation, floa
     if (m.gate) nr = GateRanges(*m.gate, static_cast<int64_t>(s0), decimation, ranges, 64);
     if (nr == 0) return;
     alignas(64) float c[2 * kN];
+    float* cr = c;
+    float* ci = c + kN;
     if (m.kind == Emitter::Kind::Tone || m.kind == Emitter::Kind::Burst) {
         // A keyed carrier: no envelope to multiply.
-        Phasor(m.carrier.cyclesPerSample, StartCycles(m.carrier, s0, decimation), m.carrier.amplitude, c, false);
-        for (int k = 0; k < nr; ++k)
-            for (int n = 2 * ranges[k].a; n < 2 * ranges[k].b; ++n) x[n] += c[n];
+        PhasorSplit(m.carrier.cyclesPerSample, StartCycles(m.carrier, s0, decimation), m.carrier.amplitude, cr, ci);
+        for (int k = 0; k < nr; ++k) AddRangeLoop(x, cr, ci, ranges[k].a, ranges[k].b);
         return;
     }
     alignas(64) float er[kN];
     alignas(64) float ei[kN];
     Envelope(m, s0, decimation, er, ei, c); // c: scratch until the carrier goes in
-    Phasor(m.carrier.cyclesPerSample, StartCycles(m.carrier, s0, decimation), 1.0f, c, false);
-    for (int k = 0; k < nr; ++k) MixLoop(x, c, er, ei, ranges[k].a, ranges[k].b);
+    PhasorSplit(m.carrier.cyclesPerSample, StartCycles(m.carrier, s0, decimation), 1.0f, cr, ci);
+    for (int k = 0; k < nr; ++k) {
+        if (m.kind == Emitter::Kind::Am)
+            MixRealLoop(x, cr, ci, er, ranges[k].a, ranges[k].b);
+        else
+            MixLoop(x, cr, ci, er, ei, ranges[k].a, ranges[k].b);
+    }
 }
 
 // Full scale, DC offset, rounding, saturation; true when a value saturated.
@@ -326,7 +380,7 @@ bool RenderIqPacket(const RenderPlan& plan, uint64_t firstAdcSample, uint64_t no
     const int d = std::max(plan.decimation, 1);
     RenderNoise(plan, noiseKey, x);
     for (const ToneComponent& t : plan.tones)
-        Phasor(t.cyclesPerSample, StartCycles(t, firstAdcSample, d), t.amplitude, x, true);
+        AddPhasor(t.cyclesPerSample, StartCycles(t, firstAdcSample, d), t.amplitude, x);
     for (const ModulatedComponent& m : plan.modulated) AddModulated(m, firstAdcSample, d, x);
     return QuantiseLoop(x, out);
 }

@@ -161,26 +161,4 @@ TEST_F(Programming, PagesBlocksAndProgress) {
     }
 }
 
-TEST_F(Programming, FailuresEndIt) {
-    // The first page write meets the fault.
-    struct Case {
-        int32_t fault;
-        LxStatus status;
-        uint64_t writes, reads; // what the device carried out
-    } cases[] = {{lxSimFaultFlashProgram, lxConnectionLostErr, 0, 0},
-                 {lxSimFaultOutStall, lxConnectionLostErr, 0, 0},
-                 {lxSimFaultFlashBitFlip, lxFlashTransferErr, 64, 1}};
-    for (const Case& c : cases) {
-        link_.ClearLinkStatus(); // the previous case lost the link
-        ASSERT_EQ(link_.EraseFlashPage(8192), lxNoError);
-        lxSimResetCounters(kSerial);
-        ASSERT_EQ(lxSimInjectFault(kSerial, c.fault, 1), lxNoError);
-        double progress = 0;
-        EXPECT_EQ(ProgramImage(link_, Data(64 * 1024), 8192 * 1024, &progress), c.status) << c.fault;
-        EXPECT_LT(progress, 1.0) << c.fault;
-        EXPECT_EQ(Counters().flashPageWrites, c.writes) << c.fault;
-        EXPECT_EQ(Counters().flashReads, c.reads) << c.fault;
-    }
-}
-
 } // namespace

@@ -77,20 +77,6 @@ protected:
     std::vector<uint8_t> a_, b_;
 };
 
-TEST_F(CalFiles, RoundTripAndReplace) {
-    std::vector<uint8_t> got(kSize, 0);
-    EXPECT_FALSE(lx::CalFileExistsIn(folder_, 42));
-    lx::SaveCalFileIn(folder_, 42, a_.data()); // also creates the missing folder
-    EXPECT_TRUE(lx::CalFileExistsIn(folder_, 42));
-    EXPECT_EQ(fs::file_size(folder_ + "lx00000042.bin"), kSize);
-    ASSERT_TRUE(lx::LoadCalFileIn(folder_, 42, got.data()));
-    EXPECT_EQ(got, a_);
-    lx::SaveCalFileIn(folder_, 42, b_.data());
-    ASSERT_TRUE(lx::LoadCalFileIn(folder_, 42, got.data()));
-    EXPECT_EQ(got, b_);
-    EXPECT_EQ(FolderEntries(), std::vector<std::string>{"lx00000042.bin"});
-}
-
 TEST_F(CalFiles, MissingShortOrDirectoryIsNoCache) {
     fs::create_directories(folder_);
     WriteRaw(folder_ + "lx00000001.bin", kSize - 1);

@@ -8,38 +8,17 @@
 
 #include "lx_command/encoders.h"
 #include "lx_lib/tuning_planner.h"
-#include "sim/front_end.h"
+#include "../support/device_words.h"
 
 namespace lx {
 namespace {
 
-namespace fe = sim::fe;
-
-// What the simulated device tunes to from a tuning sequence.
-struct DeviceTuning {
-    int band = -1;
-    double loHz = 0;
-    double centreHz = 0;
-};
-DeviceTuning Decode(const uint32_t* words, int count) {
-    fe::SynthRegisters regs;
-    uint32_t bandOperand = 0;
-    for (int i = 0; i < count; ++i) {
-        const uint32_t w = words[i];
-        if (w >> 24 == kOpSynth) regs.reg[(w >> 16) & 0x7F] = static_cast<uint16_t>(w);
-        if (w >> 24 == kOpBand) bandOperand = w & 0xFFFFFF;
-    }
-    DeviceTuning t;
-    t.band = fe::DecodeBandWord(bandOperand).band;
-    t.loHz = fe::LoHz(t.band, fe::SynthOutputHz(regs, fe::BandUsesHighOutput(t.band)));
-    t.centreHz = fe::CaptureCentreHz(t.band, t.loHz);
-    return t;
-}
-DeviceTuning Tune(const TuningPlan& plan) {
+// What the simulated device tunes to from the plan's words.
+wordtest::DeviceReading Tune(const TuningPlan& plan) {
     TuningState state;
     uint32_t words[kTuneMaxWords];
     const int n = EncodePlanTune(state, words, plan, 4, 0);
-    return Decode(words, n);
+    return wordtest::ReadWords(words, static_cast<size_t>(n));
 }
 
 TEST(StepTable, RowsAbutAndObeyTheLoRule) {
@@ -114,8 +93,8 @@ TEST(TuningPlan, StepsTuneExactlyToTheirRows) {
         EXPECT_EQ(p.tunedLoHz, r.tuningHz);
         EXPECT_EQ(p.captureCentreHz, r.centreHz);
         EXPECT_EQ(p.mirrored, i == 1);
-        const DeviceTuning t = Tune(p);
-        EXPECT_EQ(t.band, p.band) << i;
+        const auto t = Tune(p);
+        EXPECT_EQ(t.path.band, p.band) << i;
         EXPECT_NEAR(t.centreHz, r.centreHz, 1e-6) << i;
     }
 }
@@ -150,8 +129,8 @@ TEST(TuningPlan, CaptureCentreWithinTheSynthesizerResolution) {
         const StepRow& r = StepTableRow(p.step);
         EXPECT_LE(r.lowHz, c.centre);
         EXPECT_GT(r.highHz, c.centre);
-        const DeviceTuning t = Tune(p);
-        EXPECT_EQ(t.band, p.band);
+        const auto t = Tune(p);
+        EXPECT_EQ(t.path.band, p.band);
         EXPECT_NEAR(t.centreHz, p.captureCentreHz, 1e-6);
     }
 }
@@ -171,8 +150,8 @@ TEST(TuningPlan, CaptureCentresHoldAcrossTheRange) {
         if (c < 0) continue;
         const TuningPlan p = PlanCapture(c);
         ASSERT_LE(std::abs(p.captureCentreHz - c), p.resolutionHz / 2 + 1e-3) << c;
-        const DeviceTuning t = Tune(p);
-        ASSERT_EQ(t.band, p.band) << c;
+        const auto t = Tune(p);
+        ASSERT_EQ(t.path.band, p.band) << c;
         ASSERT_NEAR(t.centreHz, p.captureCentreHz, 1e-6) << c;
         // The cell of C, or its neighbour when C's cell has its middle in the
         // next row (D and E refer to the row holding the middle).

@@ -1,9 +1,6 @@
 // `lx530 sweep`: its command line, its peak search against SciPy's, the
 // trace files and the plot read back by independent parsers (Pillow for the
 // PNG), and whole runs on a simulated analyzer checked against the scene.
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -23,6 +20,7 @@
 #include "lx_sim.h"
 #include "plot.h"
 #include "sweep_report.h"
+#include "tool_run.h"
 
 namespace {
 
@@ -31,19 +29,7 @@ using nlohmann::json;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using namespace lx::cli;
-
-std::string Quote(const std::string& s) {
-    std::string q = "'";
-    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
-std::string Slurp(const fs::path& p) {
-    std::ifstream in(p);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
+using namespace clitest;
 
 std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
@@ -76,38 +62,6 @@ json Reference(const std::string& args) {
         return nullptr;
     }
     return json::parse(out);
-}
-
-struct TempDir {
-    TempDir() {
-        std::string tmpl = (fs::temp_directory_path() / "lx530-sweep-XXXXXX").string();
-        if (mkdtemp(tmpl.data())) path = tmpl;
-    }
-    ~TempDir() {
-        std::error_code ec;
-        fs::remove_all(path, ec);
-    }
-    fs::path path;
-};
-
-struct Result {
-    int exitCode = -1;
-    std::string out, err;
-};
-
-// Runs lx530 in `dir` ("{dir}" in an argument stands for it) with a
-// calibration cache of its own.
-Result RunTool(const fs::path& dir, std::vector<std::string> args) {
-    static int runs = 0;
-    const std::string n = std::to_string(runs++);
-    const fs::path out = dir / ("out" + n), err = dir / ("err" + n);
-    std::string cmd = "XDG_CACHE_HOME=" + Quote((dir / "cache").string()) + " " + Quote(LX530_PATH);
-    for (auto& a : args) {
-        for (size_t at; (at = a.find("{dir}")) != std::string::npos;) a.replace(at, 5, dir.string());
-        cmd += " " + Quote(a);
-    }
-    const int status = std::system((cmd + " >" + Quote(out.string()) + " 2>" + Quote(err.string())).c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Slurp(out), Slurp(err)};
 }
 
 Trace MakeTrace(double start, double bin, std::vector<float> max, bool linear = false) {
@@ -320,7 +274,7 @@ TEST_P(SweepCommandLine, RefusedWithAMessage) {
     for (const auto& m : c.messages) EXPECT_THAT(r.err, HasSubstr(m));
     for (const auto& e : fs::directory_iterator(dir.path)) {
         const std::string name = e.path().filename().string();
-        EXPECT_TRUE(name.rfind("out", 0) == 0 || name.rfind("err", 0) == 0 || name == "cache" ||
+        EXPECT_TRUE(name.rfind("out", 0) == 0 || name.rfind("err", 0) == 0 || name.rfind("cache", 0) == 0 ||
                     name == "scene.json")
             << "left behind: " << name;
     }

@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -31,99 +32,74 @@ protected:
     void Clear() { lxSimClearCommandLog(kSerial); }
 };
 
-TEST_F(Setters, UartRateWordCarriesTheDivisorLessOne) {
-    struct {
-        float baud;
-        uint32_t divisor;
-    } cases[] = {{115200.0f, 711}, {9600.0f, 8533}, {1.0f, 32768}, {1e9f, 1}, {0.0f, 32768}, {-5.0f, 1}};
-    ASSERT_EQ(lxSetGPIOPort(h, 4), lxNoError);
-    for (const auto& c : cases) {
-        Clear();
-        EXPECT_EQ(lxSetUARTBaudRate(h, c.baud), lxNoError) << c.baud; // limited silently
-        EXPECT_EQ(Sent(), (std::vector<uint32_t>{0x26200000u | (c.divisor - 1)})) << c.baud;
-        float back = 0;
-        ASSERT_EQ(lxGetUARTBaudRate(h, &back), lxNoError);
-        EXPECT_FLOAT_EQ(back, static_cast<float>(81.92e6 / c.divisor));
-    }
-    // Outside the UART configurations the rate is stored, not sent, and goes
-    // out when the port is switched to the UART.
-    ASSERT_EQ(lxSetGPIOPort(h, 3), lxNoError);
-    Clear();
-    ASSERT_EQ(lxSetUARTBaudRate(h, 115200.0f), lxNoError);
-    EXPECT_TRUE(Sent().empty());
-    ASSERT_EQ(lxSetGPIOPort(h, 5), lxNoError);
-    EXPECT_EQ(Sent(), (std::vector<uint32_t>{0x262002C6u}));
-}
-
-TEST_F(Setters, GpioConfigurationWords) {
+// Each row: a set-up (its words not counted), then one call, its status and
+// the words it sends. The expected words are the command set's: 0x26 GPIO
+// configuration (UART: 0x262 and the divisor of 81.92 MHz less one), 0x27 a
+// UART byte, 0x28/0x29 GPS bytes as little-endian half-word pairs padded with
+// zeros, 0x2D the reference switch (the inverse of the setting), 0x2F the
+// timebase update, 0x2C the band word that powers the front end down.
+TEST_F(Setters, WordsOfEveryPeripheralSetter) {
+    using Call = std::function<LxStatus(int32_t)>;
+    const auto uart = [](float baud) { return [=](int32_t h) { return lxSetUARTBaudRate(h, baud); }; };
+    const auto gpio = [](uint32_t c) { return [=](int32_t h) { return lxSetGPIOPort(h, c); }; };
+    static const uint8_t kPmtk[] = {0x24, 0x50, 0x4D, 0x54, 0x4B}; // "$PMTK"
     const struct {
-        uint32_t config;
+        const char* what;
+        Call setup, call;
+        LxStatus status;
         std::vector<uint32_t> words;
-    } cases[] = {{1, {0x26600000u}}, {2, {0x26400000u}}, {3, {0x26500000u}},
-                 {4, {0x262000A3u}}, {0, {}}, {6, {}}};
+    } cases[] = {
+        {"GPIO 1", gpio(0), gpio(1), lxNoError, {0x26600000u}},
+        {"GPIO 2", gpio(0), gpio(2), lxNoError, {0x26400000u}},
+        {"GPIO 3", gpio(0), gpio(3), lxNoError, {0x26500000u}},
+        {"GPIO 4 sends the power-on rate", gpio(0), gpio(4), lxNoError, {0x262000A3u}},
+        {"GPIO 0", gpio(1), gpio(0), lxNoError, {}},
+        {"GPIO 6", gpio(1), gpio(6), lxNoError, {}},
+        {"GPIO 7", gpio(1), gpio(7), lxInvalidParameterErr, {}},
+        {"115200 Bd", gpio(4), uart(115200.0f), lxNoError, {0x26200000u | 710}},
+        {"9600 Bd", gpio(4), uart(9600.0f), lxNoError, {0x26200000u | 8532}},
+        {"slowest", gpio(4), uart(1.0f), lxNoError, {0x26207FFFu}},
+        {"0 Bd is the slowest", gpio(4), uart(0.0f), lxNoError, {0x26207FFFu}},
+        {"fastest", gpio(4), uart(1e9f), lxNoError, {0x26200000u}},
+        {"negative is the fastest", gpio(4), uart(-5.0f), lxNoError, {0x26200000u}},
+        {"rate kept outside the UART configurations", gpio(3), uart(115200.0f), lxNoError, {}},
+        {"and sent when the port becomes a UART", uart(115200.0f), gpio(5), lxNoError, {0x262002C6u}},
+        {"UART byte outside a UART configuration", gpio(3), [](int32_t h) { return lxWriteUARTDirect(h, 0x41); },
+         lxInvalidConfigurationErr, {}},
+        {"UART byte", gpio(4), [](int32_t h) { return lxWriteUARTDirect(h, 0x41); }, lxNoError, {0x27000041u}},
+        {"GPS bytes", {}, [](int32_t h) { return lxWriteToGPS(h, kPmtk, 5); }, lxNoError,
+         {0x28005024u, 0x2900544Du, 0x2800004Bu, 0x29000000u}},
+        {"no GPS bytes", {}, [](int32_t h) { return lxWriteToGPS(h, kPmtk, 0); }, lxInvalidParameterErr, {}},
+        {"null GPS bytes", {}, [](int32_t h) { return lxWriteToGPS(h, nullptr, 5); }, lxNullPtrErr, {}},
+        {"reference unchanged", {}, [](int32_t h) { return lxSetReference(h, 0); }, lxNoError, {}},
+        {"external reference", {}, [](int32_t h) { return lxSetReference(h, 1); }, lxNoError, {0x2D000000u}},
+        {"internal reference", {}, [](int32_t h) { return lxSetReference(h, 0); }, lxNoError, {0x2D000001u}},
+        {"reference 2", {}, [](int32_t h) { return lxSetReference(h, 2); }, lxInvalidParameterErr, {}},
+        {"timebase update on", {}, [](int32_t h) { return lxSetGPSTimebaseUpdate(h, 1); }, lxNoError, {0x2F000001u}},
+        {"timebase update on again", {}, [](int32_t h) { return lxSetGPSTimebaseUpdate(h, 1); }, lxNoError, {}},
+        {"timebase update off", {}, [](int32_t h) { return lxSetGPSTimebaseUpdate(h, 0); }, lxNoError, {0x2F000000u}},
+        {"power on when on", {}, [](int32_t h) { return lxSetPowerState(h, 0); }, lxNoError, {}},
+        {"power down", {}, [](int32_t h) { return lxSetPowerState(h, 1); }, lxNoError, {0x2C00035Fu}},
+        {"power state 2", {}, [](int32_t h) { return lxSetPowerState(h, 2); }, lxInvalidParameterErr, {}},
+    };
     for (const auto& c : cases) {
+        if (c.setup) c.setup(h);
         Clear();
-        EXPECT_EQ(lxSetGPIOPort(h, c.config), lxNoError);
-        EXPECT_EQ(Sent(), c.words) << c.config;
-        uint32_t back = 99;
-        EXPECT_EQ(lxGetGPIOPort(h, &back), lxNoError);
-        EXPECT_EQ(back, c.config);
+        EXPECT_EQ(c.call(h), c.status) << c.what;
+        EXPECT_EQ(Sent(), c.words) << c.what;
     }
+    // The rate read back is the one the divisor gives.
+    float baud = 0;
+    ASSERT_EQ(lxSetUARTBaudRate(h, 9600.0f), lxNoError);
+    ASSERT_EQ(lxGetUARTBaudRate(h, &baud), lxNoError);
+    EXPECT_FLOAT_EQ(baud, static_cast<float>(81.92e6 / 8533));
+    // Powering up again: the band word, then the 116-word synthesizer table.
     Clear();
-    EXPECT_EQ(lxSetGPIOPort(h, 7), lxInvalidParameterErr);
-    EXPECT_TRUE(Sent().empty());
-}
-
-TEST_F(Setters, UartByteNeedsTheUartConfiguration) {
-    ASSERT_EQ(lxSetGPIOPort(h, 3), lxNoError);
-    Clear();
-    EXPECT_EQ(lxWriteUARTDirect(h, 0x41), lxInvalidConfigurationErr);
-    EXPECT_TRUE(Sent().empty());
-    ASSERT_EQ(lxSetGPIOPort(h, 4), lxNoError);
-    Clear();
-    EXPECT_EQ(lxWriteUARTDirect(h, 0x41), lxNoError);
-    EXPECT_EQ(Sent(), (std::vector<uint32_t>{0x27000041u}));
-}
-
-TEST_F(Setters, GpsBytesGoOutAsHalfWordPairsPaddedWithZeros) {
-    const uint8_t five[] = {0x24, 0x50, 0x4D, 0x54, 0x4B}; // "$PMTK"
-    Clear();
-    EXPECT_EQ(lxWriteToGPS(h, five, 5), lxNoError);
-    EXPECT_EQ(Sent(), (std::vector<uint32_t>{0x28005024u, 0x2900544Du, 0x2800004Bu, 0x29000000u}));
-    EXPECT_EQ(lxWriteToGPS(h, five, 0), lxInvalidParameterErr);
-    EXPECT_EQ(lxWriteToGPS(h, nullptr, 5), lxNullPtrErr);
-    EXPECT_TRUE(Sent().empty());
-}
-
-TEST_F(Setters, ReferenceAndTimebaseWordsOnlyOnChange) {
-    Clear();
-    EXPECT_EQ(lxSetReference(h, 0), lxNoError); // the default: nothing sent
-    EXPECT_EQ(lxSetReference(h, 1), lxNoError);
-    EXPECT_EQ(lxSetReference(h, 0), lxNoError);
-    EXPECT_EQ(lxSetReference(h, 2), lxInvalidParameterErr);
-    EXPECT_EQ(lxSetGPSTimebaseUpdate(h, 1), lxNoError);
-    EXPECT_EQ(lxSetGPSTimebaseUpdate(h, 1), lxNoError);
-    EXPECT_EQ(lxSetGPSTimebaseUpdate(h, 0), lxNoError);
-    // The reference switch is the inverse of the setting.
-    EXPECT_EQ(Sent(), (std::vector<uint32_t>{0x2D000000u, 0x2D000001u, 0x2F000001u, 0x2F000000u}));
-    uint32_t r = 9;
-    EXPECT_EQ(lxGetReference(h, &r), lxNoError);
-    EXPECT_EQ(r, 0u);
-}
-
-TEST_F(Setters, PowerStateWords) {
-    Clear();
-    EXPECT_EQ(lxSetPowerState(h, 0), lxNoError); // already on after open
-    EXPECT_TRUE(Sent().empty());
-    EXPECT_EQ(lxSetPowerState(h, 1), lxNoError);
-    EXPECT_EQ(Sent(), (std::vector<uint32_t>{0x2C00035Fu}));
-    EXPECT_EQ(lxSetPowerState(h, 0), lxNoError);
+    ASSERT_EQ(lxSetPowerState(h, 0), lxNoError);
     const auto on = Sent();
-    ASSERT_EQ(on.size(), 117u); // band word, then the 116-word synthesizer table
+    ASSERT_EQ(on.size(), 117u);
     EXPECT_EQ(on[0], 0x2CA803CAu);
-    EXPECT_EQ(on[1], 0u);
     EXPECT_EQ(on[2], 0x20002496u);
-    EXPECT_EQ(lxSetPowerState(h, 2), lxInvalidParameterErr);
 }
 
 // ---- temperature bracket -------------------------------------------------------

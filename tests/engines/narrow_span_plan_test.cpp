@@ -8,7 +8,7 @@
 
 #include "common/lx_assert.h"
 #include "engines/narrow_span_engine.h"
-#include "sim/front_end.h"
+#include "../support/device_words.h"
 
 namespace {
 
@@ -120,18 +120,13 @@ TEST(NarrowSpanPlan, CommandListTunesOnceAndRequestsEveryPacket) {
         const std::vector<uint32_t>& w = list.Words();
         ASSERT_EQ(w.size() % CMD_SIZE_WORDS, 0u);
 
-        sim::fe::SynthRegisters regs;
-        uint32_t bandOperand = 0, capture = 0, end = 0;
-        int taps = 0;
+        uint32_t capture = 0, end = 0;
         int64_t packets = 0, listed = 0;
         bool endSeen = false, afterEnd = false;
         for (size_t i = 0; i < w.size(); ++i) {
             const uint32_t op = w[i] >> 24, operand = w[i] & 0xFFFFFF;
             if (w[i] == kFillerWord) continue;
             if (endSeen) afterEnd = true;
-            if (op == 0x20) regs.reg[(operand >> 16) & 0x7F] = static_cast<uint16_t>(operand);
-            if (op == 0x2C) bandOperand = operand;
-            if (op >= 0x40 && op <= 0x7F) ++taps;
             if (op == 0x30) capture = operand;
             if (op == 0x31) {
                 const uint32_t k = operand & 0xFF;
@@ -151,19 +146,18 @@ TEST(NarrowSpanPlan, CommandListTunesOnceAndRequestsEveryPacket) {
         EXPECT_EQ(packets, n.sweep.packetsPerStep);
         EXPECT_EQ(listed, packets);
         EXPECT_EQ(n.sweep.packetsPerStep % 4, 0);
-        EXPECT_EQ(taps, 64);
+        const wordtest::DeviceReading dev = wordtest::ReadWords(w.data(), w.size());
+        EXPECT_EQ(dev.tapWords, 64);
         EXPECT_EQ(capture, 3u);
         EXPECT_EQ(end, 0x32000000u);
         EXPECT_FALSE(afterEnd);
 
-        const sim::fe::RfPath path = sim::fe::DecodeBandWord(bandOperand);
-        ASSERT_GE(path.band, 0);
-        EXPECT_DOUBLE_EQ(path.attenuationDb, 10.0); // the attenuator setting, 5 dB a step
-        const double lo = sim::fe::LoHz(path.band, sim::fe::SynthOutputHz(regs, sim::fe::BandUsesHighOutput(path.band)));
-        const double centre = sim::fe::CaptureCentreHz(path.band, lo);
+        ASSERT_GE(dev.path.band, 0);
+        EXPECT_DOUBLE_EQ(dev.path.attenuationDb, 10.0); // the attenuator setting, 5 dB a step
+        const double centre = dev.centreHz;
         EXPECT_NEAR(centre, n.capture.captureCentreHz, 1e-3);
         EXPECT_LE(std::abs(centre - (c.start + c.stop) / 2), n.capture.resolutionHz / 2 + 1.0);
-        EXPECT_EQ(sim::fe::BandMirrored(path.band), n.capture.mirrored);
+        EXPECT_EQ(dev.path.band == 0, n.capture.mirrored);
         // The shifter moves the requested centre to 0 Hz at the device's rate.
         EXPECT_NEAR(n.ShiftCyclesPerSample() * 61.44e6 / 4, -((c.start + c.stop) / 2 - centre), 1e-3);
     }

@@ -40,11 +40,7 @@ std::vector<cd> Capture(UsbDevice& d, int row, uint32_t code, uint32_t packets) 
     EXPECT_TRUE(Send(d, words));
     const ReadResult r = Read(d, packets * 8192);
     EXPECT_EQ(r.data.size(), packets * 8192u);
-    std::vector<cd> x(r.data.size() / 4);
-    for (size_t i = 0; i < x.size(); ++i)
-        x[i] = {(static_cast<int16_t>(U16(&r.data[4 * i])) - 576) / 32768.0,
-                (static_cast<int16_t>(U16(&r.data[4 * i + 2])) - 576) / 32768.0};
-    return x;
+    return Samples(r.data, r.data.size() / 8192);
 }
 
 double MeanPowerDb(const std::vector<cd>& x) {
@@ -122,9 +118,8 @@ TEST_F(DecimationTest, PacketsSpanTheDecimatedTimeAndJoinInPhase) {
             const uint32_t packets = k == 0 ? 4 : 8;
             const ReadResult r = Read(*d, packets * 8192 + 8192);
             ASSERT_EQ(r.data.size(), packets * 8192u + 8192u);
-            for (size_t i = 0; i < packets * 2048u; ++i)
-                x.emplace_back((static_cast<int16_t>(U16(&r.data[4 * i])) - 576) / 32768.0,
-                               (static_cast<int16_t>(U16(&r.data[4 * i + 2])) - 576) / 32768.0);
+            const auto part = Samples(r.data, packets);
+            x.insert(x.end(), part.begin(), part.end());
             counter[k] = U64(&r.data[packets * 8192 + 32]);
         }
         EXPECT_EQ(counter[1] - counter[0], 2u * 8u * 2048u * static_cast<uint64_t>(factor));

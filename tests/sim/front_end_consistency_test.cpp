@@ -14,6 +14,7 @@
 #include "lx_lib/tuning_planner.h"
 #include "sim/factory_image.h"
 #include "sim/front_end.h"
+#include "../support/device_words.h"
 
 namespace lx {
 namespace {
@@ -33,13 +34,7 @@ CalBracket BracketFor(double tempC) {
 }
 
 // What the device makes of the words a set-up sends for one capture.
-struct DeviceState {
-    fe::RfPath path;
-    int ifLevel = 0;
-    double centreHz = 0;
-    fe::DeviceFilter filter;
-};
-
+using DeviceState = wordtest::DeviceReading;
 DeviceState SendToDevice(const TuningPlan& plan, uint8_t ifLevel, int attenStep, const StepCorrection& corr) {
     TuningState state;
     uint32_t words[kTuneMaxWords];
@@ -48,21 +43,7 @@ DeviceState SendToDevice(const TuningPlan& plan, uint8_t ifLevel, int attenStep,
     list.BeginBlock();
     for (int i = 0; i < n; ++i) list.Push(words[i]);
     EncodeFilterTaps(list, corr.taps);
-
-    fe::SynthRegisters synth;
-    fe::TapRegisters taps{};
-    DeviceState d;
-    for (uint32_t w : list.Words()) {
-        const uint32_t op = w >> 24;
-        if (op == 0x20) synth.reg[(w >> 16) & 0x7F] = static_cast<uint16_t>(w);
-        if (op == 0x24) d.ifLevel = static_cast<int>(w & 0xFF);
-        if (op == 0x2C) d.path = fe::DecodeBandWord(w & 0xFFFFFF);
-        if (op >= 0x40 && op <= 0x7F) taps[op - 0x40] = static_cast<uint16_t>(w);
-    }
-    const double lo = fe::LoHz(d.path.band, fe::SynthOutputHz(synth, fe::BandUsesHighOutput(d.path.band)));
-    d.centreHz = fe::CaptureCentreHz(d.path.band, lo);
-    d.filter = fe::DeviceFilter(taps);
-    return d;
+    return wordtest::ReadWords(list.Words().data(), list.Words().size());
 }
 
 // Level in dBFS of a tone of `dbm` at rfHz in the device's output samples.
@@ -70,7 +51,7 @@ double DeviceLevelDbfs(const DeviceState& d, double rfHz, double dbm, double tem
     const double offset = rfHz - d.centreHz;
     const double baseband = fe::BandMirrored(d.path.band) ? -offset : offset;
     const std::complex<double> h =
-        fe::IfResponseAt(d.path.band, baseband, tempC) * d.filter.Response(baseband / fe::kSampleRateHz);
+        fe::IfResponseAt(d.path.band, baseband, tempC) * d.Filter().Response(baseband / fe::kSampleRateHz);
     return dbm + fe::GainDb(d.path.band, rfHz, d.path.attenuationDb, tempC, d.ifLevel) + 20.0 * std::log10(std::abs(h));
 }
 
@@ -163,7 +144,7 @@ TEST(FrontEndConsistency, WithoutTheEqualiserTheRippleShows) {
             worst = std::max(worst, std::abs(HostReadingDbm(cal, PlanStep(step), f, 0, 45.0, true) - kToneDbm));
         }
     }
-    EXPECT_GT(worst, 0.1);
+    EXPECT_GT(worst, 0.4);
 }
 
 // The front end has enough structure that each of these mistakes moves some
@@ -176,7 +157,10 @@ TEST(FrontEndConsistency, HostMistakesMoveTheReading) {
                                 {"attenuator slot + 1", 0, false, 1}};
     for (const Mistake& m : mistakes) {
         double worst = 0.0;
-        for (int step : {4, 12, 19, 33, 65, 95, 178, 275, 380, 430})
+        // Every step. Within a band neighbouring rows differ by up to about
+        // 0.36 dB (the standing wave); the half dB a row mistake costs is
+        // reached where the neighbour belongs to another band.
+        for (int step = 3; step < 489; ++step)
             for (const Condition& c : {Condition{29.0, 2}, Condition{-1.0, 0}}) {
                 const TuningPlan plan = PlanStep(step);
                 const StepRow& r = StepTableRow(step);

@@ -1,13 +1,11 @@
 // The simulated GPS receiver, device time and the disciplined reference, seen
 // as a host sees them: status packets decoded here by hand, NMEA checked
 // against the scene (positions in ddmm.mmmm worked out by hand, times by the
-// C library), replayed logs against their own files.
+// C library). Replayed logs: tests/e2e/gps_test.cpp, through the host.
 #include <chrono>
 #include <complex>
 #include <ctime>
-#include <fstream>
 #include <numbers>
-#include <set>
 #include <thread>
 
 #include "lx_command/encoders.h"
@@ -262,53 +260,6 @@ TEST_F(GpsTest, PulseIntervalInTicksFollowsTheTuneWord) {
     }
 }
 
-struct LogCase {
-    const char *name, *file;
-    size_t seconds; // RMC/GGA/ZDA bursts, counted by hand
-};
-void PrintTo(const LogCase& c, std::ostream* os) { *os << c.file; }
-
-class LogReplay : public SimTest, public ::testing::WithParamInterface<LogCase> {};
-
-TEST_P(LogReplay, EverySentenceArrivesInOrderOneSecondPerMessage) {
-    const std::string path = std::string(LX_TEST_DATA_DIR) + "/nmea/" + GetParam().file;
-    std::ifstream f(path);
-    std::string expected, line;
-    while (std::getline(f, line)) {
-        while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
-        if (!line.empty() && line[0] != '#') expected += line + "\r\n";
-    }
-    ASSERT_EQ(lxSimAttach(80000400, (R"({"gps": {"nmea_log": ")" + path + R"("}})").c_str()), lxNoError);
-    auto d = Open(80000400);
-    ASSERT_NE(d, nullptr);
-    OnFrequencyAndPastTheMessageDelay(*d);
-    std::string all;
-    size_t messages = 0;
-    uint32_t seq = 0;
-    for (size_t step = 0; step < GetParam().seconds + 4; ++step) {
-        Advance(1000);
-        const Aux a = Poll(*d);
-        EXPECT_EQ(a.Seq(), std::min<uint64_t>(a.tick / kSecond, GetParam().seconds) % 4) << "one per pulse, then none";
-        if (a.Seq() == seq) continue;
-        seq = a.Seq();
-        ++messages;
-        all += a.text;
-        std::set<std::string> times; // of the sentences that carry the second's UTC
-        for (size_t at = 0, end; (end = a.text.find("\r\n", at)) != std::string::npos; at = end + 2) {
-            const std::string type = a.text.substr(at + 3, 3);
-            if (type == "RMC" || type == "GGA" || type == "ZDA") times.insert(a.text.substr(at + 7, 6));
-        }
-        EXPECT_EQ(times.size(), 1u) << a.text;
-    }
-    EXPECT_EQ(messages, GetParam().seconds);
-    EXPECT_EQ(all, expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(Logs, LogReplay,
-                         ::testing::Values(LogCase{"SiRF", "bu353s4.log", 15}, LogCase{"Mtk", "mtk-3301.log", 11},
-                                           LogCase{"Quectel", "quectel-L70.log", 4}),
-                         [](const auto& info) { return std::string(info.param.name); });
-
 // ---- status bits and the disciplined reference ------------------------------------------
 
 TEST_F(GpsTest, StatusBitsAndTuneWordFollowTheGpsDiscipline) {
@@ -366,7 +317,7 @@ TEST_F(GpsTest, StatusBitsAndTuneWordFollowTheGpsDiscipline) {
 // The samples come from the reference the tune word sets, whether the host
 // wrote the word or the discipline walked it there.
 TEST_F(GpsTest, DisciplinedWordRetunesTheReference) {
-    const double lo = 300 * 30.72e6, centre = lo - 23.04e6, tone = centre + 1e6;
+    const double lo = RowLo(300), centre = RowCentre(300), tone = centre + 1e6;
     const uint16_t target = 0x8040 + 1000;
     const std::string scene = R"({"noise_floor_dbm_hz": -200, "emitters": [{"kind": "tone", "frequency_hz": )" +
                               std::to_string(tone) + R"(, "power_dbm": -20}], "gps": {"disciplined_tune": )" +

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <pthread.h>
-
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -158,42 +156,6 @@ TEST(Event, AutoResetSetReleasesOneOfTwoWaiters) {
     a.join();
     b.join();
     EXPECT_EQ(woke.load(), 1);
-}
-
-TEST(Workers, ThreadsCarryTheirTruncatedNames) {
-    lx::Workers w;
-    Event release(Event::Mode::ManualReset);
-    w.AddWakeEvent(&release);
-    std::atomic<int> started{0};
-    std::string names[2];
-    std::mutex m;
-    auto body = [&](int slot) {
-        char buf[32] = {};
-        pthread_getname_np(pthread_self(), buf, sizeof buf);
-        {
-            std::lock_guard<std::mutex> lock(m);
-            names[slot] = buf;
-        }
-        ++started;
-        while (w.running()) release.Wait();
-    };
-    w.Start("Sweep USB Thread", lx::ThreadPriority::TimeCritical, [&] { body(0); });
-    w.Start("LX Real Time Accum Thread", lx::ThreadPriority::AboveNormal, [&] { body(1); });
-    while (started < 2) std::this_thread::sleep_for(1ms);
-    w.Stop();
-    EXPECT_EQ(names[0], "Sweep USB Threa");
-    EXPECT_EQ(names[1], "LX Real Time Ac");
-}
-
-TEST(Workers, PriorityRequestNeverFailsTheCaller) {
-    // Whether the process may raise priorities depends on the machine; the
-    // call must simply report it.
-    std::atomic<bool> ran{false};
-    lx::Workers w;
-    w.Start("prio", lx::ThreadPriority::TimeCritical, [&] { ran = true; });
-    w.Stop();
-    EXPECT_TRUE(ran);
-    EXPECT_TRUE(lx::SetCurrentThreadPriority(lx::ThreadPriority::Normal));
 }
 
 // A worker blocked in an infinite wait on its work event: Stop must clear the
