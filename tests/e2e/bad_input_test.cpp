@@ -340,7 +340,7 @@ TEST_F(BadInput, EveryCallReturnsAListedStatusAndARefusalChangesNothing) {
                 variants.push_back({a, "argument " + std::to_string(k) + " " + what, ok, mayChange});
             };
             if (kind == "h") {
-                for (int64_t bad : {int64_t{-1}, int64_t{9}, int64_t{closed}, int64_t{neverOpened}})
+                for (int64_t bad : {int64_t{-1}, int64_t{9}, int64_t{closed}, int64_t{neverOpened}, int64_t{1000}, kMin})
                     with([&](Arg& a) { a.i = bad; }, "handle " + std::to_string(bad), is(lxInvalidDeviceErr), false);
                 // The handle is checked before anything else.
                 Args a(kinds.size());
