@@ -112,6 +112,7 @@ public:
     // time, sensors, settings
     std::vector<std::string> listTimeSources() const override;
     std::string getTimeSource() const override;
+    void setTimeSource(const std::string& source) override;
     bool hasHardwareTime(const std::string& what) const override;
     long long getHardwareTime(const std::string& what) const override;
     void setHardwareTime(long long timeNs, const std::string& what) override;

@@ -377,6 +377,10 @@ std::string LxDevice::getTimeSource() const {
     return HasGpsFixLocked() ? "gps" : "host";
 }
 
+void LxDevice::setTimeSource(const std::string&) {
+    throw std::runtime_error("lx530: the time source follows the GPS fix (gps, else host); it cannot be chosen");
+}
+
 bool LxDevice::hasHardwareTime(const std::string& what) const { return what.empty(); }
 
 long long LxDevice::getHardwareTime(const std::string& what) const {
