@@ -110,7 +110,8 @@ int LxDevice::StartLocked(LxStream& s) {
 }
 
 void LxDevice::Restart() {
-    if (stream_ && stream_->active) StartLocked(*stream_);
+    if (stream_ && stream_->active && StartLocked(*stream_) != 0)
+        throw std::runtime_error("lx530: the stream could not be restarted with the new setting; it is stopped");
 }
 
 int LxDevice::activateStream(SoapySDR::Stream* stream, int flags, long long, size_t numElems) {
