@@ -43,6 +43,7 @@ class Levels(unittest.TestCase):
         finally:
             d.closeStream(s)
         self.assertTrue(all(f & SOAPY_SDR_HAS_TIME for f in flags))
+        self.assertLess(abs(t0 - time.time_ns()), 2e9)  # no GPS receiver: the host clock
         dbm, peak = tone_dbm(x, OFFSET, rate)
         return dbm + corr, dbm, peak
 
@@ -187,16 +188,6 @@ class Stream(unittest.TestCase):
         _, t0, _ = read(d, s, 10000, SOAPY_SDR_CF32)
         self.assertTrue(utc * 1e9 <= t0 <= (utc + 60) * 1e9)
         self.assertTrue(t0 <= d.getHardwareTime() <= t0 + 1e9)
-        d.deactivateStream(s)
-        d.closeStream(s)
-
-    def test_host_clock_without_gps(self):
-        self.dev = d = open_device(tone_scene(CENTRE, -40), serial=10000015)
-        self.assertEqual(d.getTimeSource(), "host")
-        s = d.setupStream(SOAPY_SDR_RX, SOAPY_SDR_CS16)
-        d.activateStream(s)
-        _, t0, _ = read(d, s, 10000, SOAPY_SDR_CS16)
-        self.assertLess(abs(t0 - time.time_ns()), 2e9)
         d.deactivateStream(s)
         d.closeStream(s)
 
