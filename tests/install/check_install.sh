@@ -22,4 +22,12 @@ expected=$'lx_api 1.0.0\nstatus -5: Connection lost'
 stray=$(nm -D --defined-only "$libdir/liblx_api.so" | awk '{print $3}' \
   | grep -v -E '^(lx|_Z[0-9]*lx|_Z[0-9]*kd|kd)' | grep -v -E '^_(init|fini|edata|end|_bss_start)' || true)
 [ -z "$stray" ] || { echo "unexpected exported symbols:"; echo "$stray" | head; exit 1; }
+# The SoapySDR module, when built, loads from the prefix and finds the
+# installed library beside it.
+module=$(find "$work/prefix" -name 'libLX530Support.so' | head -n1)
+if [ -n "$module" ]; then
+  found=$(SOAPY_SDR_PLUGIN_PATH=$(dirname "$module") XDG_CACHE_HOME="$work/cache" \
+    SoapySDRUtil --probe="driver=lx530,scene=$src_dir/scenes/demo.json" 2>&1) || true
+  grep -q "serial=10000001" <<<"$found" || { echo "installed SoapySDR module: $found"; exit 1; }
+fi
 echo "install ok"

@@ -1,0 +1,71 @@
+"""SoapySDRUtil (soapysdr-tools) on simulated analyzers: --find, --probe and
+--rate, as a user runs them."""
+import re
+import signal
+import subprocess
+import unittest
+
+from soapy_common import scene_file, soapy_util, tone_scene
+
+
+def util(*args, timeout=60):
+    return subprocess.run([soapy_util(), *args], capture_output=True, text=True, timeout=timeout)
+
+
+class SoapyUtil(unittest.TestCase):
+    def test_find(self):
+        scene = scene_file(tone_scene(1e9, -40))
+        out = util("--find=driver=lx530,scene=%s,serial=23456789" % scene).stdout
+        self.assertRegex(out, r"driver = lx530")
+        self.assertRegex(out, r"label = LX530 23456789 \(simulated\)")
+        self.assertRegex(out, r"scene = " + re.escape(scene))
+        # Nothing on the bus; a scene that cannot be read, or a bad serial, finds nothing.
+        for args in ("driver=lx530", "driver=lx530,scene=/nonexistent.json",
+                     "driver=lx530,scene=%s,serial=123" % scene):
+            with self.subTest(args=args):
+                r = util("--find=" + args)
+                self.assertIn("No devices found", r.stdout + r.stderr)
+
+    def test_probe(self):
+        """What the probe reports comes from the analyzer: the scene's
+        temperature and supply, the rates 61.44 MS/s / 2^k."""
+        scene = scene_file(dict(tone_scene(1e9, -40), temperature_c=37.25, supply_v=11.5))
+        r = util("--probe=driver=lx530,scene=" + scene)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        out = r.stdout
+        for line in (r"Channels: 1 Rx, 0 Tx", r"Timestamps: YES", r"temperature \(Temperature\): 37\.250 C",
+                     r"supply_voltage \(Supply voltage\): 11\.50\d V", r"Stream formats: CF32, CS16",
+                     r"Native format: CS16 \[full-scale=32768\]", r"Antennas: RF",
+                     r"Full gain range: \[0, 30, 5\] dB", r"ATT gain range: \[-30, 0, 5\] dB",
+                     r"Full freq range: \[0\.009, 15000\] MHz", r"Sample rates: .*61\.44 MSps",
+                     r"key=trigger_edge, default=rising, type=string, options=\(rising, falling\)"):
+            with self.subTest(line=line):
+                self.assertRegex(out, line)
+        # A scene the simulator refuses: the reason, and a failed probe.
+        bad = scene_file({"emitters": [{"kind": "tone", "frequency_hz": 1e9}]})
+        r = util("--probe=driver=lx530,scene=" + bad)
+        self.assertNotEqual(r.returncode, 0)
+        self.assertIn("power_dbm", r.stdout + r.stderr)
+
+    def test_rate(self):
+        """The rate test on an analyzer paced at the real rate."""
+        scene = scene_file(dict(tone_scene(1e9, -40), pacing="realtime"))
+        p = subprocess.Popen([soapy_util(), "--args=driver=lx530,scene=" + scene, "--rate=7.68e6",
+                              "--direction=RX"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        try:
+            out, _ = p.communicate(timeout=12)
+        except subprocess.TimeoutExpired:
+            p.send_signal(signal.SIGINT)  # the tool stops its loop, closes the stream and prints
+            out, _ = p.communicate(timeout=30)
+        self.assertNotIn("Error", out)  # the tool's exit status after Ctrl-C says nothing
+        rates = [float(m) for m in re.findall(r"([0-9.]+) Msps", out)]
+        self.assertTrue(rates, out)
+        # Never faster than the analyzer (nothing made up or repeated); the
+        # losses of a loaded host and of a new stream's start (see
+        # test_remote) take their share, so the floor is only "streaming".
+        self.assertLessEqual(rates[-1], 7.68 * 1.01)
+        self.assertGreater(rates[-1], 0.5 * 7.68)
+
+
+if __name__ == "__main__":
+    unittest.main()
