@@ -192,7 +192,12 @@ DspStatus WindowedFft::Transform(const cf32* src, cf32* dst) noexcept {
     if (!src || !dst || !FftAligned(dst)) return DspStatus::kBadArgument;
     cf32* work = work_.span().data();
     WindowLoop(scaledWindow_.span().data(), F(src), F(work), windowLength_);
-    if (pad_ > 0) std::memset(static_cast<void*>(work + windowLength_), 0, sizeof(cf32) * static_cast<size_t>(pad_));
+    // Out-of-place complex plans leave their input alone, so the zero padding
+    // stays until Forward or Inverse use the array.
+    if (pad_ > 0 && !padClean_) {
+        std::memset(static_cast<void*>(work + windowLength_), 0, sizeof(cf32) * static_cast<size_t>(pad_));
+        padClean_ = true;
+    }
     return plan_->Execute(work, dst);
 }
 
@@ -205,6 +210,7 @@ DspStatus WindowedFft::Forward(const cf32* src, cf32* dst) noexcept {
         return ScaleFloats(F(dst), inv, F(dst), 2 * static_cast<int64_t>(n_));
     }
     cf32* work = work_.span().data();
+    padClean_ = false;
     ScaleFloats(F(src), inv, F(work), 2 * static_cast<int64_t>(n_));
     return plan_->Execute(work, dst);
 }
@@ -213,6 +219,7 @@ DspStatus WindowedFft::Inverse(const cf32* src, cf32* dst) noexcept {
     if (!plan_) return DspStatus::kNotInitialised;
     if (!src || !dst || !FftAligned(dst)) return DspStatus::kBadArgument;
     cf32* work = work_.span().data();
+    padClean_ = false;
     work[0] = src[0];
     ReverseLoop(F(src), F(work), n_);
     return plan_->Execute(work, dst);
