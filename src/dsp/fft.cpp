@@ -58,8 +58,20 @@ LX_DSP_CLONES void ReverseLoop(const float* src, float* dst, int64_t n) {
 // out[k] = w[k] * x[k], w real, x and out complex. The window is kept once per
 // sample rather than once per float: the smaller footprint beside the
 // transform's own arrays made window + transform 5-10 % faster at 1024 points.
-LX_DSP_CLONES void WindowLoop(const float* w, const float* x, float* out, int64_t n) {
-    for (int64_t k = 0; k < n; ++k) {
+// Blocks of 8 samples spread their window values to one per float first, so
+// that the multiply is one straight float loop: over I/Q pairs gcc splits and
+// re-interleaves every vector with shuffles (see ConvertIq16Windowed).
+constexpr int64_t kWindowBlock = 8;
+
+LX_DSP_CLONES void WindowLoop(const float* __restrict w, const float* __restrict x, float* __restrict out,
+                              int64_t n) {
+    const int64_t body = n / kWindowBlock * kWindowBlock;
+    for (int64_t b = 0; b < body; b += kWindowBlock) {
+        float g[2 * kWindowBlock];
+        for (int64_t k = 0; k < kWindowBlock; ++k) g[2 * k] = g[2 * k + 1] = w[b + k];
+        for (int64_t k = 0; k < 2 * kWindowBlock; ++k) out[2 * b + k] = x[2 * b + k] * g[k];
+    }
+    for (int64_t k = body; k < n; ++k) {
         out[2 * k] = x[2 * k] * w[k];
         out[2 * k + 1] = x[2 * k + 1] * w[k];
     }
@@ -192,7 +204,12 @@ DspStatus WindowedFft::Transform(const cf32* src, cf32* dst) noexcept {
     if (!src || !dst || !FftAligned(dst)) return DspStatus::kBadArgument;
     cf32* work = work_.span().data();
     WindowLoop(scaledWindow_.span().data(), F(src), F(work), windowLength_);
-    if (pad_ > 0) std::memset(static_cast<void*>(work + windowLength_), 0, sizeof(cf32) * static_cast<size_t>(pad_));
+    // Out-of-place complex plans leave their input alone, so the zero padding
+    // stays until Forward or Inverse use the array.
+    if (pad_ > 0 && !padClean_) {
+        std::memset(static_cast<void*>(work + windowLength_), 0, sizeof(cf32) * static_cast<size_t>(pad_));
+        padClean_ = true;
+    }
     return plan_->Execute(work, dst);
 }
 
@@ -205,6 +222,7 @@ DspStatus WindowedFft::Forward(const cf32* src, cf32* dst) noexcept {
         return ScaleFloats(F(dst), inv, F(dst), 2 * static_cast<int64_t>(n_));
     }
     cf32* work = work_.span().data();
+    padClean_ = false;
     ScaleFloats(F(src), inv, F(work), 2 * static_cast<int64_t>(n_));
     return plan_->Execute(work, dst);
 }
@@ -213,6 +231,7 @@ DspStatus WindowedFft::Inverse(const cf32* src, cf32* dst) noexcept {
     if (!plan_) return DspStatus::kNotInitialised;
     if (!src || !dst || !FftAligned(dst)) return DspStatus::kBadArgument;
     cf32* work = work_.span().data();
+    padClean_ = false;
     work[0] = src[0];
     ReverseLoop(F(src), F(work), n_);
     return plan_->Execute(work, dst);

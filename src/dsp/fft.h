@@ -119,6 +119,7 @@ private:
     int n_ = 0;
     int pad_ = 0;
     int option_ = 0;
+    bool padClean_ = false; // work_ holds zeros beyond the window
     ComplexVector work_;
     ComplexVector window_;
     FloatVector scaledWindow_; // first L window values / n, the run path's copy

@@ -36,8 +36,9 @@ inline constexpr float kPowerFloorDb = -380.0f;
 DspStatus ConvertIq16(const int16_t* src, cf32* dst, int64_t count) noexcept;
 
 // dst[k] = ConvertIq16(src)[k] * window[k]: conversion and a real window in one
-// pass over the samples, for the streaming spectrum paths (the window multiply
-// is then free: the loop is bound by the loads of the raw samples).
+// pass over the samples, for the streaming spectrum paths (about 1.2x the
+// time of the conversion alone, against 2x for a separate window pass).
+// src, window and dst must not overlap (the sizes differ: no in-place form).
 DspStatus ConvertIq16Windowed(const int16_t* src, const float* window, cf32* dst, int64_t count) noexcept;
 
 // out[k] = a[k] * b[k] on plain floats. Used with a window stored twice per

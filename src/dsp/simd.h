@@ -19,3 +19,14 @@
 #else
 #define LX_DSP_CLONES
 #endif
+
+// The same for loops that take a square root: without errno (the values are
+// never negative), so that std::sqrt vectorises.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_THREAD__)
+#define LX_SQRT_CLONES \
+    __attribute__((target_clones("avx2", "default"), optimize("vect-cost-model=dynamic", "no-math-errno")))
+#elif defined(__GNUC__) && !defined(__clang__)
+#define LX_SQRT_CLONES __attribute__((optimize("vect-cost-model=dynamic", "no-math-errno")))
+#else
+#define LX_SQRT_CLONES
+#endif

@@ -1,6 +1,7 @@
 #include "engines/step_processor.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstring>
 
@@ -14,28 +15,65 @@ namespace {
 
 // 50 ohm: mV = sqrt(P[mW] * 1e-3 * 50) * 1e3 = sqrt(P[mW]) * 223.6.
 constexpr float kMilliVoltsPerSqrtMilliWatt = 223.6f;
-// dBm -> mV: exp((x + 46.9897) * ln(10) / 20), i.e. 10^((x + 46.9897) / 20).
+// dBm -> mV: 10^((x + 46.9897) / 20).
 constexpr double kDbmToMvOffset = 46.9897;
-constexpr double kNepersPerTwentyDb = 0.115129254758358;
 
-LX_DSP_CLONES void SqrtLoop(float* x, int64_t n) {
-    for (int64_t i = 0; i < n; ++i) x[i] = std::sqrt(x[i]);
+// The loops below take an input and an output that are either the same array
+// or do not overlap.
+LX_SQRT_CLONES void SqrtLoop(const float* in, float* out, int64_t n) {
+    for (int64_t i = 0; i < n; ++i) out[i] = std::sqrt(in[i]);
 }
 
-LX_DSP_CLONES void SquareLoop(float* x, int64_t n) {
-    for (int64_t i = 0; i < n; ++i) x[i] = x[i] * x[i];
+LX_DSP_CLONES void SquareLoop(const float* in, float* out, int64_t n) {
+    for (int64_t i = 0; i < n; ++i) out[i] = in[i] * in[i];
 }
 
-LX_DSP_CLONES void ScaleLoop(float* x, float s, int64_t n) {
-    for (int64_t i = 0; i < n; ++i) x[i] *= s;
+LX_DSP_CLONES void ScaleLoop(const float* in, float s, float* out, int64_t n) {
+    for (int64_t i = 0; i < n; ++i) out[i] = in[i] * s;
 }
 
-LX_DSP_CLONES void AddLoop(float* x, float s, int64_t n) {
-    for (int64_t i = 0; i < n; ++i) x[i] += s;
+LX_DSP_CLONES void AddLoop(const float* in, float s, float* out, int64_t n) {
+    for (int64_t i = 0; i < n; ++i) out[i] = in[i] + s;
+}
+
+// out = 10^((in + 46.9897) / 20) * gain: dBm to mV into 50 ohm, as 2^t with
+// t = (in + 46.9897) log2(10) / 20 in double. t is rounded to k by the
+// 1.5 * 2^52 trick (no conversion to an integer: NaN stays defined and NaN),
+// 2^(t - k) comes from its Taylor series to the 9th power (relative error
+// under 3e-10 on [-1/2, 1/2]) and 2^k goes into the exponent bits. Inputs
+// beyond +-6000 dB (inf included) are clamped there first, where the float
+// result is already inf or 0; the clamp blends integer masks, since a float
+// select keeps gcc from vectorising the loop. Written with exp() the loop ran
+// scalar, one libm call per bin.
+LX_DSP_CLONES void DbmToMilliVoltLoop(const float* in, float gain, float* out, int64_t n) {
+    constexpr double kLog2TenOver20 = 0.16609640474436813;
+    constexpr double kRound = 6755399441055744.0; // 1.5 * 2^52
+    constexpr double kLn2 = 0.6931471805599453;
+    constexpr uint32_t kLimit = 0x45bb8000u;      // 6000.0f
+    for (int64_t i = 0; i < n; ++i) {
+        const uint32_t b = std::bit_cast<uint32_t>(in[i]);
+        const uint32_t mag = b & 0x7fffffffu;
+        const uint32_t big = 0u - static_cast<uint32_t>(mag > kLimit && mag <= 0x7f800000u);
+        const float x = std::bit_cast<float>((b & ~big) | (((b & 0x80000000u) | kLimit) & big));
+        const double t = (static_cast<double>(x) + kDbmToMvOffset) * kLog2TenOver20;
+        const double shifted = t + kRound;
+        const double k = shifted - kRound;
+        const double f = (t - k) * kLn2;
+        const double p =
+            1.0 + f * (1.0 + f * (1.0 / 2 + f * (1.0 / 6 + f * (1.0 / 24 + f * (1.0 / 120 + f * (1.0 / 720 +
+            f * (1.0 / 5040 + f * (1.0 / 40320 + f * (1.0 / 362880)))))))));
+        // The low bits of `shifted` hold k (two's complement); 1023 + k is the exponent.
+        const uint64_t e = (std::bit_cast<uint64_t>(shifted) + 1023u) << 52;
+        out[i] = static_cast<float>(p * std::bit_cast<double>(e) * static_cast<double>(gain));
+    }
 }
 
 LX_DSP_CLONES void AccumulateLoop(double* __restrict sum, const float* __restrict s, int64_t n) {
     for (int64_t i = 0; i < n; ++i) sum[i] += static_cast<double>(s[i]);
+}
+
+LX_DSP_CLONES void StoreLoop(double* __restrict sum, const float* __restrict s, int64_t n) {
+    for (int64_t i = 0; i < n; ++i) sum[i] = static_cast<double>(s[i]);
 }
 
 LX_DSP_CLONES void MeanLoop(const double* __restrict sum, double inv, float* __restrict out, int64_t n) {
@@ -80,10 +118,11 @@ StepProcessor::StepProcessor(const StepProcessorConfig& config)
     min_.resize(n);
     max_.resize(n);
     if (config_.videoUnits != static_cast<int32_t>(VideoUnits::kSample)) {
-        if (config_.detector == static_cast<int32_t>(Detector::kAverage))
-            sum_.resize(n);
-        else
+        if (config_.detector == static_cast<int32_t>(Detector::kAverage)) {
+            if (SegmentCount() > 1) sum_.resize(n);
+        } else {
             video_.resize(n);
+        }
     }
     valid_ = fft_.valid();
     Begin();
@@ -107,12 +146,18 @@ void StepProcessor::Begin(int64_t keepFirst, int64_t keepCount) noexcept {
     weight_ = 1.0;
     tracing_ = false;
     if (!valid_) return;
+    // The average's sum is stored by the first segment, and a step of one
+    // segment keeps its spectrum where it is: nothing of theirs to clear.
+    // The video filter starts from zero; min and max are the traces of a
+    // Finish before any segment.
+    if (config_.detector == static_cast<int32_t>(Detector::kAverage) &&
+        config_.videoUnits != static_cast<int32_t>(VideoUnits::kSample))
+        return;
     const auto clear = [&](auto& v) {
         if (v.size() > 0) std::fill(v.span().begin() + lo_, v.span().begin() + hi_, 0);
     };
     clear(min_);
     clear(max_);
-    clear(sum_);
     clear(video_);
 }
 
@@ -136,7 +181,7 @@ void StepProcessor::SegmentSpectrum(const cf32* segment, float* out) noexcept {
     const int64_t highBegin = std::max(lo_, half); // outputs [highBegin, hi_) from FFT bins - half
     power(x + half + lo_, out + lo_, lowEnd - lo_);
     power(x + (highBegin - half), out + highBegin, hi_ - highBegin);
-    if (config_.videoUnits == static_cast<int32_t>(VideoUnits::kVoltage)) SqrtLoop(out + lo_, hi_ - lo_);
+    if (config_.videoUnits == static_cast<int32_t>(VideoUnits::kVoltage)) SqrtLoop(out + lo_, out + lo_, hi_ - lo_);
 }
 
 void StepProcessor::AddSegment(const cf32* segment) noexcept {
@@ -152,7 +197,12 @@ void StepProcessor::AddSegment(const cf32* segment) noexcept {
     const float* s = segment_.span().data() + lo;
     ++taken_;
     if (config_.detector == static_cast<int32_t>(Detector::kAverage)) {
-        AccumulateLoop(sum_.span().data() + lo, s, n);
+        // One segment per step (VBW >= RBW): Finish takes segment_ as it is.
+        if (SegmentCount() == 1) return;
+        if (taken_ == 1)
+            StoreLoop(sum_.span().data() + lo, s, n);
+        else
+            AccumulateLoop(sum_.span().data() + lo, s, n);
         return;
     }
     float* a = video_.span().data() + lo;
@@ -185,9 +235,15 @@ void StepProcessor::Finish(float gainDb, float* minOut, float* maxOut) noexcept 
     if (config_.videoUnits != static_cast<int32_t>(VideoUnits::kSample) &&
         config_.detector == static_cast<int32_t>(Detector::kAverage)) {
         // One trace: converted once and copied.
-        const double inv = taken_ > 0 ? 1.0 / static_cast<double>(taken_) : 0.0;
-        MeanLoop(sum_.span().data() + lo, inv, mn, n);
-        ConvertToScale(config_, gainDb, mn, n);
+        if (taken_ == 0) {
+            std::fill(mn, mn + n, 0.0f);
+            ConvertToScale(config_, gainDb, mn, n);
+        } else if (SegmentCount() == 1) {
+            ConvertToScale(config_, gainDb, segment_.span().data() + lo, mn, n);
+        } else {
+            MeanLoop(sum_.span().data() + lo, 1.0 / static_cast<double>(taken_), mn, n);
+            ConvertToScale(config_, gainDb, mn, n);
+        }
         std::memcpy(mx, mn, bytes);
         return;
     }
@@ -212,39 +268,47 @@ void StepProcessor::Process(const cf32* samples, float gainDb, float* minOut, fl
 }
 
 void StepProcessor::ConvertToScale(const StepProcessorConfig& c, float gainDb, float* v, int64_t n) noexcept {
-    if (v == nullptr || n <= 0) return;
+    ConvertToScale(c, gainDb, v, v, n);
+}
+
+void StepProcessor::ConvertToScale(const StepProcessorConfig& c, float gainDb, const float* in, float* out,
+                                   int64_t n) noexcept {
+    if (in == nullptr || out == nullptr || n <= 0) return;
     const bool linear = c.scale == static_cast<int32_t>(Scale::kLinear);
     const bool gain = c.scale != static_cast<int32_t>(Scale::kLogNoStepGain);
     const float dbGain = gain ? gainDb : 0.0f;
     const float linGain = static_cast<float>(std::pow(10.0, static_cast<double>(gainDb) * 0.05));
+    const auto copy = [&] {
+        if (in != out) std::memcpy(out, in, sizeof(float) * static_cast<size_t>(n));
+    };
     switch (static_cast<VideoUnits>(c.videoUnits)) {
     case VideoUnits::kLog:
-        if (linear) {
-            for (int64_t i = 0; i < n; ++i)
-                v[i] = static_cast<float>(std::exp((static_cast<double>(v[i]) + kDbmToMvOffset) * kNepersPerTwentyDb)) *
-                       linGain;
-        } else if (dbGain != 0.0f) {
-            AddLoop(v, dbGain, n);
-        }
+        if (linear)
+            DbmToMilliVoltLoop(in, linGain, out, n);
+        else if (dbGain != 0.0f)
+            AddLoop(in, dbGain, out, n);
+        else
+            copy();
         return;
     case VideoUnits::kVoltage:
         if (linear) {
-            ScaleLoop(v, kMilliVoltsPerSqrtMilliWatt * linGain, n);
+            ScaleLoop(in, kMilliVoltsPerSqrtMilliWatt * linGain, out, n);
         } else {
-            SquareLoop(v, n);
-            dsp::PowerToDb(v, v, n, dbGain);
+            SquareLoop(in, out, n);
+            dsp::PowerToDb(out, out, n, dbGain);
         }
         return;
     case VideoUnits::kPower:
     case VideoUnits::kSample:
         if (linear) {
-            SqrtLoop(v, n);
-            ScaleLoop(v, kMilliVoltsPerSqrtMilliWatt * linGain, n);
+            SqrtLoop(in, out, n);
+            ScaleLoop(out, kMilliVoltsPerSqrtMilliWatt * linGain, out, n);
         } else {
-            dsp::PowerToDb(v, v, n, dbGain);
+            dsp::PowerToDb(in, out, n, dbGain);
         }
         return;
     }
+    copy();
 }
 
 } // namespace lx::engines

@@ -115,6 +115,9 @@ public:
     // The scale conversion and step gain alone, on values already in the
     // detector's units: for callers that keep traces in those units.
     static void ConvertToScale(const StepProcessorConfig& c, float gainDb, float* values, int64_t count) noexcept;
+    // The same from `in` into `out` (the same array, or not overlapping).
+    static void ConvertToScale(const StepProcessorConfig& c, float gainDb, const float* in, float* out,
+                               int64_t count) noexcept;
 
 private:
     void SegmentSpectrum(const cf32* segment, float* out) noexcept;
@@ -129,7 +132,7 @@ private:
     ComplexVector spectrum_;      // FFT output
     FloatVector segment_;         // one segment's spectrum, in detector units
     FloatVector video_;           // running video average (detector 1)
-    DoubleVector sum_;            // running sum (detector 0)
+    DoubleVector sum_;            // running sum (detector 0, more than one segment)
     FloatVector min_, max_;       // detector 1 traces, units 3 spectrum
 };
 

@@ -58,7 +58,7 @@ inline Result RunTool(const fs::path& dir, std::vector<std::string> args) {
     std::string cmd = "XDG_CACHE_HOME=" + Quote(dir / ("cache" + n)) + " " + Quote(LX530_PATH);
     for (auto& a : args) {
         for (size_t at; (at = a.find("{dir}")) != std::string::npos;) a.replace(at, 5, dir.string());
-        cmd += " " + Quote(a);
+        (cmd += ' ') += Quote(a); // not " " + Quote(a): a GCC 12 -O3 -Wrestrict false positive
     }
     const int status = std::system((cmd + " >" + Quote(out) + " 2>" + Quote(err)).c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Slurp(out), Slurp(err)};

@@ -122,6 +122,7 @@ TEST_P(StepReference, MatchesNumPy) {
 
 INSTANTIATE_TEST_SUITE_P(Cases, StepReference,
                          ::testing::Values("avg_power_flattop_padded", "avg_log_blackman", "avg_voltage_linear",
+                                           "avg_one_segment_log_linear",
                                            "minmax_power_vbw_quarter", "minmax_log_vbw_third_linear",
                                            "minmax_voltage_rbw_eq_vbw", "sample_units_first_segment",
                                            "minmax_power_scale2_no_gain"));

@@ -95,6 +95,7 @@ CASES = [
     ("avg_power_flattop_padded", 0, 256, 230, 5, 0.2, 0, 2, 0, 3.5),
     ("avg_log_blackman", 2, 128, 128, 7, 0.15, 0, 0, 0, -2.0),
     ("avg_voltage_linear", 5, 64, 60, 3, 0.5, 0, 1, 1, 6.0),
+    ("avg_one_segment_log_linear", 0, 128, 110, 1, 1.0, 0, 0, 1, 2.5),
     ("minmax_power_vbw_quarter", 0, 256, 200, 12, 0.25, 1, 2, 0, 0.0),
     ("minmax_log_vbw_third_linear", 2, 128, 100, 9, 1.0 / 3.0, 1, 0, 1, -4.0),
     ("minmax_voltage_rbw_eq_vbw", 5, 64, 64, 6, 1.0, 1, 1, 2, 9.0),
