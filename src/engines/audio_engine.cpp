@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <numbers>
 #include <vector>
 
@@ -31,9 +32,14 @@ constexpr float kPi = std::numbers::pi_v<float>;
 const double kAmDecay = std::pow(2.71828, -1.5625e-5);
 const double kLevelDecay = std::pow(2.71828, -1e-5);
 
-// A state that no longer carries information (an all-zero input lets it
-// underflow; a non-finite input poisons it) starts again from 0.1.
-double Renewed(double v) { return std::isfinite(v) && v > 0 ? v : kStateReset; }
+// A state that no longer carries information starts again from 0.1: a
+// non-finite one, and one that silence (an all-zero input) has let decay
+// below any level a signal can have. Left there, the mean would get stuck
+// in the denormals and the first samples of a returning carrier would come
+// out 64000 times too loud.
+double Renewed(double v) {
+    return std::isfinite(v) && v >= std::numeric_limits<float>::min() ? v : kStateReset;
+}
 
 // |s[k]| in single precision.
 void Magnitudes(const cf32* s, float* out, int n) {
@@ -100,13 +106,13 @@ void HilbertTaps(float* taps) {
 
 // ---- demodulators ---------------------------------------------------------------
 
-Demodulator::Demodulator(const AudioPlan& plan)
+Demodulator::Demodulator(const AudioPlan& plan, int firMethod)
     : fmGain_(static_cast<float>(kFmGainHz / plan.settings.ifBandwidth)) {
     Check(deemphasis_.Design(plan.deemphasisCutoff, kChebyshevRippleDb, 1, dsp::kIirLowPass));
     std::vector<float> h(kHilbertTaps);
     HilbertTaps(h.data());
     std::vector<cf32> c(h.begin(), h.end());
-    Check(hilbert_.Init(c.data(), kHilbertTaps));
+    Check(hilbert_.Init(c.data(), kHilbertTaps, firMethod));
     hilbertIo_.resize(kAudioInputBlock);
 }
 
@@ -186,17 +192,35 @@ void Demodulator::Sideband(bool upper, const cf32* s, float* out) noexcept {
 
 // ---- engine -------------------------------------------------------------------------
 
-AudioEngine::AudioEngine(std::unique_ptr<IqEngine> iq, const AudioPlan& plan)
-    : plan_(plan), iq_(std::move(iq)), demod_(plan_) {
-    const auto ifTaps = Design(kAudioFirTaps, plan_.ifCutoff);
-    Check(ifFilter_.Init(ifTaps.data(), kAudioFirTaps));
-    const auto lpTaps = Design(kAudioFirTaps, plan_.lowPassCutoff);
-    Check(lowPass_.Init(lpTaps.data(), kAudioFirTaps, kAudioKeep));
-    Check(highPass_.Design(plan_.highPassCutoff, kChebyshevRippleDb, 2, dsp::kIirHighPass));
-    input_.resize(kAudioInputBlock);
+AudioChain::AudioChain(const AudioPlan& plan, int firMethod)
+    : type_(plan.settings.type), demod_(plan, firMethod) {
+    const auto ifTaps = Design(kAudioFirTaps, plan.ifCutoff);
+    Check(ifFilter_.Init(ifTaps.data(), kAudioFirTaps, firMethod));
+    const auto lpTaps = Design(kAudioFirTaps, plan.lowPassCutoff);
+    Check(lowPass_.Init(lpTaps.data(), kAudioFirTaps, kAudioKeep, firMethod));
+    Check(highPass_.Design(plan.highPassCutoff, kChebyshevRippleDb, 2, dsp::kIirHighPass));
     filtered_.resize(kAudioInputBlock);
     kept_.resize(kAudioBlock);
     demodulated_.resize(kAudioInputBlock);
+}
+
+void AudioChain::Process(const cf32* in, float* out) noexcept {
+    cf32* work = filtered_.span().data();
+    float* audio = demodulated_.span().data();
+    ifFilter_.Run(in, work, kAudioInputBlock);
+    demod_.Run(type_, work, audio);
+    for (int k = 0; k < kAudioInputBlock; ++k) work[k] = cf32(audio[k], 0.0f);
+    int64_t kept = 0;
+    lowPass_.Run(work, kAudioInputBlock, kept_.span().data(), &kept);
+    LX_ASSERT(kept == kAudioBlock, "src/engine_audio");
+    const cf32* k16 = kept_.span().data();
+    for (int k = 0; k < kAudioBlock; ++k) out[k] = k16[k].real();
+    highPass_.Run(out, out, kAudioBlock);
+}
+
+AudioEngine::AudioEngine(std::unique_ptr<IqEngine> iq, const AudioPlan& plan)
+    : plan_(plan), iq_(std::move(iq)), chain_(plan_) {
+    input_.resize(kAudioInputBlock);
     ringStatus_.fill(lxNoError);
     workers_.SetStopHook([this] {
         iq_->Stop(); // a pending I/Q read returns
@@ -213,8 +237,6 @@ void AudioEngine::Stop() { workers_.Stop(); }
 
 void AudioEngine::Worker() {
     cf32* in = input_.span().data();
-    cf32* work = filtered_.span().data();
-    float* audio = demodulated_.span().data();
     while (workers_.running()) {
         int32_t loss = 0;
         const LxStatus st = iq_->Read(in, kAudioInputBlock, nullptr, 0, nullptr, 0, &loss, nullptr);
@@ -225,15 +247,7 @@ void AudioEngine::Worker() {
             ringCv_.notify_all();
             return;
         }
-        ifFilter_.Run(in, work, kAudioInputBlock);
-        demod_.Run(plan_.settings.type, work, audio);
-        for (int k = 0; k < kAudioInputBlock; ++k) work[k] = cf32(audio[k], 0.0f);
-        int64_t kept = 0;
-        lowPass_.Run(work, kAudioInputBlock, kept_.span().data(), &kept);
-        LX_ASSERT(kept == kAudioBlock, "src/engine_audio");
-        for (int k = 0; k < kAudioBlock; ++k) block_[static_cast<size_t>(k)] = kept_.span()[static_cast<size_t>(k)].real();
-        highPass_.Run(block_.data(), block_.data(), kAudioBlock);
-
+        chain_.Process(in, block_.data());
         const LxStatus warning = (loss != 0 || st == lxUncalData) ? lxUncalData : st;
         std::lock_guard<std::mutex> lock(ringMutex_);
         const size_t slot = static_cast<size_t>(written_ % kAudioRingBlocks);

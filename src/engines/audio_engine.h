@@ -91,7 +91,8 @@ void HilbertTaps(float* taps);
 // engine; not locked.
 class Demodulator {
 public:
-    explicit Demodulator(const AudioPlan& plan); // designs the filters; throws std::bad_alloc
+    // Designs the filters; throws std::bad_alloc. firMethod as AudioChain.
+    explicit Demodulator(const AudioPlan& plan, int firMethod = 0);
     // s: kAudioInputBlock samples (IF-filtered); out: kAudioInputBlock values.
     // Any other type leaves out as it was.
     void Run(int32_t type, const cf32* s, float* out) noexcept;
@@ -113,6 +114,25 @@ private:
     dsp::FirFilter hilbert_;
     ComplexVector hilbertIo_;
     std::array<float, kHilbertDelay> delayed_{}; // Q of the previous block's last 1023 samples
+};
+
+// The work on one block: IF filter, demodulator, audio low-pass keeping
+// every 16th output, high-pass. firMethod 0: the long FIRs by FFT; 1: in
+// direct form (the benchmark's reference).
+class AudioChain {
+public:
+    explicit AudioChain(const AudioPlan& plan, int firMethod = 0); // throws std::bad_alloc
+    // kAudioInputBlock samples in, kAudioBlock out.
+    void Process(const cf32* in, float* out) noexcept;
+
+private:
+    const int32_t type_;
+    dsp::FirFilter ifFilter_;
+    dsp::DecimatingFir lowPass_;
+    dsp::IirFilter highPass_;
+    Demodulator demod_;
+    ComplexVector filtered_, kept_;
+    FloatVector demodulated_;
 };
 
 class AudioEngine final : public Engine {
@@ -143,12 +163,8 @@ private:
 
     const AudioPlan plan_;
     std::unique_ptr<IqEngine> iq_;
-    dsp::FirFilter ifFilter_;
-    dsp::DecimatingFir lowPass_;
-    dsp::IirFilter highPass_;
-    Demodulator demod_;
-    ComplexVector input_, filtered_, kept_;
-    FloatVector demodulated_;
+    AudioChain chain_;
+    ComplexVector input_;
     std::array<float, kAudioBlock> block_{};
 
     mutable std::mutex ringMutex_;
