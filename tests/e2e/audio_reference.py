@@ -7,7 +7,7 @@
       60 Hz .. 11 kHz, inside the receiver's audio band.
   audio_reference.py sinad RECOVERED FREQ [SKIP_S]
       SINAD of a tone at FREQ: least-squares fit of the tone and DC over whole
-      cycles; the residual is the noise and distortion.
+      cycles; the residual is the noise and distortion. Also the level.
 
 RECOVERED is a WAV file, or raw float32 at 30 kS/s (*.f32). SKIP_S seconds
 at the start are left out (the receiver settling). Prints one JSON line.
@@ -51,15 +51,15 @@ def correlate(source, recovered, skip):
 def sinad(recovered, freq, skip):
     x, rate = read(recovered)
     x = x[int(skip * rate):]
-    n = int(len(x) * freq / rate) * rate // int(freq) if freq == int(freq) else len(x)
-    x = x[:n]
+    x = x[: int(int(len(x) * freq / rate) * rate / freq)]  # whole cycles
     k = np.arange(len(x))
     w = 2 * np.pi * freq / rate
     a = np.vstack([np.ones(len(x)), np.cos(w * k), np.sin(w * k)]).T
     coef = np.linalg.lstsq(a, x, rcond=None)[0]
     rest = x - a @ coef
     amp = float(np.hypot(coef[1], coef[2]))
-    return {"tone_amplitude": amp, "sinad_db": float(10 * np.log10(amp * amp / 2 / np.mean(rest * rest)))}
+    return {"rate": rate, "samples": len(x), "rms_dbfs": float(10 * np.log10(np.mean(x * x))),
+            "tone_amplitude": amp, "sinad_db": float(10 * np.log10(amp * amp / 2 / np.mean(rest * rest)))}
 
 
 def main():
