@@ -67,13 +67,13 @@ protected:
     // (the AM mean and the sideband level start from 0.1). The stream is
     // paced in real time: on a busy machine the analyzer may overrun; the
     // blocks around a loss are skipped (the filters' transient) and the run
-    // starts again, for at most 20 s.
+    // starts again, for at most 30 s.
     static std::vector<double> Record(int32_t h, int settle, int blocks) {
         constexpr int kAfterLoss = 3;
         std::vector<float> b(kBlock);
         std::vector<double> x;
         int skip = settle;
-        for (int i = 0; i < settle + blocks + 600 && x.size() < size_t(blocks * kBlock); ++i) {
+        for (int i = 0; i < settle + blocks + 900 && x.size() < size_t(blocks * kBlock); ++i) {
             const LxStatus st = lxGetAudio(h, b.data());
             EXPECT_TRUE(st == lxNoError || st == lxUncalData) << st;
             if (st != lxNoError) {
@@ -171,7 +171,7 @@ TEST_F(Audio, SpokenSentenceOnFm) {
     const int32_t h = AttachAndOpen(kSerial, Scene(R"({"kind": "fm", "frequency_hz": 97.1e6, "power_dbm": -40,
         "deviation_hz": 75000, "audio_file": ")" + wav + R"("})"));
     Start(h, 97.1e6, lxAudioFM, 200000, 20, 1);
-    const std::vector<double> x = Record(h, 15, 60);
+    const std::vector<double> x = Record(h, 15, 45);
     {
         std::vector<float> f(x.begin(), x.end());
         std::ofstream(rec, std::ios::binary).write(reinterpret_cast<const char*>(f.data()), std::streamsize(4 * f.size()));
