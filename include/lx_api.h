@@ -525,7 +525,8 @@ LX_API LxStatus lxGetReference(int32_t handle, uint32_t* reference);
 LX_API LxStatus lxSetGPIOPort(int32_t handle, uint32_t config);
 LX_API LxStatus lxGetGPIOPort(int32_t handle, uint32_t* config);
 /* UART rate from an 81.92 MHz clock: the divisor round(81.92e6 / baud) is
- * limited to 1..32768 without a warning; only while idle. */
+ * limited to 1..32768 without a warning; only while idle. A NaN rate:
+ * lxInvalidParameterErr, the divisor kept. */
 LX_API LxStatus lxSetUARTBaudRate(int32_t handle, float baud);
 /* The rate the stored divisor gives. */
 LX_API LxStatus lxGetUARTBaudRate(int32_t handle, float* baud);
@@ -561,7 +562,7 @@ LX_API LxStatus lxWriteToGPS(int32_t handle, const uint8_t* data, int32_t length
 /* ==== Fan ================================================================= */
 
 /* Temperature the fan regulates to, limited to 0..60 degrees C in steps of
- * 1/16 degree (truncated); guarded. */
+ * 1/16 degree (truncated); guarded. NaN: lxInvalidParameterErr, nothing sent. */
 LX_API LxStatus lxSetFanSetPoint(int32_t handle, float celsius);
 /* The set point as the analyzer reports it and the fan reading; both
  * optional. Reads housekeeping now (not while streaming). */

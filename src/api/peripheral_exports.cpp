@@ -122,8 +122,9 @@ LX_API LxStatus lxGetGPIOPort(int32_t handle, uint32_t* config) {
 LX_API LxStatus lxSetUARTBaudRate(int32_t handle, float baud) {
     return WithDevice(handle, [&](Device& d) -> LxStatus {
         if (d.mode != 0) return lxInvalidConfigurationErr;
+        if (std::isnan(baud)) return lxInvalidParameterErr; // no rate to round: keep the divisor
         double div = std::floor(kUartClockHz / static_cast<double>(baud) + 0.5);
-        if (!(div >= 1.0)) div = 1.0; // also NaN and a negative or zero rate
+        if (!(div >= 1.0)) div = 1.0; // a negative or zero rate
         if (div > 32768.0) div = 32768.0;
         d.uartDivisor = static_cast<uint16_t>(static_cast<uint32_t>(div));
         if (d.gpioPort == 4 || d.gpioPort == 5) return d.SendWord(UartRateWord(d.uartDivisor));
@@ -249,8 +250,9 @@ LX_API LxStatus lxWriteToGPS(int32_t handle, const uint8_t* data, int32_t length
 LX_API LxStatus lxSetFanSetPoint(int32_t handle, float celsius) {
     return WithDevice(handle, [&](Device& d) -> LxStatus {
         if (d.InStreamingMode()) return lxInvalidConfigurationErr;
+        if (std::isnan(celsius)) return lxInvalidParameterErr; // nothing sent
         float c = celsius;
-        if (!(c > 0.0f)) c = 0.0f; // also NaN
+        if (!(c > 0.0f)) c = 0.0f;
         if (c > 60.0f) c = 60.0f;
         const uint16_t raw = static_cast<uint16_t>(static_cast<int>(c * 16.0f));
         d.WaitForTransport(); // a control request, but not in the middle of an acquisition

@@ -1,0 +1,416 @@
+// Every export of the public headers called with bad input: stale and
+// out-of-range handles, null pointers, NaN, infinities, zero, negative and
+// huge numbers, enumerations one past their range, zero and negative counts,
+// unknown serials. Each call must return a status the header lists (a value
+// for the few exports that return one), within 2.5 s, and a refused call
+// must leave the analyzer's settings as they were. The rows are checked
+// against the headers: an export without a row fails the test.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <limits>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "e2e_support.h"
+
+namespace {
+
+constexpr int32_t kSerial = 31000001;
+
+struct Arg {
+    int64_t i = 0;
+    double d = 0;
+    void* p = nullptr;
+};
+using Args = std::vector<Arg>;
+
+template <typename T>
+T Conv(const Arg& a) {
+    if constexpr (std::is_pointer_v<T>) return static_cast<T>(a.p);
+    else if constexpr (std::is_floating_point_v<T>) return static_cast<T>(a.d);
+    else if constexpr (std::is_same_v<T, bool>) return a.i != 0;
+    else return static_cast<T>(a.i);
+}
+
+// Calls fn with the arguments converted to its parameter types; the result as
+// an integer (a status, a value, or whether a pointer came back).
+template <typename R, typename... Ps, size_t... K>
+int64_t Invoke(R (*fn)(Ps...), const Args& a, std::index_sequence<K...>) {
+    if constexpr (std::is_void_v<R>) {
+        fn(Conv<Ps>(a[K])...);
+        return 0;
+    } else if constexpr (std::is_pointer_v<R>) {
+        return fn(Conv<Ps>(a[K])...) != nullptr;
+    } else if constexpr (std::is_floating_point_v<R>) {
+        return std::isfinite(fn(Conv<Ps>(a[K])...));
+    } else {
+        return static_cast<int64_t>(fn(Conv<Ps>(a[K])...));
+    }
+}
+
+struct Row {
+    std::string name;
+    size_t arity;
+    std::function<int64_t(const Args&)> call;
+    // Parameter kinds, one word each: h handle, b boot handle, p pointer that
+    // must not be null, o optional pointer, d number, e<lo>:<hi> enumeration,
+    // i integer, c count or capacity of a buffer, u unsigned, s serial,
+    // t text (path, JSON). Flags after '|': v returns a value, not a status;
+    // n NaN is a legal value; z does nothing and returns 0 whatever it is given.
+    std::string spec;
+};
+
+template <typename R, typename... Ps>
+Row MakeRow(const char* name, R (*fn)(Ps...), const char* spec) {
+    return {name, sizeof...(Ps),
+            [fn](const Args& a) { return Invoke(fn, a, std::index_sequence_for<Ps...>{}); }, spec};
+}
+#define ROW(fn, spec) MakeRow(#fn, &fn, spec)
+
+const std::vector<Row>& Rows() {
+    static const std::vector<Row> rows = {
+        ROW(lxGetErrorString, "e-101:6|v"),
+        ROW(lxGetAPIVersion, "|v"),
+        ROW(lxGetDeviceList, "o p"),
+        ROW(lxGetDevicePersonality, "s p"),
+        ROW(lxOpenDevice, "p"),
+        ROW(lxOpenDeviceBySerial, "p s"),
+        ROW(lxCloseDevice, "h"),
+        ROW(lxPresetDevice, "h"),
+        ROW(lxConfigure, "h e0:5"),
+        ROW(lxAbort, "h"),
+        ROW(lxGetCurrentMode, "h p"),
+        ROW(lxSetRefLevel, "h d"),
+        ROW(lxGetRefLevel, "h p"),
+        ROW(lxSetAttenuator, "h i"),
+        ROW(lxGetAttenuator, "h p"),
+        ROW(lxSetSweepStartStop, "h d d"),
+        ROW(lxSetSweepCenterSpan, "h d d"),
+        ROW(lxSetSweepCoupling, "h d d d"),
+        ROW(lxSetSweepDetector, "h e0:1 e0:3"),
+        ROW(lxSetSweepScale, "h e0:2"),
+        ROW(lxSetSweepWindow, "h e0:5"),
+        ROW(lxSetSweepGPIOSwitching, "h o o c"),
+        ROW(lxSetSweepGPIOSwitchingDisabled, "h"),
+        ROW(lxGetSweepParameters, "h o o o o o"),
+        ROW(lxGetSweep, "h o o o"),
+        ROW(lxSetRealTimeCenterSpan, "h d d"),
+        ROW(lxSetRealTimeRBW, "h d"),
+        ROW(lxSetRealTimeDetector, "h e0:1"),
+        ROW(lxSetRealTimeScale, "h e0:2 d d"),
+        ROW(lxSetRealTimeWindow, "h e0:5"),
+        ROW(lxGetRealTimeParameters, "h o o o o o o o"),
+        ROW(lxGetRealTimeFrame, "h o o o o o o"),
+        ROW(lxSetIQSweepListDataType, "h e0:1"),
+        ROW(lxSetIQSweepListCorrected, "h i"),
+        ROW(lxSetIQSweepListSteps, "h i"),
+        ROW(lxGetIQSweepListSteps, "h p"),
+        ROW(lxSetIQSweepListFreq, "h i d"),
+        ROW(lxSetIQSweepListRef, "h i d"),
+        ROW(lxSetIQSweepListAtten, "h i i"),
+        ROW(lxSetIQSweepListSampleCount, "h i u"),
+        ROW(lxIQSweepListGetCorrections, "h p"),
+        ROW(lxIQSweepListStartSweep, "h e0:15 p o"),
+        ROW(lxIQSweepListFinishSweep, "h e0:15"),
+        ROW(lxIQSweepListGetSweep, "h p o"),
+        ROW(lxSetIQDataType, "h e0:1"),
+        ROW(lxSetIQCenterFreq, "h d"),
+        ROW(lxGetIQCenterFreq, "h p|z"),
+        ROW(lxSetIQSampleRate, "h i"),
+        ROW(lxSetIQSoftwareFilter, "h i"),
+        ROW(lxSetIQBandwidth, "h d"),
+        ROW(lxSetIQTriggerSentinel, "d|n"),
+        ROW(lxSetIQExtTriggerEdge, "h i"),
+        ROW(lxSetIQQueueSize, "h i"),
+        ROW(lxGetIQParameters, "h o o"),
+        ROW(lxGetIQCorrection, "h p"),
+        ROW(lxGetIQ, "h p c o c o i o o"),
+        ROW(lxSetAudioCenterFreq, "h d"),
+        ROW(lxSetAudioType, "h e0:4"),
+        ROW(lxSetAudioFilters, "h d d d"),
+        ROW(lxSetAudioFMDeemphasis, "h d"),
+        ROW(lxGetAudioSettings, "h o o o o o o"),
+        ROW(lxGetAudio, "h p"),
+        ROW(lxSetPowerState, "h u"),
+        ROW(lxGetPowerState, "h p"),
+        ROW(lxGetSerialNumber, "h p"),
+        ROW(lxGetFirmwareVersion, "h o o o"),
+        ROW(lxGetCalDate, "h p"),
+        ROW(lxGetDeviceDiagnostics, "h o o o"),
+        ROW(lxSetReference, "h u"),
+        ROW(lxGetReference, "h p"),
+        ROW(lxSetGPIOPort, "h u"),
+        ROW(lxGetGPIOPort, "h p"),
+        ROW(lxSetUARTBaudRate, "h d"),
+        ROW(lxGetUARTBaudRate, "h p"),
+        ROW(lxWriteUARTDirect, "h u"),
+        ROW(lxSetGPSTimebaseUpdate, "h u"),
+        ROW(lxGetGPSTimebaseUpdate, "h p"),
+        ROW(lxGetGPSHoldoverInfo, "h o o"),
+        ROW(lxGetGPSState, "h p"),
+        ROW(lxGetGPSInfo, "h i o o o o o o o"),
+        ROW(lxWriteToGPS, "h p c"),
+        ROW(lxSetFanSetPoint, "h d"),
+        ROW(lxGetFanSettings, "h o o"),
+        ROW(lxGetStreamHealth, "h p"),
+        ROW(lxCalCorrectionLoadFromFile, "t o|v"),
+        ROW(lxCalBuildDummyCorrections, "o|v"),
+        ROW(lxCalGetCorrectionCalDate, "o|v"),
+        ROW(lxCalGetTempFromIndex, "i|v"),
+        ROW(lxCalPropagateSingleTempCal, "o i i|v"),
+        ROW(kdCalDoesCorrectionsExist, "o|v"),
+        ROW(lxAdminGetTempRange, "h p"),
+        ROW(lxAdminHasDithering, "h p"),
+        ROW(lxAdminSetCorrectionMode, "h e0:1"),
+        ROW(lxAdminSetCorrectionIndex, "h i"),
+        ROW(lxAdminManualLoadCorrections, "h p"),
+        ROW(lxAdminDeviceHasCorrections, "h p"),
+        ROW(lxAdminGetCoarseTuneVal, "h p"),
+        ROW(lxAdminSetCoarseTuneVal, "h u"),
+        ROW(lxBootStrap, "p t"),
+        ROW(lxBootOpenDevice, "p"),
+        ROW(lxBootOpenDeviceBySerial, "p s"),
+        ROW(lxBootCloseDevice, "b"),
+        ROW(lxBootGetSerial, "b p"),
+        ROW(lxBootReadFlashPage, "b u p"),
+        ROW(lxBootWriteFlashPage, "b u p"),
+        ROW(lxBootClearFlashPage, "b u"),
+        ROW(lxBootClearBootSector, "b"),
+        ROW(lxBootClearRunSector, "b"),
+        ROW(lxBootClearFPGAProgram, "b o"),
+        ROW(lxBootClearCorrections, "b o"),
+        ROW(lxBootWriteFPGAProgram, "b t o"),
+        ROW(lxBootWriteCorrections, "b p o"),
+        ROW(lxBootWriteRunSector, "b t s"),
+        ROW(lxBootWriteBootSector, "b t s"),
+        ROW(lxAdminGetFullBandIQ, "h d p"),
+        ROW(lxSimAttach, "s t"),
+        ROW(lxSimAttachRomLoader, "s t"),
+        ROW(lxSimDetach, "s"),
+        ROW(lxSimSetScene, "s t"),
+        ROW(lxSimGetSceneError, "o c"),
+        ROW(lxSimAttachRaw, "t t t p"),
+        ROW(lxSimDetachId, "i"),
+        ROW(lxSimDetachAll, ""),
+        ROW(lxSimInjectFault, "s e0:14 i"),
+        ROW(lxSimGetCounters, "s p"),
+        ROW(lxSimResetCounters, "s"),
+        ROW(lxSimGetPersonality, "s p"),
+        ROW(lxSimGetVirtualTimeMs, "p"),
+        ROW(lxSimGetCommandLog, "s o c p"),
+        ROW(lxSimClearCommandLog, "s"),
+        ROW(lxSimGetGpsInput, "s o c p"),
+        ROW(lxSimAdvanceTimeMs, "u"), // last: it moves the clock every analyzer runs on
+    };
+    return rows;
+}
+
+std::set<std::string> HeaderExports() {
+    std::set<std::string> names;
+    for (const char* header : {"/include/lx_api.h", "/include/lx_sim.h"}) {
+        std::ifstream in(std::string(LX_TEST_SOURCE_DIR) + header);
+        std::stringstream ss;
+        ss << in.rdbuf();
+        std::string text = std::regex_replace(ss.str(), std::regex(R"(/\*[\s\S]*?\*/)"), " ");
+        text = std::regex_replace(text, std::regex(R"(#[^\n]*)"), " ");
+        static const std::regex decl(R"(LX_API\s+[^;(#]*?\b(\w+)\s*\()");
+        for (std::sregex_iterator m(text.begin(), text.end(), decl), end; m != end; ++m) names.insert((*m)[1]);
+    }
+    return names;
+}
+
+bool Listed(int64_t s) {
+    static const std::set<int64_t> statuses = {-101, -100, -11, -10, -9, -8, -7, -6, -5, -4, -3, -2, -1,
+                                               0,    1,    2,   3,   4,  5,  6};
+    return statuses.count(s) > 0;
+}
+
+std::vector<std::string> Words(const std::string& s) {
+    std::vector<std::string> out;
+    std::istringstream in(s);
+    for (std::string w; in >> w;) out.push_back(w);
+    return out;
+}
+
+// Everything a refused call must leave alone, as the getters report it.
+struct Snapshot {
+    std::vector<double> values;
+    bool operator==(const Snapshot&) const = default;
+};
+
+Snapshot Take(int32_t h) {
+    Snapshot s;
+    auto add = [&](LxStatus st, std::initializer_list<double> v) {
+        s.values.push_back(st);
+        s.values.insert(s.values.end(), v);
+    };
+    double d1 = 0, d2 = 0, d3 = 0, d4 = 0, d5 = 0;
+    int32_t i1 = 0, i2 = 0, i3 = 0;
+    uint32_t u = 0;
+    float f = 0;
+    uint16_t tune = 0;
+    add(lxGetCurrentMode(h, &i1), {double(i1)});
+    add(lxGetRefLevel(h, &d1), {d1});
+    add(lxGetAttenuator(h, &i1), {double(i1)});
+    add(lxGetSweepParameters(h, &d1, &d2, &d3, &d4, &i1), {d1, d2, d3, d4, double(i1)});
+    add(lxGetRealTimeParameters(h, &d1, &i1, &d2, &d3, &i2, &i3, &d4), {d1, double(i1), d2, d3, double(i2), double(i3), d4});
+    add(lxGetIQCenterFreq(h, &d5), {d5});
+    add(lxGetIQParameters(h, &d1, &d2), {d1, d2});
+    add(lxGetIQSweepListSteps(h, &i1), {double(i1)});
+    add(lxGetAudioSettings(h, &d1, &i1, &d2, &d3, &d4, &d5), {d1, double(i1), d2, d3, d4, d5});
+    add(lxGetPowerState(h, &u), {double(u)});
+    add(lxGetReference(h, &u), {double(u)});
+    add(lxGetGPIOPort(h, &u), {double(u)});
+    add(lxGetUARTBaudRate(h, &f), {double(f)});
+    add(lxGetGPSTimebaseUpdate(h, &u), {double(u)});
+    add(lxAdminGetCoarseTuneVal(h, &tune), {double(tune)});
+    return s;
+}
+
+class BadInput : public e2e::SimTest {};
+
+TEST_F(BadInput, EveryExportHasARowAndEveryRowMatchesItsExport) {
+    std::set<std::string> rows;
+    for (const Row& r : Rows()) {
+        rows.insert(r.name);
+        const std::string params = r.spec.substr(0, r.spec.find('|'));
+        EXPECT_EQ(Words(params).size(), r.arity) << r.name << ": spec \"" << r.spec << "\"";
+    }
+    const std::set<std::string> exports = HeaderExports();
+    for (const auto& name : exports) EXPECT_TRUE(rows.count(name)) << name << " has no row";
+    for (const auto& name : rows) EXPECT_TRUE(exports.count(name)) << name << " is not in the headers";
+}
+
+TEST_F(BadInput, EveryCallReturnsAListedStatusAndARefusalChangesNothing) {
+    const int32_t h = AttachAndOpen(kSerial);
+    ASSERT_EQ(h, 0);
+    // A handle that was open and is closed now, and one never opened.
+    ASSERT_EQ(lxSimAttach(kSerial + 1, ""), lxNoError);
+    int32_t closed = -1;
+    ASSERT_EQ(lxOpenDeviceBySerial(&closed, kSerial + 1), lxNoError);
+    ASSERT_EQ(lxCloseDevice(closed), lxNoError);
+    const int32_t neverOpened = 7;
+
+    // Generous, separate buffers: a call's output lands in its own.
+    constexpr size_t kBufferBytes = sizeof(LX530CalData) + 4096;
+    std::vector<std::vector<uint8_t>> buffers(9, std::vector<uint8_t>(kBufferBytes));
+    const double kNan = std::numeric_limits<double>::quiet_NaN(), kInf = std::numeric_limits<double>::infinity();
+    constexpr int64_t kMin = std::numeric_limits<int32_t>::min(), kMax = std::numeric_limits<int32_t>::max();
+
+    for (const Row& row : Rows()) {
+        const std::string params = row.spec.substr(0, row.spec.find('|'));
+        const std::string flags = row.spec.find('|') == std::string::npos ? "" : row.spec.substr(row.spec.find('|') + 1);
+        const bool returnsValue = flags.find('v') != std::string::npos;
+        const bool noOp = flags.find('z') != std::string::npos;
+        const bool boot = params.find('b') != std::string::npos;
+        const std::vector<std::string> kinds = Words(params);
+        if (kinds.size() != row.arity) continue; // reported by the test above
+
+        Args base(kinds.size());
+        for (size_t k = 0; k < kinds.size(); ++k) {
+            const std::string& kind = kinds[k];
+            if (kind == "h" || kind == "b") base[k].i = kind == "h" ? h : 0;
+            else if (kind == "p" || kind == "o") base[k].p = buffers[k].data();
+            else if (kind == "t") base[k].p = const_cast<char*>("");
+            else if (kind == "s") base[k].i = kSerial;
+            else if (kind == "d") base[k].d = 1e6;
+            else if (kind[0] == 'e') base[k].i = std::stoll(kind.substr(1));
+            else if (kind == "c") base[k].i = 16;
+            else base[k].i = 1;
+        }
+        struct Variant {
+            Args args;
+            std::string what;
+            std::function<bool(int64_t)> ok;
+            bool mayChange;
+        };
+        std::vector<Variant> variants;
+        auto listed = [](int64_t s) { return Listed(s); };
+        auto is = [](int64_t want) { return [want](int64_t s) { return s == want; }; };
+        auto refused = [](int64_t s) { return Listed(s) && s < 0; };
+        for (size_t k = 0; k < kinds.size(); ++k) {
+            const std::string& kind = kinds[k];
+            auto with = [&](auto set, std::string what, std::function<bool(int64_t)> ok, bool mayChange = true) {
+                Args a = base;
+                set(a[k]);
+                variants.push_back({a, "argument " + std::to_string(k) + " " + what, ok, mayChange});
+            };
+            if (kind == "h") {
+                for (int64_t bad : {int64_t{-1}, int64_t{9}, int64_t{closed}, int64_t{neverOpened}})
+                    with([&](Arg& a) { a.i = bad; }, "handle " + std::to_string(bad), is(lxInvalidDeviceErr), false);
+                // The handle is checked before anything else.
+                Args a(kinds.size());
+                for (size_t j = 0; j < kinds.size(); ++j) a[j].d = kNan, a[j].i = j == k ? -1 : kMin;
+                variants.push_back({a, "handle -1 with every other argument bad", is(lxInvalidDeviceErr), false});
+            } else if (kind == "b") {
+                for (int64_t bad : {int64_t{-1}, int64_t{1}, int64_t{9}})
+                    with([&](Arg& a) { a.i = bad; }, "boot handle " + std::to_string(bad), refused, false);
+            } else if (kind == "p") {
+                // Boot calls check the slot first: with none, that is the status.
+                with([](Arg& a) { a.p = nullptr; }, "null",
+                     boot ? std::function<bool(int64_t)>(refused) : std::function<bool(int64_t)>(is(lxNullPtrErr)), false);
+            } else if (kind == "o" || kind == "t") {
+                with([](Arg& a) { a.p = nullptr; }, "null", listed);
+            } else if (kind == "d") {
+                const bool nanLegal = flags.find('n') != std::string::npos;
+                with([&](Arg& a) { a.d = kNan; }, "NaN",
+                     nanLegal ? std::function<bool(int64_t)>(listed) : std::function<bool(int64_t)>(refused), nanLegal);
+                for (double v : {kInf, -kInf, 0.0, -1e300, 1e300})
+                    with([&](Arg& a) { a.d = v; }, std::to_string(v), listed);
+            } else if (kind[0] == 'e') {
+                const auto colon = kind.find(':');
+                const int64_t lo = std::stoll(kind.substr(1, colon - 1)), hi = std::stoll(kind.substr(colon + 1));
+                for (int64_t v : {lo - 1, hi + 1})
+                    with([&](Arg& a) { a.i = v; }, "enumeration " + std::to_string(v),
+                         // Setters refuse the value itself; other calls may first
+                         // refuse the mode they are called in.
+                         returnsValue ? std::function<bool(int64_t)>([](int64_t) { return true; })
+                         : row.name.rfind("lxSet", 0) == 0 || row.name.rfind("lxAdminSet", 0) == 0
+                             ? std::function<bool(int64_t)>(is(lxInvalidParameterErr))
+                             : std::function<bool(int64_t)>(refused),
+                         false);
+            } else if (kind == "c") {
+                for (int64_t v : {int64_t{0}, int64_t{-1}, kMin}) with([&](Arg& a) { a.i = v; }, "count " + std::to_string(v), listed);
+            } else if (kind == "i" || kind == "u" || kind == "s") {
+                for (int64_t v : {int64_t{0}, int64_t{-1}, kMin, kMax, int64_t{1000000000}})
+                    with([&](Arg& a) { a.i = v; }, std::to_string(v), listed);
+            }
+        }
+
+        for (const Variant& v : variants) {
+            const Snapshot before = Take(h);
+            const auto t0 = std::chrono::steady_clock::now();
+            const int64_t s = row.call(v.args);
+            const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+            const std::string where = row.name + ", " + v.what + ": returned " + std::to_string(s);
+            EXPECT_LT(seconds, 2.5) << where;
+            if (!returnsValue) {
+                EXPECT_TRUE(noOp ? s == 0 : v.ok(s)) << where;
+                if (s < 0 || !v.mayChange) {
+                    EXPECT_EQ(Take(h), before) << where << ": a refused call changed a setting";
+                }
+            }
+            // Whatever happened, the analyzer still answers and nothing was
+            // left running.
+            uint32_t serial = 0;
+            ASSERT_EQ(lxGetSerialNumber(h, &serial), lxNoError) << where;
+            lxAbort(h);
+            lxSimInjectFault(kSerial, 0, 0);
+            for (int32_t other = 1; other < 9; ++other) lxCloseDevice(other);
+            lxBootCloseDevice(0);
+        }
+    }
+}
+
+} // namespace

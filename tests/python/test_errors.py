@@ -1,0 +1,98 @@
+# Statuses as Python exceptions and warnings: each error raises its class,
+# with the status code and the C library's text; warnings still deliver.
+import threading
+import warnings
+
+import numpy as np
+import pytest
+
+import lx_api
+from conftest import tone_scene
+
+
+def _closed(sim, dev):
+    dev.close()
+    return dev.mode
+
+
+def _unplugged_mid_stream(sim, dev):
+    dev.configure_iq(center=1e9, decimation=256)
+    dev.read_iq(1000)
+    sim.detach()
+    return dev.read_iq(2_000_000)
+
+
+@pytest.mark.parametrize("action, cls, status, text", [
+    (lambda sim, dev: lx_api.open(99999998), lx_api.DeviceNotFoundError, -1, "Device not found"),
+    (lambda sim, dev: dev.configure(77), lx_api.InvalidParameterError, -2, "Invalid parameter specified"),
+    (lambda sim, dev: dev.set_sweep(window=17), lx_api.InvalidParameterError, -2, "Invalid parameter specified"),
+    (lambda sim, dev: dev.configure_iq(decimation=3), lx_api.InvalidParameterError, -2, "Invalid parameter specified"),
+    (lambda sim, dev: dev.read_iq(0), lx_api.InvalidParameterError, -2, "Invalid parameter specified"),
+    (lambda sim, dev: lx_api.Simulator(sim.serial), lx_api.InvalidParameterError, -2, "Invalid parameter specified"),
+    (_closed, lx_api.InvalidDeviceError, -4, "Invalid device specified"),
+    (_unplugged_mid_stream, lx_api.ConnectionLostError, -5, "Connection lost"),
+    (lambda sim, dev: dev.get_sweep(), lx_api.InvalidConfigurationError, -9, "Invalid configuration"),
+    (lambda sim, dev: dev.read_iq(10), lx_api.InvalidConfigurationError, -9, "Invalid configuration"),
+    (lambda sim, dev: dev.get_realtime_frame(), lx_api.InvalidConfigurationError, -9, "Invalid configuration"),
+])
+def test_error_raises_its_class_with_code_and_text(analyzer, action, cls, status, text):
+    sim, dev = analyzer()
+    with pytest.raises(cls) as info:
+        action(sim, dev)
+    e = info.value
+    assert isinstance(e, lx_api.LxError) and type(e) is cls
+    assert (e.status, e.text) == (status, text) and f"{text} ({status})" in str(e)
+
+
+def test_refused_scene_names_the_key_and_changes_nothing(analyzer):
+    sim, dev = analyzer(tone_scene((1e9, -30)))
+    with pytest.raises(lx_api.InvalidParameterError, match="noise_floor_dbm_hz"):
+        sim.set_scene({"noise_floor_dbm_hz": 7})
+    with pytest.raises(lx_api.InvalidParameterError, match="bogus"):
+        lx_api.Simulator(sim.serial + 500, {"bogus": 1})
+    params = dev.configure_sweep(center=1e9, span=5e6, rbw=10e3)
+    s = dev.get_sweep()
+    assert s.max.max() == pytest.approx(-30, abs=0.5)
+    assert abs(s.frequencies[s.max.argmax()] - 1e9) <= params.bin_size + params.rbw / 2
+
+
+def test_second_sweep_while_one_is_pending(analyzer):
+    _, dev = analyzer(tone_scene((1e9, -30), pacing="realtime"))
+    dev.configure_sweep(center=1e9, span=100e6, rbw=10e3, sweep_time=3)
+    started = threading.Event()
+
+    def sweep():
+        started.set()
+        try:
+            dev.get_sweep()
+        except lx_api.InvalidConfigurationError:
+            pass  # ended by the abort below
+
+    t = threading.Thread(target=sweep)
+    t.start()
+    started.wait()
+    with pytest.raises(lx_api.SweepAlreadyActiveError) as info:
+        for _ in range(200):  # until the other thread's sweep is under way
+            threading.Event().wait(0.01)
+            dev.get_sweep()
+    assert info.value.status == -8
+    dev.abort()
+    t.join()
+
+
+@pytest.mark.parametrize("settings, check", [
+    (dict(center=1e9, span=20e6, rbw=1.0), lambda dev, p: p.rbw == pytest.approx(221, abs=1)),
+    (dict(center=1e9, span=20e6, rbw=10e3, vbw=1e6), lambda dev, p: p.vbw == 10e3),
+    (dict(center=1e9, span=20e6, ref_level=100), lambda dev, p: dev.ref_level == 20),
+])
+def test_clamped_settings_warn_and_take_effect(analyzer, settings, check):
+    _, dev = analyzer()
+    with pytest.warns(lx_api.SettingClampedWarning) as record:
+        params = dev.configure_sweep(**settings)
+    assert record[0].category.status == 1 and "Setting clamped (1)" in str(record[0].message)
+    assert check(dev, params)
+    # Turned into errors by a warnings filter, the warning is raised.
+    with warnings.catch_warnings():
+        warnings.simplefilter("error")
+        with pytest.raises(lx_api.SettingClampedWarning):
+            dev.configure_sweep(**settings)
