@@ -123,13 +123,14 @@ typedef enum LxGPSState {
     lxGPSFixDisciplined = 2 /* valid fix, and the timebase follows the GPS */
 } LxGPSState;
 
-/* Audio demodulation type. */
+/* Audio demodulation type (docs/audio.md). */
 typedef enum LxAudioType {
     lxAudioAM = 0,
     lxAudioFM = 1,
-    lxAudioSideband = 2,         /* in-phase part taken as it is */
-    lxAudioSidebandInverted = 3, /* in-phase part negated */
-    lxAudioSidebandOffset = 4    /* in-phase part negated, tuned 520 Hz off */
+    lxAudioUSB = 2, /* upper sideband: a line f above the centre sounds at f */
+    lxAudioLSB = 3, /* lower sideband: a line f below the centre sounds at f */
+    lxAudioCW = 4   /* lower sideband tuned 520 Hz above the centre: a carrier
+                       on the centre sounds at 520 Hz */
 } LxAudioType;
 
 /* Calibration correction mode (service). */
@@ -457,6 +458,44 @@ LX_API LxStatus lxGetIQCorrection(int32_t handle, float* correctionDb);
 LX_API LxStatus lxGetIQ(int32_t handle, void* iqData, int32_t sampleCount, double* triggers,
                         int32_t triggerCount, uint64_t* timestamp, int32_t purge, int32_t* sampleLoss,
                         int32_t* samplesRemaining);
+
+/* ==== Audio demodulation (mode 5) ==========================================
+ * lxConfigure(handle, lxModeAudio) starts a 480 kS/s I/Q stream at the
+ * centre (decimation 128, 280 kHz wide; the I/Q settings' queue size and
+ * trigger edge apply, the rest is set here) and a demodulator on it:
+ * IF low-pass of the IF bandwidth, demodulation, audio low-pass, 30 kS/s,
+ * high-pass. Audio comes in blocks of 1000 samples (1/30 s); the library
+ * keeps the last 30. Full scale: AM gives the modulation depth (1.0 for
+ * 100 %), FM (2 pi / 3) x deviation / IF bandwidth, sidebands a line's amplitude
+ * over the signal's peak envelope. docs/audio.md has the details. */
+
+/* Centre frequency in Hz, clamped to 9 kHz .. 15 GHz (lxSettingClamped);
+ * NaN refused. Default 97.1 MHz. */
+LX_API LxStatus lxSetAudioCenterFreq(int32_t handle, double hz);
+/* LxAudioType 0..4. Default FM. */
+LX_API LxStatus lxSetAudioType(int32_t handle, int32_t type);
+/* IF bandwidth (two-sided) 500 Hz .. 250 kHz, audio low-pass 1 .. 12 kHz,
+ * audio high-pass 20 Hz .. 1 kHz; each clamped (lxSettingClamped if any
+ * was), all stored. NaN refused, nothing stored. Defaults 200 kHz, 12 kHz,
+ * 100 Hz. */
+LX_API LxStatus lxSetAudioFilters(int32_t handle, double ifBandwidth, double lowPass, double highPass);
+/* FM de-emphasis time constant in microseconds, clamped to 1 .. 100
+ * (75 in the Americas, 50 in Europe; 1 is practically none). Default 75. */
+LX_API LxStatus lxSetAudioFMDeemphasis(int32_t handle, double microseconds);
+/* The stored audio settings, after clamping; every output optional. */
+LX_API LxStatus lxGetAudioSettings(int32_t handle, double* centreHz, int32_t* type, double* ifBandwidth,
+                                   double* lowPass, double* highPass, double* deemphasisUs);
+/* The next 1000 samples at 30 kS/s into samples, blocking until they are
+ * made (at most 1/30 s behind the stream). Consecutive calls continue the
+ * audio without a gap unless the call says otherwise: lxUncalData when
+ * samples were lost before or inside the block (the analyzer dropped I/Q
+ * samples, or the caller fell 30 blocks (1 s) behind: the oldest blocks were
+ * overwritten and reading resumes at the oldest kept one); lxADCOverflow,
+ * lxTempDrift as lxGetIQ. Errors: lxNullPtrErr; lxInvalidConfigurationErr
+ * unless mode 5, or when a configure, abort or close on another thread ends
+ * the stream during the wait; the link status (lxConnectionLostErr,
+ * lxFramingErr) once the stream has failed. */
+LX_API LxStatus lxGetAudio(int32_t handle, float* samples);
 
 /* ==== Power, identity, diagnostics ========================================
  * Calls marked "guarded" return lxInvalidConfigurationErr while a streaming

@@ -7,6 +7,7 @@
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] rt [options]
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] flash ACTION [options]
 //   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] iq [options]
+//   lx530 [--sim[=SCENE.json]] [--sim-serial N] [--json] audio [options]
 //
 // The global options may also follow the subcommand. Exit codes: 0 done,
 // 1 the library or an analyzer refused, 2 the command line is wrong.
@@ -19,6 +20,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "audio.h"
 #include "cli_support.h"
 #include "commands.h"
 #include "flash.h"
@@ -86,6 +88,8 @@ int main(int argc, char** argv) {
     auto* flash = AddFlashCommand(app, flashOptions);
     IqOptions iqOptions;
     auto* iq = AddIqCommand(app, iqOptions);
+    AudioOptions audioOptions;
+    auto* audio = AddAudioCommand(app, audioOptions);
 
     // Leftovers are reported here rather than by the parser, so that a
     // mistyped subcommand is named as one.
@@ -106,13 +110,14 @@ int main(int argc, char** argv) {
 
     const auto extras = app.remaining();
     const bool haveSubcommand =
-        list->parsed() || info->parsed() || sweep->parsed() || flash->parsed() || rt->parsed() || iq->parsed();
+        list->parsed() || info->parsed() || sweep->parsed() || flash->parsed() || rt->parsed() || iq->parsed() ||
+        audio->parsed();
     if (!extras.empty()) {
         if (!haveSubcommand && extras.front().rfind('-', 0) != 0)
-            return UsageError("unknown subcommand '" + extras.front() + "' (try 'list', 'info', 'sweep', 'rt', 'iq' or 'flash')");
+            return UsageError("unknown subcommand '" + extras.front() + "' (try 'list', 'info', 'sweep', 'rt', 'iq', 'audio' or 'flash')");
         return UsageError("unexpected argument '" + extras.front() + "'");
     }
-    if (!haveSubcommand) return UsageError("a subcommand is required: 'list', 'info', 'sweep', 'rt', 'iq' or 'flash'");
+    if (!haveSubcommand) return UsageError("a subcommand is required: 'list', 'info', 'sweep', 'rt', 'iq', 'audio' or 'flash'");
     if (list->parsed() && !iqListOptions.Requested() && iqListOptions.AnyGiven(*list))
         return UsageError("list: the sweep-list options need frequencies or --csv");
     if (sim->count() > 0 && !scene.empty()) sceneFile = scene;
@@ -121,6 +126,7 @@ int main(int argc, char** argv) {
     const std::optional<std::string>& sceneGiven = sweep->parsed() ? sweepOptions.scene
                                                    : rt->parsed()  ? rtOptions.scene
                                                    : iq->parsed()  ? iqOptions.scene
+                                                   : audio->parsed() ? audioOptions.scene
                                                    : list->parsed() ? iqListOptions.scene
                                                                     : noScene;
     const bool sceneOption = sceneGiven.has_value();
@@ -149,6 +155,8 @@ int main(int argc, char** argv) {
             code = RunFlash(flashOptions, json);
         else if (iq->parsed())
             code = RunIq(iqOptions, json);
+        else if (audio->parsed())
+            code = RunAudio(audioOptions, json);
         else
             code = RunSweep(sweepOptions, json);
     } catch (const Failure& f) {

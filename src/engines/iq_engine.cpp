@@ -483,20 +483,29 @@ LxStatus IqEngine::Read(void* dst, int32_t count, double* triggers, int32_t trig
 
 // ---- set-ups ---------------------------------------------------------------------------
 
-LxStatus SetupIq(Device& dev) {
-    IqPlan plan = PlanIq(dev.iq, dev.attenuator, dev.refLevel);
+std::unique_ptr<IqEngine> StartIqStream(Device& dev, const IqSettings& settings, LxStatus* status) {
+    IqPlan plan = PlanIq(settings, dev.attenuator, dev.refLevel);
     FillIqCorrection(plan, dev.Cal(), CalBracket{dev.correctionIndex, static_cast<float>(dev.correctionFraction)});
     TuningState tuning;
     const CommandList commands = BuildIqSetupCommands(plan, tuning);
-    const IqResults figures{plan.sampleRate, plan.bandwidth};
-    dev.engines[kIqEngine].reset();
     dev.Transport().Send(commands);
-    if (const LxStatus s = dev.Transport().LinkStatus(); s < 0) return s;
+    if (const LxStatus s = dev.Transport().LinkStatus(); s < 0) {
+        *status = s;
+        return nullptr;
+    }
     // The device's pipeline offset for this hardware decimation (time anchoring).
     dev.hwDecimation = plan.d1;
     dev.sampleOffset = static_cast<uint64_t>(PipelineOffsetTicks(plan.d1));
-    dev.engines[kIqEngine] = std::make_unique<IqEngine>(dev, std::move(plan));
-    dev.iqResults = figures;
+    return std::make_unique<IqEngine>(dev, std::move(plan));
+}
+
+LxStatus SetupIq(Device& dev) {
+    dev.engines[kIqEngine].reset();
+    LxStatus status = lxNoError;
+    std::unique_ptr<IqEngine> engine = StartIqStream(dev, dev.iq, &status);
+    if (!engine) return status;
+    dev.iqResults = IqResults{engine->plan().sampleRate, engine->plan().bandwidth};
+    dev.engines[kIqEngine] = std::move(engine);
     return lxNoError;
 }
 

@@ -237,6 +237,10 @@ private:
     Workers workers_;
 };
 
+// Plan and correction for these settings, the set-up commands (sent now),
+// and the engine streaming them; null with the link status when the
+// commands did not reach the analyzer.
+std::unique_ptr<IqEngine> StartIqStream(Device& dev, const IqSettings& settings, LxStatus* status);
 // Configure mode 3: plan, correction, the set-up commands (sent now), the
 // figures lxGetIQParameters reports; replaces the device's I/Q engine.
 LxStatus SetupIq(Device& dev);

@@ -1,5 +1,6 @@
 #include "lx_lib/device.h"
 
+#include "engines/audio_engine.h"
 #include "engines/iq_sweep_list_engine.h"
 #include "engines/iq_engine.h"
 #include "engines/narrow_span_engine.h"
@@ -25,7 +26,7 @@ LxStatus SetupMode(Device& dev, int32_t mode) {
     case 100:
         return engines::SetupFullBand(dev);
     case 5:
-        return lxInvalidConfigurationErr;
+        return engines::SetupAudio(dev);
     default:
         return lxInvalidParameterErr;
     }

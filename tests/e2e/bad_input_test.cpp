@@ -136,6 +136,12 @@ const std::vector<Row>& Rows() {
         ROW(lxGetIQParameters, "h o o"),
         ROW(lxGetIQCorrection, "h p"),
         ROW(lxGetIQ, "h p c o c o i o o"),
+        ROW(lxSetAudioCenterFreq, "h d"),
+        ROW(lxSetAudioType, "h e0:4"),
+        ROW(lxSetAudioFilters, "h d d d"),
+        ROW(lxSetAudioFMDeemphasis, "h d"),
+        ROW(lxGetAudioSettings, "h o o o o o o"),
+        ROW(lxGetAudio, "h p"),
         ROW(lxSetPowerState, "h u"),
         ROW(lxGetPowerState, "h p"),
         ROW(lxGetSerialNumber, "h p"),
@@ -262,6 +268,7 @@ Snapshot Take(int32_t h) {
     add(lxGetIQCenterFreq(h, &d5), {d5});
     add(lxGetIQParameters(h, &d1, &d2), {d1, d2});
     add(lxGetIQSweepListSteps(h, &i1), {double(i1)});
+    add(lxGetAudioSettings(h, &d1, &i1, &d2, &d3, &d4, &d5), {d1, double(i1), d2, d3, d4, d5});
     add(lxGetPowerState(h, &u), {double(u)});
     add(lxGetReference(h, &u), {double(u)});
     add(lxGetGPIOPort(h, &u), {double(u)});
