@@ -245,7 +245,7 @@ int Verify(const FlashOptions& o, bool json) {
         for (const auto& r : report)
             std::printf("  %-4s  %s\n", r["name"].get<std::string>().c_str(), r["verdict"].get<std::string>().c_str());
     }
-    if (!allMatch) throw Failure(kExitFailure, "the flash differs from the backup");
+    if (!allMatch) throw Failure(kExitFailure, "the flash and the backup do not match (see the verdicts above)");
     return kExitOk;
 }
 

@@ -207,4 +207,19 @@ float StepGainDb(const uint8_t* cal, CalBracket bracket, int attenStep, int freq
 
 uint8_t StepIfLevel(const uint8_t* cal, int frequencyIndex) { return CalIfLevel(cal, ClampFreq(frequencyIndex)); }
 
+TemperatureBracketResult TemperatureBracket(const uint8_t* cal, float t) {
+    float p[kCalTempSlots];
+    for (int i = 0; i < kCalTempSlots; ++i) p[i] = CalTempPoint(cal, i);
+    // A record that was never programmed reads NaN here (0xFF bytes), and a
+    // damaged one may not ascend: then there is no bracket to find, and slot 0
+    // is as good as any (its tables are neutral in the first case).
+    for (int i = 0; i < kCalTempSlots; ++i)
+        if (!std::isfinite(p[i]) || (i > 0 && !(p[i] > p[i - 1]))) return {};
+    if (!std::isfinite(t) || t < p[0]) return {};
+    int k = 0;
+    while (k < kCalTempSlots && p[k] <= t) ++k; // k >= 1: p[0] <= t
+    if (k == kCalTempSlots) return {5, 1.0};
+    return {k - 1, (t - p[k - 1]) / (p[k] - p[k - 1])};
+}
+
 } // namespace lx

@@ -62,6 +62,17 @@ struct CalBracket {
     float fraction = 0.0f;
 };
 
+// The bracket of the record's seven temperature points around `temperature`
+// (the automatic correction mode): slot k - 1 with the fraction of the way to
+// point k; above the last point slot 5 at fraction 1; below the first, or for a
+// record whose points are not finite and strictly ascending (never programmed:
+// 0xFF bytes read NaN), slot 0 at fraction 0. A NaN temperature gives slot 0.
+struct TemperatureBracketResult {
+    int slot = 0;
+    double fraction = 0.0;
+};
+TemperatureBracketResult TemperatureBracket(const uint8_t* cal, float temperature);
+
 inline constexpr double kResponsePointSpacingHz = 5.12e6; // between A..C points
 inline constexpr int kResponseCentrePoint = 6;            // the point at the capture centre
 inline constexpr double kFineCellHz = 3.75e6;             // width of a D/E cell

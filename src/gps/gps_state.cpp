@@ -1,8 +1,10 @@
 #include "gps/gps_state.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <string_view>
 
 namespace lx::gps {
@@ -10,7 +12,18 @@ namespace lx::gps {
 namespace {
 constexpr size_t kRingWords = 512;
 
-int64_t TicksToNs(double ticks) { return static_cast<int64_t>(std::floor(ticks * kNsPerTick + 0.5)); }
+// Ticks come from the device: a corrupt packet can carry any 64-bit count, so
+// conversions and sums saturate at the int64 range instead of overflowing.
+constexpr double kMaxNs = 9.2e18; // just inside int64
+int64_t TicksToNs(double ticks) {
+    const double ns = std::floor(ticks * kNsPerTick + 0.5);
+    return ns != ns ? 0 : static_cast<int64_t>(std::clamp(ns, -kMaxNs, kMaxNs));
+}
+int64_t AddNs(int64_t a, int64_t b) {
+    int64_t sum;
+    if (__builtin_add_overflow(a, b, &sum)) return b > 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
+    return sum;
+}
 } // namespace
 
 int64_t HostNowNs() {
@@ -71,13 +84,13 @@ int64_t TakeStatusPacket(GpsState& g, const GpsPacketFields& p, int hwDecimation
             std::lock_guard<std::mutex> lock(g.mutex);
             fixNs = g.nmea.gpsTimeNs;
         }
-        g.anchorTimeNs = fixNs + TicksToNs(ticks);
+        g.anchorTimeNs = AddNs(fixNs, TicksToNs(ticks));
         g.deviceTimeNs = g.anchorTimeNs;
         g.anchorTick = p.blockTick;
         g.anchored = true;
     } else if (g.anchored) {
-        g.deviceTimeNs = g.anchorTimeNs +
-                         TicksToNs(static_cast<double>(p.blockTick) - static_cast<double>(g.anchorTick));
+        g.deviceTimeNs =
+            AddNs(g.anchorTimeNs, TicksToNs(static_cast<double>(p.blockTick) - static_cast<double>(g.anchorTick)));
     } else {
         g.deviceTimeNs = g.anchorTimeNs = hostNowNs;
         g.anchorTick = p.blockTick;

@@ -88,8 +88,13 @@ bool LoadCalFileIn(const std::string& folder, int32_t serial, uint8_t* image) {
         return false;
     }
     // Read aside: a short file must not leave a half-overwritten image behind.
-    auto staging = std::make_unique_for_overwrite<uint8_t[]>(calSizeBytes);
-    const size_t read = std::fread(staging.get(), 1, calSizeBytes, f);
+    // One already short by its size is not read at all.
+    std::unique_ptr<uint8_t[]> staging;
+    size_t read = 0;
+    if (static_cast<uint64_t>(st.st_size) >= calSizeBytes) {
+        staging = std::make_unique_for_overwrite<uint8_t[]>(calSizeBytes);
+        read = std::fread(staging.get(), 1, calSizeBytes, f);
+    }
     std::fclose(f);
     LX_ASSERT(read == calSizeBytes, kModule);
     if (read != calSizeBytes) return false;

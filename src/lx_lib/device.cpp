@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "cal/cal_record.h"
+#include "cal/correction.h"
 #include "common/lx_assert.h"
 #include "lx_command/command_list.h"
 #include "lx_command/encoders.h"
@@ -219,27 +220,10 @@ bool Device::TakeStatusPacket(const uint8_t* rec) {
 
 void Device::ComputeCorrectionBracket() {
     if (correctionMode == 0) {
-        const float t = temperature;
-        correctionTemperature = t;
-        correctionIndex = 0;
-        correctionFraction = 0.0;
-        float p[kCalTempSlots];
-        for (int i = 0; i < kCalTempSlots; ++i) p[i] = CalTempPoint(cal_.data(), i);
-        // A record that was never programmed reads NaN here (0xFF bytes), and
-        // a damaged one may not ascend: then there is no bracket to find, and
-        // slot 0 is as good as any (its tables are neutral in the first case).
-        for (int i = 0; i < kCalTempSlots; ++i)
-            if (!std::isfinite(p[i]) || (i > 0 && !(p[i] > p[i - 1]))) return;
-        if (!std::isfinite(t) || t < p[0]) return;
-        int k = 0;
-        while (k < kCalTempSlots && p[k] <= t) ++k; // k >= 1: p[0] <= t
-        if (k < kCalTempSlots) {
-            correctionIndex = k - 1;
-            correctionFraction = (t - p[k - 1]) / (p[k] - p[k - 1]);
-        } else {
-            correctionIndex = 5;
-            correctionFraction = 1.0;
-        }
+        correctionTemperature = temperature;
+        const TemperatureBracketResult b = TemperatureBracket(cal_.data(), temperature);
+        correctionIndex = b.slot;
+        correctionFraction = b.fraction;
     } else {
         correctionIndex = manualCorrectionIndex;
         correctionFraction = 0.0;

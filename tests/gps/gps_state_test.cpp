@@ -146,4 +146,17 @@ TEST(GpsIntake, StatusBitFollowsBitTenOfTheStatusWord) {
     EXPECT_FALSE(g.statusBit);
 }
 
+// Found by fuzzing: a corrupt packet's tick, far from the anchor, made the
+// time arithmetic overflow (undefined behaviour). It now saturates.
+TEST(GpsIntake, TickFarFromTheAnchorSaturatesInsteadOfOverflowing) {
+    GpsState g;
+    Packet first("", 0, 0);
+    lx::gps::TakeStatusPacket(g, first.f, 1, 1000);
+    Packet far("", 0, ~uint64_t{0});
+    const int64_t t = lx::gps::TakeStatusPacket(g, far.f, 1, 0);
+    EXPECT_GT(t, int64_t{9'000'000'000'000'000'000});
+    Packet fix(kFixText, 1, 0, 0, static_cast<int64_t>(uint64_t{1} << 62));
+    EXPECT_LT(lx::gps::TakeStatusPacket(g, fix.f, 1, 0), 0); // anchored far before the pulse
+}
+
 } // namespace
