@@ -174,11 +174,10 @@ TEST_F(Iq, PhaseFollowsTheOffsetForOneSecond) {
 // overrun or the reader half a second behind; a machine too busy for
 // 61.44 MS/s shows them). Nothing is lost without being reported, and the
 // report comes with the samples after the gap.
-// Disabled until it has been run through on a quiet machine. The jumps it
-// found (a phase step at a block boundary in a read that reported nothing)
-// were blocks dropped for a full ring whose gap was marked at the store's
-// end, 20 blocks before its place; the gap now travels with the next block.
-TEST_F(Iq, DISABLED_TenSecondsAtFullRateLoseNothingUnreported) {
+// (The jumps this found, a phase step at a block boundary in a read that
+// reported nothing, were blocks dropped for a full ring whose gap was marked
+// 20 blocks before its place.)
+TEST_F(Iq, TenSecondsAtFullRateLoseNothingUnreported) {
     const double c = 2.45e9, fs = 61.44e6, f = 0.15 * fs;
     h = AttachAndOpen(kSerial, Scene({{c + f, -30}}));
     Start(1, c);
@@ -216,10 +215,7 @@ TEST_F(Iq, DISABLED_TenSecondsAtFullRateLoseNothingUnreported) {
 // sample, at D = 4, 8, 128 and 8192 (D = 1 is left out: the paced stream at
 // 61.44 MS/s overruns on a busy machine); trigger entries left over carry
 // the sentinel.
-// Disabled until it has been run through on a quiet machine (the first
-// stream's loss that stopped it is gone: the simulator planned its packet
-// FFT when the first packet was rendered, 200 ms into a paced stream).
-TEST_F(Iq, DISABLED_TriggerLandsOnTheBurstEdge) {
+TEST_F(Iq, TriggerLandsOnTheBurstEdge) {
     const double c = 1.2e9;
     h = AttachAndOpen(kSerial, Scene({}));
     ASSERT_EQ(lxSetIQTriggerSentinel(-1.0), lxNoError);
@@ -362,10 +358,7 @@ TEST_F(Iq, HostFiltersPassAndStop) {
 // The reader that stops for longer than the store holds (half a second)
 // loses the whole backlog at once: the loss flag and the dropped counter
 // move, and what it reads next is fresh. Purge throws away what is stored.
-// Disabled until it has been run through on a quiet machine: the first
-// stream's loss is gone (see above), but at a load average of 20 the filter
-// thread still falls 20 blocks behind in the first quarter second.
-TEST_F(Iq, DISABLED_LossAndPurge) {
+TEST_F(Iq, LossAndPurge) {
     const double c = 2e9, fs = 960e3;
     h = AttachAndOpen(kSerial, Scene({{c + 1e4, -30}}));
     Start(64, c);
