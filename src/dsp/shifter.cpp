@@ -71,6 +71,10 @@ void FrequencyShifter::Advance(int64_t samples) noexcept {
     phase_ = std::fmod(phase_ + kTwoPi * std::fmod(static_cast<double>(samples) * f_, 1.0), kTwoPi);
 }
 
+void FrequencyShifter::Skip(int64_t count) noexcept {
+    if (count > 0) Advance(count);
+}
+
 DspStatus FrequencyShifter::Shift(const cf32* src, cf32* dst, int64_t count) noexcept {
     if (f_ == 1.0) {
         LX_ASSERT(false, "src/dsp");

@@ -35,6 +35,9 @@ public:
     FrequencyShifter(double f, int n, uint8_t mode);
 
     DspStatus Shift(const cf32* src, cf32* dst, int64_t count) noexcept;
+    // Runs the tone on over `count` samples (>= 0) that are not there (a gap
+    // in the stream), so the samples after them are shifted as if they were.
+    void Skip(int64_t count) noexcept;
 
     double frequency() const noexcept { return f_; }
     // Phase in radians, in [0, 2 pi), of the next sample's tone.

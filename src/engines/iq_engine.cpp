@@ -61,6 +61,13 @@ int IqStageTaps(int32_t factor) {
 
 uint32_t IqPlan::CaptureCode() const { return static_cast<uint32_t>(Log2(d1)) + 1; }
 
+int64_t IqPlan::SettleOutputs() const {
+    if (stage1Taps > 0) return stage1Taps - 1;
+    if (stage2Taps == 0) return 0;
+    const int64_t after2 = (stage2Taps - 1 + stage2 - 1) / stage2;
+    return stage3Taps > 0 ? (after2 + stage3Taps - 1 + stage3 - 1) / stage3 : after2;
+}
+
 double IqPlan::ShiftCyclesPerSample() const {
     return -(centre - capture.captureCentreHz) / (kAdcSampleRateHz / d1);
 }
@@ -138,8 +145,9 @@ PopulatedSamples::PopulatedSamples(int64_t count) : bytes_(sizeof(cf32) * static
 
 PopulatedSamples::~PopulatedSamples() { munmap(data_, bytes_); }
 
-IqSampleStore::IqSampleStore(int64_t capacity, double nsPerSample)
-    : capacity_(std::max<int64_t>(capacity, 1)), nsPerSample_(nsPerSample), ring_(capacity_) {
+IqSampleStore::IqSampleStore(int64_t capacity, double nsPerSample, int64_t settle)
+    : capacity_(std::max<int64_t>(capacity, 1)), nsPerSample_(nsPerSample), settle_(std::max<int64_t>(settle, 0)),
+      ring_(capacity_) {
     triggers_.reserve(1024);
     gaps_.reserve(1024);
 }
@@ -151,7 +159,7 @@ void IqSampleStore::EmptyLocked() {
     gaps_.clear();
 }
 
-int64_t IqSampleStore::Put(const cf32* x, int64_t n, double triggerAt, int64_t stamp, bool lossy) {
+int64_t IqSampleStore::Put(const cf32* x, int64_t n, double triggerAt, int64_t stamp, Loss loss) {
     std::lock_guard<std::mutex> lock(mutex_);
     int64_t dropped = 0;
     if (available_ + n >= capacity_) {
@@ -169,7 +177,11 @@ int64_t IqSampleStore::Put(const cf32* x, int64_t n, double triggerAt, int64_t s
     // The lists never grow while streaming: beyond 1024 pending entries (a
     // reader half a second behind a trigger every block) the rest go unlisted.
     const int64_t at = readIndex_ + available_;
-    if (lossy && gaps_.size() < gaps_.capacity()) gaps_.push_back({at, at + n});
+    if (loss != Loss::None && gaps_.size() < gaps_.capacity()) {
+        // The filters' memory carries the gap `settle` samples further.
+        const int64_t spoiled = loss == Loss::Within ? n + settle_ : std::max<int64_t>(settle_, 1);
+        gaps_.push_back({at, at + spoiled - 1});
+    }
     cf32* ring = ring_.data();
     const int64_t first = std::min(n, capacity_ - write_);
     std::memcpy(static_cast<void*>(ring + write_), x, sizeof(cf32) * static_cast<size_t>(first));
@@ -185,12 +197,6 @@ int64_t IqSampleStore::Put(const cf32* x, int64_t n, double triggerAt, int64_t s
 void IqSampleStore::Purge() {
     std::lock_guard<std::mutex> lock(mutex_);
     EmptyLocked();
-}
-
-void IqSampleStore::MarkGap() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    const int64_t at = readIndex_ + available_;
-    if (gaps_.size() < gaps_.capacity()) gaps_.push_back({at, at});
 }
 
 int64_t IqSampleStore::Available() const {
@@ -254,14 +260,14 @@ IqSampleStore::Taken IqSampleStore::Take(void* dst, int64_t max, bool int16, int
 
 // ---- engine ---------------------------------------------------------------------------
 
-IqEngine::IqEngine(Device& device, IqPlan plan)
+IqEngine::IqEngine(Device& device, IqPlan plan, const CommandList& setup)
     : device_(device),
       plan_(std::move(plan)),
       scale_(static_cast<float>(std::sqrt(std::pow(10.0, plan_.correctionDb / 10.0)))),
       shifter_(plan_.ShiftCyclesPerSample(), static_cast<int>(plan_.blockSamples), plan_.d1 >= 4 ? 1 : 0),
       ring_(plan_.blockSamples * kIqRingSlots),
       temperature_(device.temperature),
-      store_(plan_.StoreCapacity(), plan_.nsPerSample) {
+      store_(plan_.StoreCapacity(), plan_.nsPerSample, plan_.SettleOutputs()) {
     const int64_t B = plan_.blockSamples;
     request_.BeginBlock();
     EncodeTransferRequest(request_, static_cast<uint32_t>(plan_.packets), 1);
@@ -291,6 +297,9 @@ IqEngine::IqEngine(Device& device, IqPlan plan)
     // The acquisition thread drives the transport until the engine is
     // stopped; housekeeping calls answer from the last status packet meanwhile.
     device_.ClaimTransport();
+    // Everything slow (filter design, FFT plans, the populated store) is done:
+    // tune and start the capture now, and the first request follows at once.
+    if (!setup.Words().empty() && !device_.Transport().Send(setup)) return; // the set-up reports the link status
     workers_.Start(plan_.decimation <= 4 ? "LX IQ Filter Thread" : "LX IQ DS and Filter Thread",
                    ThreadPriority::AboveNormal, [this] { FilterThread(); });
     workers_.Start("LX IQ Acquisition Thread", ThreadPriority::TimeCritical, [this] { AcquisitionThread(); });
@@ -359,6 +368,7 @@ void IqEngine::ProcessBlock(const uint8_t* data) {
     const uint8_t* rec = data + static_cast<size_t>(plan_.packets) * kBytesPerPacket;
     double trigger = -1.0;
     bool deviceLoss = false;
+    IqSampleStore::Loss loss = IqSampleStore::Loss::None;
     int64_t stamp;
     if (HasAuxMagic(rec)) {
         const uint32_t word = AuxRead<uint32_t>(rec, kAuxStatusWordOffset);
@@ -369,9 +379,16 @@ void IqEngine::ProcessBlock(const uint8_t* data) {
         const uint64_t tick = AuxRead<uint64_t>(rec, kAuxSampleCounterOffset);
         const uint64_t blockTicks = 2ULL * static_cast<uint64_t>(plan_.d1) * static_cast<uint64_t>(B);
         const bool jumped = haveTick_ && tick != lastTick_ + blockTicks;
+        // The shift stays locked to the device's timeline across samples it
+        // skipped: after a gap a tone keeps its phase against the stamps.
+        if (jumped && tick > lastTick_ + blockTicks)
+            shifter_.Skip(static_cast<int64_t>((tick - lastTick_ - blockTicks) / (2ULL * static_cast<uint64_t>(plan_.d1))));
         lastTick_ = tick;
         haveTick_ = true;
         deviceLoss = (word & kLossBit) != 0 || jumped;
+        // A jump puts the gap before the block; the bit alone says samples
+        // went somewhere before or in it.
+        if (deviceLoss) loss = jumped ? IqSampleStore::Loss::Before : IqSampleStore::Loss::Within;
         if (deviceLoss) lossSeen_.store(true);
         device_.health.TakeStatusWord(jumped ? word | kLossBit : word, kOverflowBit, kLossBit);
         temperature_.store(TemperatureFromWord(AuxRead<uint16_t>(rec, kAuxTemperatureOffset)));
@@ -391,11 +408,16 @@ void IqEngine::ProcessBlock(const uint8_t* data) {
     lastStamp_ = stamp;
 
     if (filled_.load(std::memory_order_acquire) >= kIqRingSlots) {
-        // The filters are 20 blocks behind: this block is lost, and said so.
+        // The filters are 20 blocks behind: this block is lost. The gap lies
+        // behind the 20 blocks still in the ring, before the next one that
+        // gets in: that one carries it to the store.
         StreamHealth::Add(device_.health.samplesDropped, static_cast<uint64_t>(plan_.OutputsPerBlock()));
-        store_.MarkGap();
+        shifter_.Skip(B);
+        pendingLoss_ = IqSampleStore::Loss::Before;
         return;
     }
+    loss = std::max(loss, pendingLoss_); // Within wins: it covers the start too
+    pendingLoss_ = IqSampleStore::Loss::None;
     cf32* slot = ring_.data() + static_cast<int64_t>(write_) * B;
     dsp::ConvertIq16(reinterpret_cast<const int16_t*>(data), slot, B);
     if (plan_.capture.mirrored) {
@@ -405,7 +427,7 @@ void IqEngine::ProcessBlock(const uint8_t* data) {
     }
     shifter_.Shift(slot, slot, B);
     slotTrigger_[static_cast<size_t>(write_)] = trigger;
-    slotGap_[static_cast<size_t>(write_)] = deviceLoss;
+    slotLoss_[static_cast<size_t>(write_)] = loss;
     slotStamp_[static_cast<size_t>(write_)] = stamp;
     filled_.fetch_add(1, std::memory_order_acq_rel);
     blockReady_.Set();
@@ -436,7 +458,7 @@ void IqEngine::FilterThread() {
         }
         const int64_t dropped =
             store_.Put(out, n, slotTrigger_[static_cast<size_t>(r)], slotStamp_[static_cast<size_t>(r)],
-                       slotGap_[static_cast<size_t>(r)]);
+                       slotLoss_[static_cast<size_t>(r)]);
         if (dropped > 0) StreamHealth::Add(device_.health.samplesDropped, static_cast<uint64_t>(dropped));
         dataReady_.Set();
         filled_.fetch_sub(1, std::memory_order_acq_rel);
@@ -488,15 +510,18 @@ std::unique_ptr<IqEngine> StartIqStream(Device& dev, const IqSettings& settings,
     FillIqCorrection(plan, dev.Cal(), CalBracket{dev.correctionIndex, static_cast<float>(dev.correctionFraction)});
     TuningState tuning;
     const CommandList commands = BuildIqSetupCommands(plan, tuning);
-    dev.Transport().Send(commands);
+    // The device's pipeline offset for this hardware decimation (time anchoring).
+    dev.hwDecimation = plan.d1;
+    dev.sampleOffset = static_cast<uint64_t>(PipelineOffsetTicks(plan.d1));
+    // The engine sends the set-up commands once it is built, just before its
+    // first request: nothing slow may stand between the capture's start and
+    // the request that takes its first samples.
+    auto engine = std::make_unique<IqEngine>(dev, std::move(plan), commands);
     if (const LxStatus s = dev.Transport().LinkStatus(); s < 0) {
         *status = s;
         return nullptr;
     }
-    // The device's pipeline offset for this hardware decimation (time anchoring).
-    dev.hwDecimation = plan.d1;
-    dev.sampleOffset = static_cast<uint64_t>(PipelineOffsetTicks(plan.d1));
-    return std::make_unique<IqEngine>(dev, std::move(plan));
+    return engine;
 }
 
 LxStatus SetupIq(Device& dev) {

@@ -17,9 +17,13 @@
 //
 // Loss: a block the analyzer reports lost samples before (status bit 0x200),
 // or whose sample counter does not follow the last block's by 2 D1 B ticks,
-// carries a gap to the store; so does a block dropped for a full ring. The
-// read that delivers the samples after a gap reports it (sampleLoss), and
-// lxUncalData is returned by the next read.
+// carries a gap to the store; so does the first block written after one
+// dropped for a full ring (the gap lies behind the 20 blocks still in the
+// ring, not at the store's end when the drop happens). The reads that
+// deliver the samples at a gap, or the filter outputs whose memory spans it,
+// report it (sampleLoss), and lxUncalData is returned by the next read. The
+// shifter runs on over what is missing, so a tone keeps its phase against
+// the time stamps after a gap.
 //
 // Time: a block's first output sample is stamped device time of its status
 // packet - 2 D1 B ticks - 2 G ticks (ns since 1970; the device time is GPS
@@ -110,6 +114,8 @@ struct IqPlan {
     double nsPerSample = 0;
 
     int64_t OutputsPerBlock() const { return blockSamples / host; }
+    // Outputs after a gap in the input whose filter memory reaches across it.
+    int64_t SettleOutputs() const;
     int64_t StoreCapacity() const { return static_cast<int64_t>(kIqStoreSeconds * sampleRate); }
     uint32_t CaptureCode() const; // log2(D1) + 1
     double ShiftCyclesPerSample() const;
@@ -145,21 +151,25 @@ private:
 // second of output; a writer that finds it would overflow empties it (the
 // whole backlog goes at once). Every gap in the stream - that emptying, a
 // block the analyzer reported lost, a block dropped before the store - is
-// kept at its place in the stream, and the read whose samples reach past it
+// kept at its place in the stream, and every read whose samples reach it
 // reports the loss, so a reader can tell exactly which read is not
-// continuous with the one before.
+// continuous with the one before. A gap upstream of the filters also spoils
+// the outputs whose filter memory spans it (`settle` of them after it): the
+// reads that reach those report it too.
 class IqSampleStore {
 public:
-    IqSampleStore(int64_t capacity, double nsPerSample);
+    IqSampleStore(int64_t capacity, double nsPerSample, int64_t settle = 0);
 
-    // n samples whose first is stamped `stamp` (ns); triggerAt < 0: none;
-    // lossy: samples are missing before the first or somewhere among these.
+    enum class Loss : uint8_t {
+        None,
+        Before, // samples are missing just before the first of these
+        Within, // samples are missing before or somewhere among these
+    };
+    // n samples whose first is stamped `stamp` (ns); triggerAt < 0: none.
     // Returns the samples thrown away to make room (0 normally).
-    int64_t Put(const cf32* x, int64_t n, double triggerAt, int64_t stamp, bool lossy = false);
+    int64_t Put(const cf32* x, int64_t n, double triggerAt, int64_t stamp, Loss loss = Loss::None);
     // Empties the store, and forgets its gaps.
     void Purge();
-    // A block that never reached the store: a gap before the next sample.
-    void MarkGap();
 
     struct Taken {
         int64_t count = 0;
@@ -179,20 +189,24 @@ private:
     mutable std::mutex mutex_;
     const int64_t capacity_;
     const double nsPerSample_;
+    const int64_t settle_;
     PopulatedSamples ring_;
     int64_t write_ = 0, read_ = 0, available_ = 0;
     int64_t readIndex_ = 0;          // stream index of the oldest stored sample
     std::vector<double> triggers_;   // stream indices, ascending
-    // Stream index ranges [first, last] in which samples are missing: a point
-    // for a gap before sample `first`, a whole block (and the first sample
-    // after it) for a block the analyzer reported lost samples in.
+    // Stream index ranges [first, last] whose reads report a loss.
     std::vector<std::pair<int64_t, int64_t>> gaps_;
     int64_t endStamp_ = 0;           // time just after the newest stored sample
 };
 
 class IqEngine final : public Engine {
 public:
-    IqEngine(Device& device, IqPlan plan);
+    // Builds everything (filters, FFT plans, ring, store), then sends
+    // `setup` (tuning, taps, capture start: BuildIqSetupCommands), then
+    // starts the threads, whose first request follows at once. An engine
+    // whose set-up could not be sent starts no thread (the link status says
+    // why). An empty `setup` sends nothing: the caller has tuned the device.
+    IqEngine(Device& device, IqPlan plan, const CommandList& setup = {});
     ~IqEngine() override;
     IqEngine(const IqEngine&) = delete;
     IqEngine& operator=(const IqEngine&) = delete;
@@ -222,7 +236,8 @@ private:
     PopulatedSamples ring_;
     ComplexVector workA_, workB_;
     std::array<double, kIqRingSlots> slotTrigger_{};  // < 0: none
-    std::array<bool, kIqRingSlots> slotGap_{};        // the analyzer lost samples before the slot
+    std::array<IqSampleStore::Loss, kIqRingSlots> slotLoss_{}; // samples missing before or in the slot
+    IqSampleStore::Loss pendingLoss_ = IqSampleStore::Loss::None; // for the next slot written (a dropped block)
     std::array<int64_t, kIqRingSlots> slotStamp_{};
     int write_ = 0;
     std::atomic<int> filled_{0};

@@ -85,7 +85,11 @@ inline constexpr int kSweepListSlots = 16;
 inline constexpr int32_t kSweepListMaxSteps = 1000;
 inline constexpr int kSweepListMaxTransfers = 32;
 inline constexpr int32_t kSweepListReadPackets = 128;
-inline constexpr double kSweepListShiftRateHz = 61.44e6;
+// The step shift is -(step frequency - capture centre) / 5e7 cycles per
+// sample, not per 61.44 MS/s sample: a step whose capture centre misses its
+// frequency by d leaves the step frequency at d (1 - 61.44 / 50) from 0 Hz
+// (docs/iq_sweep_list.md). Kept so for compatibility.
+inline constexpr double kSweepListShiftRateHz = 5e7;
 
 struct SweepListStepPlan {
     double frequency = 0;

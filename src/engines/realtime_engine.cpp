@@ -179,6 +179,7 @@ void RealTimeEngine::UsbThread() {
         const usb::TransferResult r = link.FinishRead(slot);
         if (w.timedOut || r.timedOut || r.transferred != kRtTransferBytes || r.buffer == nullptr) {
             usbFailed_.store(true);
+            StreamHealth::Add(device_.health.transportErrors, 1);
             // Wake a reader that waits on the slot lock: it sees the failure.
             break;
         }
@@ -229,6 +230,7 @@ void RealTimeEngine::TakeBlock(const uint8_t* data) {
         const uint32_t word = AuxRead<uint32_t>(status, kAuxStatusWordOffset);
         if (word & kAuxStatusAdcOverflow) adcOverflow_.store(true);
         if (word & kAuxStatusDataLoss) dataLoss_.store(true);
+        device_.health.TakeStatusWord(word, kAuxStatusAdcOverflow, kAuxStatusDataLoss);
         if (received_.load(std::memory_order_relaxed) == 0) {
             // The block's first sample left the antenna at K - 2 B + L(1).
             const auto k = static_cast<int64_t>(AuxRead<uint64_t>(status, kAuxSampleCounterOffset));
@@ -308,6 +310,7 @@ void RealTimeEngine::FftThread() {
                     continue;
                 }
                 lostSpectra_.fetch_add(1, std::memory_order_relaxed);
+                StreamHealth::Add(device_.health.spectraLost, 1);
                 lostSinceRead_.store(true, std::memory_order_relaxed);
             } else {
                 const int64_t pos = r % kRtRingSamples;

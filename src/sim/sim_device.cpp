@@ -79,6 +79,7 @@ SimDevice::SimDevice(int32_t id, std::string product, std::string serial, std::s
     rng_ = 0x9E3779B97F4A7C15ULL ^ (static_cast<uint64_t>(id) << 17) ^ std::hash<std::string>{}(serial_);
     if (rng_ == 0) rng_ = 1;
     ProgramFactoryFlash(flash_, serial_, scene_->calibration);
+    PrepareSynthesis();
 }
 
 int32_t SimDevice::SerialNumber() const {
@@ -415,7 +416,7 @@ void SimDevice::RenderItem(OutItem& it, uint8_t* dst) {
         if (RenderIqPacket(plan, it.sampleIndex, NextRandom(rng_), reinterpret_cast<int16_t*>(dst)))
             pendingStatus_ |= fe::kStatusAdcOverflow;
         if (scene.pacing == Pacing::Realtime &&
-            Clock::now() - it.readyAt > std::chrono::duration<double>(kDeviceBufferSeconds))
+            Clock::now() - it.readyAt > std::chrono::duration<double>(DeviceBufferSeconds(plan.decimation)))
             pendingStatus_ |= fe::kStatusDataLoss;
         return;
     }
@@ -678,27 +679,39 @@ void SimDevice::QueueTransferRequest(uint32_t w) {
     const uint64_t factor = config ? static_cast<uint64_t>(config->decimation) : 1;
     // The decimator keeps the ADC samples whose index is a multiple of its
     // factor: a decimated capture starts on the next such sample.
-    if (iq > 0) samplePos_ = (samplePos_ + factor - 1) / factor * factor;
-    // A paced stream only keeps what has been asked for: a request that comes
-    // after the samples following the last one have passed finds them gone.
-    const bool lateLoss = iq > 0 && paced && run_.streaming && samplePos_ > run_.streamEnd;
+    uint64_t pos = iq > 0 ? (samplePos_ + factor - 1) / factor * factor : samplePos_;
+    // A paced stream captures on between requests into the device's FIFO: a
+    // request that comes while the samples after the last one are still held
+    // continues the stream without a gap; later, they have been overwritten,
+    // and the stream goes on from the present with the loss reported.
+    bool lateLoss = false;
+    if (iq > 0 && paced && run_.streaming && pos > run_.streamEnd) {
+        const auto held = static_cast<uint64_t>(DeviceBufferSeconds(static_cast<int>(factor)) * fe::kSampleRateHz);
+        if (pos - run_.streamEnd <= held)
+            pos = run_.streamEnd;
+        else
+            lateLoss = true;
+    }
     for (uint32_t k = 0; k < iq; ++k) {
         OutItem it;
         it.kind = OutItem::Kind::Iq;
         it.start = producedEnd_;
         it.size = kIqPacketBytes;
-        it.sampleIndex = samplePos_;
-        samplePos_ += kIqPacketSamples * factor;
-        it.readyAt = readyOf(samplePos_);
+        it.sampleIndex = pos;
+        pos += kIqPacketSamples * factor;
+        it.readyAt = readyOf(pos);
         it.config = config;
         items_.push_back(std::move(it));
         producedEnd_ += kIqPacketBytes;
         ++pendingIq_;
     }
     const uint64_t blockSpan = iq * static_cast<uint64_t>(kIqPacketSamples) * factor;
+    // Device time never runs backwards; a continued stream's samples may lie
+    // in its past.
+    samplePos_ = std::max(samplePos_, pos);
     if (iq > 0) {
         run_.streaming = true;
-        run_.streamEnd = samplePos_;
+        run_.streamEnd = pos;
     }
     AuxGps gps;
     if (aux > 0) {
@@ -716,10 +729,10 @@ void SimDevice::QueueTransferRequest(uint32_t w) {
         it.kind = OutItem::Kind::Aux;
         it.start = producedEnd_;
         it.size = kAuxPacketBytes;
-        it.sampleIndex = samplePos_;
-        it.readyAt = readyOf(samplePos_);
+        it.sampleIndex = pos;
+        it.readyAt = readyOf(pos);
         it.gps = gps;
-        it.blockFirst = samplePos_ - blockSpan;
+        it.blockFirst = pos - blockSpan;
         it.blockSpan = blockSpan;
         it.blockDecimation = static_cast<int>(factor);
         it.triggerEdge = run_.triggerEdge;

@@ -85,9 +85,13 @@ inline constexpr uint32_t kDmaBufferBytes = 32768;
 inline constexpr uint32_t kFlashReadBytes = 32768;
 inline constexpr size_t kCommandLogWords = 1u << 18;
 inline constexpr size_t kGpsInputBytes = 1u << 16; // the receiver's input kept for lxSimGetGpsInput
-// Paced delivery: the device holds this much of the stream before it
-// overwrites unread samples (and reports data loss).
-inline constexpr double kDeviceBufferSeconds = 8.0 * 1024 * 1024 / (fe::kSampleRateHz * 4);
+// Paced delivery: the device's FIFO holds this much of the stream (4 bytes
+// per delivered sample) before it overwrites unread samples and reports data
+// loss: 34 ms at the full rate, four times that at hardware decimation 4.
+inline constexpr double kDeviceBufferBytes = 8.0 * 1024 * 1024;
+inline constexpr double DeviceBufferSeconds(int decimation) {
+    return kDeviceBufferBytes / 4.0 * decimation / fe::kSampleRateHz;
+}
 
 class SimDevice;
 

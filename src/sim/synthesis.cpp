@@ -362,12 +362,21 @@ std::shared_ptr<const std::vector<double>> FmPhaseTable(const AudioTrack& audio,
     return t;
 }
 
+namespace {
+const std::shared_ptr<const dsp::FftPlan>& PacketFft() {
+    static const std::shared_ptr<const dsp::FftPlan> fft = dsp::FftPlan::Get(kN);
+    return fft;
+}
+} // namespace
+
+void PrepareSynthesis() { PacketFft(); }
+
 void RenderNoise(const RenderPlan& plan, uint64_t noiseKey, float* x) {
     if (plan.noiseShape.empty()) {
         std::fill_n(x, 2 * kN, 0.0f);
         return;
     }
-    static const std::shared_ptr<const dsp::FftPlan> fft = dsp::FftPlan::Get(kN);
+    const std::shared_ptr<const dsp::FftPlan>& fft = PacketFft();
     alignas(64) std::complex<float> spectrum[kN];
     const uint32_t k1 = Mix(static_cast<uint32_t>(noiseKey) ^ 0x6a09e667u);
     const uint32_t k2 = Mix(static_cast<uint32_t>(noiseKey >> 32) + k1);

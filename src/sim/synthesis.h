@@ -82,6 +82,11 @@ std::shared_ptr<const std::vector<double>> FmPhaseTable(const AudioTrack& audio,
 // per packet). Returns true when any value clipped at the 16-bit limits.
 bool RenderIqPacket(const RenderPlan& plan, uint64_t firstAdcSample, uint64_t noiseKey, int16_t* out);
 
+// Plans the packet transform (once per process). Planning may measure for a
+// tenth of a second or more: a device calls this when it is attached, so
+// that the first packet of a paced stream is not late by that much.
+void PrepareSynthesis();
+
 // Only the noise: 2048 complex values (re, im interleaved) in full-scale
 // units; x must be 16-byte aligned.
 void RenderNoise(const RenderPlan& plan, uint64_t noiseKey, float* x);

@@ -53,11 +53,13 @@ protected:
         std::string t = (fs::temp_directory_path() / "lx530-list-XXXXXX").string();
         ASSERT_NE(mkdtemp(t.data()), nullptr);
         dir = t;
-        // Tones kOffset above 20 MHz (band 0, mirrored), 915 MHz and 5.8 GHz.
+        // Tones kOffset above 19.2 MHz (band 0, mirrored), 915.84 MHz and 5.80224 GHz:
+        // steps on the 960 kHz tuning grid, which the analyzer tunes exactly, so the
+        // step frequency is at 0 Hz of the samples (docs/iq_sweep_list.md).
         std::ofstream(dir / "scene.json") << R"({"noise_floor_dbm_hz": -160, "emitters": [)"
-                                             R"({"kind": "tone", "frequency_hz": 20100000, "power_dbm": -30},)"
-                                             R"({"kind": "tone", "frequency_hz": 915100000, "power_dbm": -30},)"
-                                             R"({"kind": "tone", "frequency_hz": 5800100000, "power_dbm": -30}]})";
+                                             R"({"kind": "tone", "frequency_hz": 19300000, "power_dbm": -30},)"
+                                             R"({"kind": "tone", "frequency_hz": 915940000, "power_dbm": -30},)"
+                                             R"({"kind": "tone", "frequency_hz": 5802340000, "power_dbm": -30}]})";
     }
     void TearDown() override {
         std::error_code ec;
@@ -109,7 +111,7 @@ std::vector<T> ReadSamples(const fs::path& p) {
 // capture's samples hold the scene's tone at -30 dBm, the printed powers
 // agree, the time stamps increase.
 TEST_F(IqList, OneRecordingWithACapturePerStep) {
-    const ToolRun r = Tool({"list", "20M", "915M", "5.8G", "--samples", "10000", "--passes", "2", "--scene", "scene.json",
+    const ToolRun r = Tool({"list", "19.2M", "915.84M", "5.80224G", "--samples", "10000", "--passes", "2", "--scene", "scene.json",
                         "--sigmf", "rec", "--json"});
     ASSERT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(SchemaErrors(dir / "rec.sigmf-meta"), "");
@@ -119,7 +121,7 @@ TEST_F(IqList, OneRecordingWithACapturePerStep) {
     ASSERT_EQ(x.size(), size_t(2 * 6 * 10000));
     ASSERT_EQ(meta["captures"].size(), 6u);
     EXPECT_EQ(meta["global"]["core:datatype"], "cf32_le");
-    const double hz[] = {20e6, 915e6, 5.8e9};
+    const double hz[] = {19.2e6, 915.84e6, 5.80224e9};
     for (size_t i = 0; i < 6; ++i) {
         const json& c = meta["captures"][i];
         EXPECT_EQ(c["core:sample_start"], int64_t(i) * 10000);
@@ -136,7 +138,7 @@ TEST_F(IqList, OneRecordingWithACapturePerStep) {
 // One recording per step from a CSV file, raw int16: the metadata's scale
 // calibrates them; CSV fields left empty take the options' values.
 TEST_F(IqList, PerStepRecordingsFromCsv) {
-    std::ofstream(dir / "steps.csv") << "frequency,ref_level,atten,samples\n915M,-20,,4096\n# a comment\n5.8G,,auto\n";
+    std::ofstream(dir / "steps.csv") << "frequency,ref_level,atten,samples\n915.84M,-20,,4096\n# a comment\n5.80224G,,auto\n";
     const ToolRun r = Tool({"list", "--csv", "steps.csv", "--samples", "6000", "--format", "ci16", "--per-step", "--sigmf",
                         "step", "--scene", "scene.json"});
     ASSERT_EQ(r.code, 0) << r.err;

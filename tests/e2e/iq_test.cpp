@@ -174,10 +174,10 @@ TEST_F(Iq, PhaseFollowsTheOffsetForOneSecond) {
 // overrun or the reader half a second behind; a machine too busy for
 // 61.44 MS/s shows them). Nothing is lost without being reported, and the
 // report comes with the samples after the gap.
-// Disabled: on a machine too busy for the paced simulator, reads that report
-// no loss show jumps at one packet boundary inside consecutive blocks; not
-// yet traced to the host or to the simulator's overrun model.
-TEST_F(Iq, DISABLED_TenSecondsAtFullRateLoseNothingUnreported) {
+// (The jumps this found, a phase step at a block boundary in a read that
+// reported nothing, were blocks dropped for a full ring whose gap was marked
+// 20 blocks before its place.)
+TEST_F(Iq, TenSecondsAtFullRateLoseNothingUnreported) {
     const double c = 2.45e9, fs = 61.44e6, f = 0.15 * fs;
     h = AttachAndOpen(kSerial, Scene({{c + f, -30}}));
     Start(1, c);
@@ -215,11 +215,7 @@ TEST_F(Iq, DISABLED_TenSecondsAtFullRateLoseNothingUnreported) {
 // sample, at D = 4, 8, 128 and 8192 (D = 1 is left out: the paced stream at
 // 61.44 MS/s overruns on a busy machine); trigger entries left over carry
 // the sentinel.
-// Disabled: when this is the first stream of the process the analyzer
-// reports data loss at the stream's start (the set-up starts the capture
-// before the engine's first request; the first configure of a process takes
-// longer than the analyzer's buffer holds). Passes when a stream ran before.
-TEST_F(Iq, DISABLED_TriggerLandsOnTheBurstEdge) {
+TEST_F(Iq, TriggerLandsOnTheBurstEdge) {
     const double c = 1.2e9;
     h = AttachAndOpen(kSerial, Scene({}));
     ASSERT_EQ(lxSetIQTriggerSentinel(-1.0), lxNoError);
@@ -275,9 +271,11 @@ TEST_F(Iq, DISABLED_TriggerLandsOnTheBurstEdge) {
 // receiver's messages name the second of each pulse) start at the samples
 // the stamps predict, within one sample, at D = 2 .. 8192.
 // Disabled: it passes at some decimations and in some runs, while in others
-// the bursts are found more than 60 samples before the stamps place them; not
-// yet traced (the anchoring of the stamps to the receiver's messages is the
-// first suspect).
+// the bursts are found more than 60 samples before the stamps place them.
+// Suspected, not yet shown: the bursts are placed in device seconds
+// (start_s), and the receiver's pulses leave whole device seconds while the
+// reference runs at the power-on tune word before the host's first write;
+// placing them with start_utc would make UTC the truth.
 TEST_F(Iq, DISABLED_GpsTimeStampsPlaceBursts) {
     const double c = 2.2e9;
     h = AttachAndOpen(kSerial, Scene({}));
@@ -360,11 +358,7 @@ TEST_F(Iq, HostFiltersPassAndStop) {
 // The reader that stops for longer than the store holds (half a second)
 // loses the whole backlog at once: the loss flag and the dropped counter
 // move, and what it reads next is fresh. Purge throws away what is stored.
-// Disabled: when this is the first stream of the process the analyzer
-// reports data loss at the stream's start (the set-up starts the capture
-// before the engine's first request; the first configure of a process takes
-// longer than the analyzer's buffer holds). Passes when a stream ran before.
-TEST_F(Iq, DISABLED_LossAndPurge) {
+TEST_F(Iq, LossAndPurge) {
     const double c = 2e9, fs = 960e3;
     h = AttachAndOpen(kSerial, Scene({{c + 1e4, -30}}));
     Start(64, c);

@@ -221,7 +221,8 @@ TEST_F(RealTime, WarningsFollowTheSceneAndTheFaultsInTheirPrecedence) {
 
 // A paced analyzer whose timeline jumps ahead of the host (100 ms in one go)
 // overruns its buffer: lost samples are reported, and they beat the
-// overload that every packet of this input reports.
+// overload that every packet of this input reports; the stream health
+// counts the status packets that reported each.
 TEST_F(RealTime, LostSamplesAtTheAnalyzerBeatTheOverload) {
     Open(ToneScene(1.001e9, 15.0, -150.0, "\"pacing\": \"realtime\""));
     Configure(1e9, 20e6, 100e3, 1, 0.0, 100.0);
@@ -231,10 +232,17 @@ TEST_F(RealTime, LostSamplesAtTheAnalyzerBeatTheOverload) {
     for (int i = 0; i < 40 && (s = Next().status) != lxUncalData; ++i) {
     }
     EXPECT_EQ(s, lxUncalData);
+    // The stream's health counts both.
+    LxStreamHealth health{};
+    ASSERT_EQ(lxGetStreamHealth(h, &health), lxNoError);
+    EXPECT_GT(health.dataLossEvents, 0u);
+    EXPECT_GT(health.adcOverflowEvents, 0u);
+    EXPECT_EQ(health.transportErrors, 0u);
 }
 
 // A stalled stream: the frame read returns the lost link instead of waiting
-// for ever, and the device can be set up again.
+// for ever (the stream health counts the failed transfer), and the device
+// can be set up again.
 TEST_F(RealTime, AStalledStreamEndsTheReadWithTheLinkStatus) {
     Open(ToneScene(1e9, -30.0, -150.0));
     Configure(1e9, 20e6, 1e6, 0, 0.0, 100.0);
@@ -247,6 +255,9 @@ TEST_F(RealTime, AStalledStreamEndsTheReadWithTheLinkStatus) {
     EXPECT_EQ(f.status, lxConnectionLostErr);
     EXPECT_EQ(f.count, 0);
     EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(20));
+    LxStreamHealth health{};
+    ASSERT_EQ(lxGetStreamHealth(h, &health), lxNoError);
+    EXPECT_EQ(health.transportErrors, 1u); // the stream ends at the first failed transfer
     ASSERT_EQ(lxSimInjectFault(kSerial, lxSimFaultNone, 0), lxNoError);
     EXPECT_EQ(lxAbort(h), lxNoError);
 }

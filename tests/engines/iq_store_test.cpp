@@ -58,11 +58,13 @@ TEST(IqSampleStore, OrderTriggersAndStamps) {
     EXPECT_EQ(store.Available(), 0);
 }
 
-// Every gap is reported by the read whose samples reach past it, not before:
-// the emptying of an overflowing store, a block the analyzer reported lost,
-// a block that never reached the store.
+// Every gap is reported by each read that reaches it or the outputs the
+// filters' memory carries it into (20 here): the emptying of an overflowing
+// store, a block the analyzer reported lost, a block that never reached the
+// store (the gap before the next one).
 TEST(IqSampleStore, GapsAreReportedWhereTheyAre) {
-    IqSampleStore store(1000, kNs);
+    using Loss = IqSampleStore::Loss;
+    IqSampleStore store(1000, kNs, 20);
     const auto x = Ramp(0, 600);
     std::vector<int16_t> out(2 * 1000);
     std::vector<double> trig(2, -7);
@@ -80,18 +82,20 @@ TEST(IqSampleStore, GapsAreReportedWhereTheyAre) {
     EXPECT_EQ(out[2 * 399 + 1], -32768);
     EXPECT_EQ(out[0], 0);
 
+    // Stream positions from here: 0..299 clean, 300..499 lost in (spoiling up
+    // to 519), 500..599 clean, a gap before 600 (spoiling 600..619), clean on.
     EXPECT_EQ(store.Put(x.data(), 300, -1.0, 0), 0);
-    EXPECT_EQ(store.Put(x.data(), 300, -1.0, 0, true), 0); // the analyzer lost samples in or before these
-    store.MarkGap();                                        // and a block was dropped after them
+    EXPECT_EQ(store.Put(x.data(), 200, -1.0, 0, Loss::Within), 0);
     EXPECT_EQ(store.Put(x.data(), 100, -1.0, 0), 0);
-    // Reads reaching into the lossy block or onto the first sample after it or
-    // after the dropped block report the loss.
-    for (const auto& [n, gap] : {std::pair{300, false}, {100, true}, {199, true}, {1, true}, {1, true}, {99, false}}) {
+    EXPECT_EQ(store.Put(x.data(), 100, -1.0, 0, Loss::Before), 0);
+    EXPECT_EQ(store.Put(x.data(), 100, -1.0, 0), 0);
+    for (const auto& [n, gap] : {std::pair{300, false}, {100, true}, {150, true}, {30, false}, {30, true}, {5, true},
+                                 {10, true}, {175, false}}) {
         t = take(n);
         EXPECT_EQ(t.count, n);
         EXPECT_EQ(t.gap, gap) << n;
     }
-    EXPECT_EQ(store.Put(x.data(), 300, 1.0, 0, true), 0);
+    EXPECT_EQ(store.Put(x.data(), 300, 1.0, 0, Loss::Within), 0);
     store.Purge(); // a purge forgets what it threw away, gaps included
     EXPECT_EQ(store.Available(), 0);
     EXPECT_EQ(take(10).count, 0);

@@ -6,11 +6,15 @@
 
 #include <cmath>
 #include <complex>
+#include <string>
 #include <vector>
 
 #include "common/lx_assert.h"
 #include "engines/iq_sweep_list_engine.h"
 #include "engines/sweep_plan.h"
+#include "lx_api.h"
+#include "lx_lib/tuning_planner.h"
+#include "lx_sim.h"
 
 namespace {
 
@@ -88,6 +92,57 @@ TEST(SweepListConversion, Int16IsTheShiftedValueRoundedAndSaturated) {
         }
         EXPECT_GT(saturated, 0);
     }
+}
+
+} // namespace
+
+namespace {
+
+// Off the tuning grid the step shift -(F - C) / 5e7 per 61.44 MS/s sample
+// leaves a tone at F + x at x + (F - C)(1 - 61.44 / 50) in the step's
+// samples, C the capture centre the tuning makes for F. Found by a search
+// on the simulated analyzer's output, expected from the scene and the tuning.
+TEST(SweepListOffset, ToneLandsWhereTheShiftPutsIt) {
+    constexpr int32_t kSerial = 41100301;
+    constexpr double kFs = 61.44e6, kX = 100e3;
+    constexpr uint32_t kN = 16384;
+    const double steps[] = {20.1e6, 1e9, 2.45e9, 8.0004e9, 14.9e9};
+    std::string scene = R"({"noise_floor_dbm_hz": -160, "emitters": [)";
+    for (double f : steps)
+        scene += (f == steps[0] ? "" : ",") + std::string(R"({"kind": "tone", "power_dbm": -30, "frequency_hz": )") +
+                 std::to_string(f + kX) + "}";
+    ASSERT_EQ(lxSimAttach(kSerial, (scene + "]}").c_str()), lxNoError);
+    int32_t h = -1;
+    ASSERT_EQ(lxOpenDeviceBySerial(&h, kSerial), lxNoError);
+    ASSERT_EQ(lxSetIQSweepListSteps(h, 5), lxNoError);
+    for (int32_t i = 0; i < 5; ++i) {
+        ASSERT_EQ(lxSetIQSweepListFreq(h, i, steps[i]), lxNoError);
+        ASSERT_EQ(lxSetIQSweepListSampleCount(h, i, kN), lxNoError);
+    }
+    ASSERT_EQ(lxConfigure(h, lxModeIQSweepList), lxNoError);
+    std::vector<float> x(2 * 5 * kN);
+    ASSERT_EQ(lxIQSweepListGetSweep(h, x.data(), nullptr), lxNoError);
+    auto power = [&](const float* v, double hz) {
+        std::complex<double> acc = 0, turn = 1;
+        const std::complex<double> step = std::polar(1.0, -2 * M_PI * hz / kFs);
+        for (uint32_t k = 0; k < kN; ++k, turn *= step) acc += std::complex<double>(v[2 * k], v[2 * k + 1]) * turn;
+        return std::norm(acc);
+    };
+    int off = 0;
+    for (int i = 0; i < 5; ++i) {
+        const float* v = x.data() + 2 * size_t(i) * kN;
+        const double d = steps[i] - lx::PlanCapture(steps[i]).captureCentreHz;
+        off += std::fabs(d) > 10e3;
+        const double want = kX + d * (1.0 - kFs / 5e7);
+        double best = 0, at = 0;
+        for (double f = kX - 130e3; f <= kX + 130e3; f += 200) // 200 Hz: a twentieth of the 16384-point bin
+            if (const double p = power(v, f); p > best) best = p, at = f;
+        EXPECT_NEAR(at, want, 150) << steps[i] << " Hz, capture centre off by " << d;
+        EXPECT_NEAR(10 * std::log10(best) - 20 * std::log10(double(kN)), -30.0, 0.2) << steps[i];
+    }
+    EXPECT_GE(off, 3); // the cases that tell 5e7 from 61.44e6
+    lxCloseDevice(h);
+    lxSimDetachAll();
 }
 
 } // namespace

@@ -194,10 +194,11 @@ TEST_F(DataPlaneTest, RealtimePacingHoldsTheSampleRate) {
     ASSERT_EQ(r.data.size(), 1048576u);
     EXPECT_NE(U32(&r.data[127 * 8192 + 48]) & 0x200, 0u);
     ASSERT_EQ(Read(*d, 1048576, 2000).data.size(), 1048576u);
-    // The stream ran on without a request: the next one finds its samples
-    // gone. After a stop word a request starts a new capture instead.
+    // The stream ran on without a request for longer than the device's
+    // 34 ms buffer holds: the next one finds its samples gone. After a stop
+    // word a request starts a new capture instead.
     for (const bool stop : {false, true}) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::this_thread::sleep_for(std::chrono::milliseconds(80));
         ASSERT_TRUE(Send(*d, stop ? Cat({{0x32000000u}, Request(127, 1)}) : Request(127, 1)));
         r = Read(*d, 1048576, 2000);
         ASSERT_EQ(r.data.size(), 1048576u);
