@@ -14,7 +14,7 @@
 #include <functional>
 #include <limits>
 #include <map>
-#include <regex>
+#include <cctype>
 #include <set>
 #include <sstream>
 #include <string>
@@ -216,16 +216,39 @@ const std::vector<Row>& Rows() {
     return rows;
 }
 
+// The names declared after LX_API, outside comments and preprocessor lines.
+// (Scanned by hand: <regex> trips GCC 12's -Wmaybe-uninitialized at -O2.)
 std::set<std::string> HeaderExports() {
     std::set<std::string> names;
     for (const char* header : {"/include/lx_api.h", "/include/lx_sim.h"}) {
         std::ifstream in(std::string(LX_TEST_SOURCE_DIR) + header);
         std::stringstream ss;
         ss << in.rdbuf();
-        std::string text = std::regex_replace(ss.str(), std::regex(R"(/\*[\s\S]*?\*/)"), " ");
-        text = std::regex_replace(text, std::regex(R"(#[^\n]*)"), " ");
-        static const std::regex decl(R"(LX_API\s+[^;(#]*?\b(\w+)\s*\()");
-        for (std::sregex_iterator m(text.begin(), text.end(), decl), end; m != end; ++m) names.insert((*m)[1]);
+        const std::string raw = ss.str();
+        std::string text;
+        bool lineStart = true;
+        for (size_t i = 0; i < raw.size(); ++i) {
+            if (raw.compare(i, 2, "/*") == 0) {
+                const size_t end = raw.find("*/", i + 2);
+                i = end == std::string::npos ? raw.size() : end + 1;
+                text += ' ';
+            } else if (lineStart && raw[i] == '#') {
+                while (i < raw.size() && raw[i] != '\n') ++i;
+                text += '\n';
+            } else {
+                text += raw[i];
+                lineStart = raw[i] == '\n' || (lineStart && std::isspace(static_cast<unsigned char>(raw[i])));
+            }
+        }
+        for (size_t at = text.find("LX_API"); at != std::string::npos; at = text.find("LX_API", at + 6)) {
+            const size_t paren = text.find('(', at);
+            if (paren == std::string::npos) break;
+            size_t end = paren;
+            while (end > at && std::isspace(static_cast<unsigned char>(text[end - 1]))) --end;
+            size_t begin = end;
+            while (begin > at && (std::isalnum(static_cast<unsigned char>(text[begin - 1])) || text[begin - 1] == '_')) --begin;
+            names.insert(text.substr(begin, end - begin));
+        }
     }
     return names;
 }
