@@ -175,7 +175,11 @@ TEST_F(EmitterTest, TriggerEdgeAndBurstStartedTogetherLandOnTheSameSample) {
             // delivered sample at or after the edge.
             const int64_t adc = U32(st + lx::kAuxTriggerPositionOffset) / 2;
             const int64_t widthSamples = edge ? std::llround(width * kFs) : 0;
-            EXPECT_EQ(double((adc - widthSamples + d - 1) / d), m.at("rise0"));
+            // A block that starts inside a pulse reports its fall first: the
+            // burst the test sees then rises with the next pulse.
+            int64_t rise = adc - widthSamples;
+            if (rise < 0) rise += std::llround(1e-4 * kFs);
+            EXPECT_EQ(double((rise + d - 1) / d), m.at("rise0"));
         }
     // Without pulses on the input the flags stay clear.
     ASSERT_EQ(lxSimSetScene(77000025, Scene("").c_str()), lxNoError);
