@@ -104,10 +104,7 @@ CLI::App* AddAudioCommand(CLI::App& app, AudioOptions& o) {
         ->type_name("US");
     cmd->add_option("--duration", o.duration, "How long to record (default 5s)")->type_name("TIME");
     cmd->add_option("--output", o.output, "The WAV file to write (default audio.wav)")->type_name("FILE");
-    cmd->add_option("--scene", o.scene, "Attach a simulated LX530 with this scene first (as --sim=FILE)")
-        ->type_name("FILE");
-    cmd->add_option("--serial", o.serial, "Serial number of the analyzer to open (default: the first)")
-        ->type_name("SERIAL");
+    AddAnalyzerOptions(*cmd, o.scene, o.serial);
     cmd->add_flag("--no-meter", o.noMeter, "No level meter, even on a terminal");
     cmd->footer("Frequencies take k, M, G suffixes (100k, 2.4G); times s, ms.\n"
                 "Full scale: AM 100 % modulation; FM (2 pi / 3) x deviation / IF bandwidth; USB, LSB and CW a\n"

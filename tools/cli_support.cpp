@@ -1,15 +1,19 @@
 #include "cli_support.h"
 
 #include <cerrno>
+#include <charconv>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
+#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include "lx_sim.h"
+#include "plot.h"
 
 namespace lx::cli {
 
@@ -37,6 +41,53 @@ std::string ReadSceneFile(const std::string& path) {
 }
 
 } // namespace
+
+void AddAnalyzerOptions(CLI::App& cmd, std::optional<std::string>& scene, std::optional<int32_t>& serial) {
+    cmd.add_option("--scene", scene, "Attach a simulated LX530 with this scene first (as --sim=FILE)")
+        ->type_name("FILE");
+    cmd.add_option("--serial", serial, "Serial number of the analyzer to open (default: the first)")
+        ->type_name("SERIAL");
+}
+
+void AddInputOptions(CLI::App& cmd, double& refLevel, std::string& attenuator) {
+    cmd.add_option("--ref-level", refLevel, "Reference level in dBm, at most 20 (default -20)")->type_name("DBM");
+    cmd.add_option("--atten", attenuator, "Attenuator: auto, or 0..6 steps of 5 dB (default auto)")
+        ->type_name("auto|STEP");
+}
+
+std::optional<int32_t> AttenuatorStep(const std::string& text) {
+    if (text == "auto") return -1;
+    int step = -1;
+    const auto r = std::from_chars(text.data(), text.data() + text.size(), step);
+    if (r.ec != std::errc() || r.ptr != text.data() + text.size() || step < 0 || step > 6) return std::nullopt;
+    return step;
+}
+
+int32_t InputAttenuator(double refLevel, const std::string& attenuator, const std::string& hint) {
+    if (!std::isfinite(refLevel)) throw Failure(kExitUsage, "--ref-level must be a number of dBm", hint);
+    const auto step = AttenuatorStep(attenuator);
+    if (!step) throw Failure(kExitUsage, "--atten: '" + attenuator + "' is neither 'auto' nor a step 0..6 (5 dB each)", hint);
+    return *step;
+}
+
+std::pair<int, int> PlotSizeOption(const std::string& text, const std::string& hint) {
+    const auto size = ParsePlotSize(text);
+    if (!size)
+        throw Failure(kExitUsage,
+                      "--png-size: '" + text + "' is not WIDTHxHEIGHT with sides of " + std::to_string(kMinPlotSide) +
+                          " .. " + std::to_string(kMaxPlotSide),
+                      hint);
+    return *size;
+}
+
+void RefuseSharedOutputs(const std::vector<const std::optional<std::string>*>& outputs, const std::string& hint) {
+    for (size_t i = 0; i < outputs.size(); ++i)
+        for (size_t j = i + 1; j < outputs.size(); ++j)
+            if (*outputs[i] && *outputs[j] &&
+                std::filesystem::path(**outputs[i]).lexically_normal() ==
+                    std::filesystem::path(**outputs[j]).lexically_normal())
+                throw Failure(kExitUsage, "'" + **outputs[i] + "' is named for two outputs", hint);
+}
 
 OutputFile::OutputFile(const std::string& path, const std::string& usageHint) : path_(path) {
     errno = 0;

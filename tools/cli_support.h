@@ -9,10 +9,15 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "lx_api.h"
 #include "report.h"
+
+namespace CLI {
+class App;
+}
 
 namespace lx::cli {
 
@@ -93,6 +98,26 @@ private:
     std::ofstream stream_;
     bool kept_ = false;
 };
+
+// The options every measurement command shares: which analyzer (--scene,
+// --serial) and its input stage (--ref-level, --atten).
+void AddAnalyzerOptions(CLI::App& cmd, std::optional<std::string>& scene, std::optional<int32_t>& serial);
+void AddInputOptions(CLI::App& cmd, double& refLevel, std::string& attenuator);
+
+// "auto" (-1) or a step 0..6; nullopt for anything else.
+std::optional<int32_t> AttenuatorStep(const std::string& text);
+
+// The attenuator of --atten: -1 for "auto", else a step 0..6. A usage error
+// (with `hint`) for anything else, and for a reference level that is not a
+// number.
+int32_t InputAttenuator(double refLevel, const std::string& attenuator, const std::string& hint);
+
+// --png-size as WIDTH, HEIGHT; a usage error when it is not one.
+std::pair<int, int> PlotSizeOption(const std::string& text, const std::string& hint);
+
+// A usage error when two outputs name one file (the second would silently
+// overwrite the first).
+void RefuseSharedOutputs(const std::vector<const std::optional<std::string>*>& outputs, const std::string& hint);
 
 // Serials of the analyzers this process can open, in enumeration order.
 std::vector<int32_t> AttachedSerials();

@@ -87,14 +87,7 @@ Settings Resolve(const IqOptions& o) {
         if (*o.trigger != "rising" && *o.trigger != "falling") throw Usage("--trigger: rising or falling");
         s.edge = *o.trigger == "falling" ? 1 : 0;
     }
-    if (!std::isfinite(o.refLevel)) throw Usage("--ref-level must be a number of dBm");
-    if (o.attenuator != "auto") {
-        int step = -1;
-        const auto r = std::from_chars(o.attenuator.data(), o.attenuator.data() + o.attenuator.size(), step);
-        if (r.ec != std::errc() || r.ptr != o.attenuator.data() + o.attenuator.size() || step < 0 || step > 6)
-            throw Usage("--atten: '" + o.attenuator + "' is neither 'auto' nor a step 0..6 (5 dB each)");
-        s.attenuator = step;
-    }
+    s.attenuator = InputAttenuator(o.refLevel, o.attenuator, kIqHint);
     if (!o.output && !o.raw) throw Usage("name an output: --output BASE (SigMF) or --raw FILE");
     return s;
 }
@@ -189,15 +182,10 @@ CLI::App* AddIqCommand(CLI::App& app, IqOptions& o) {
     cmd->add_option("--samples", o.samples, "Or how many samples")->type_name("N");
     cmd->add_option("--trigger", o.trigger, "Report edges of the external trigger input as annotations")
         ->type_name("rising|falling");
-    cmd->add_option("--ref-level", o.refLevel, "Reference level in dBm, at most 20 (default -20)")->type_name("DBM");
-    cmd->add_option("--atten", o.attenuator, "Attenuator: auto, or 0..6 steps of 5 dB (default auto)")
-        ->type_name("auto|STEP");
+    AddInputOptions(*cmd, o.refLevel, o.attenuator);
     cmd->add_option("--output", o.output, "Write BASE.sigmf-data and BASE.sigmf-meta")->type_name("BASE");
     cmd->add_option("--raw", o.raw, "Write the samples alone, interleaved I, Q")->type_name("FILE");
-    cmd->add_option("--scene", o.scene, "Attach a simulated LX530 with this scene first (as --sim=FILE)")
-        ->type_name("FILE");
-    cmd->add_option("--serial", o.serial, "Serial number of the analyzer to open (default: the first)")
-        ->type_name("SERIAL");
+    AddAnalyzerOptions(*cmd, o.scene, o.serial);
     cmd->add_flag("--no-progress", o.noProgress, "No progress bar, even on a terminal");
     cmd->footer("Frequencies take k, M, G suffixes (100k, 2.4G); times s, ms, us.\n"
                 "After a loss (the host fell half a second behind) the recording goes on in a new capture\n"

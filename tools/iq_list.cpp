@@ -24,9 +24,9 @@ constexpr double kSampleRate = 61.44e6;
 constexpr int kMaxSteps = 1000;
 constexpr int kInFlight = 2; // passes queued ahead while the last one is written out
 
-Failure Usage(const std::string& message) {
-    return Failure(kExitUsage, message, "Run 'lx530 list --help' for usage.");
-}
+constexpr const char* kListHint = "Run 'lx530 list --help' for usage.";
+
+Failure Usage(const std::string& message) { return Failure(kExitUsage, message, kListHint); }
 
 std::string Trim(std::string s) {
     const auto b = s.find_first_not_of(" \t\r");
@@ -38,15 +38,6 @@ std::optional<double> Number(const std::string& t) {
     double v = 0;
     const auto r = std::from_chars(t.data(), t.data() + t.size(), v);
     if (r.ec != std::errc() || r.ptr != t.data() + t.size() || !std::isfinite(v)) return std::nullopt;
-    return v;
-}
-
-// "auto" or 0..6.
-std::optional<int32_t> Attenuation(const std::string& t) {
-    if (t == "auto") return -1;
-    int v = -1;
-    const auto r = std::from_chars(t.data(), t.data() + t.size(), v);
-    if (r.ec != std::errc() || r.ptr != t.data() + t.size() || v < 0 || v > 6) return std::nullopt;
     return v;
 }
 
@@ -126,7 +117,7 @@ std::vector<ListStep> ParseListCsv(std::istream& in, const std::string& name, co
             s.refLevel = *v;
         }
         if (f.size() > 2 && !f[2].empty()) {
-            const auto v = Attenuation(f[2]);
+            const auto v = AttenuatorStep(f[2]);
             if (!v) throw Usage(where + ": attenuation '" + f[2] + "' is neither 'auto' nor 0..6");
             s.attenuator = *v;
         }
@@ -146,9 +137,7 @@ void AddIqListOptions(CLI::App& cmd, IqListOptions& o) {
     cmd.add_option("--csv", o.csv, "Steps from a CSV file: frequency[,ref level dBm[,atten auto|0..6[,samples]]]")
         ->type_name("FILE");
     cmd.add_option("--samples", o.samples, "Samples per step, 1 .. 100000000 (default 16384)")->type_name("N");
-    cmd.add_option("--ref-level", o.refLevel, "Reference level in dBm, -100 .. 20 (default -20)")->type_name("DBM");
-    cmd.add_option("--atten", o.attenuator, "Attenuator: auto, or 0..6 steps of 5 dB (default auto)")
-        ->type_name("auto|STEP");
+    AddInputOptions(cmd, o.refLevel, o.attenuator);
     cmd.add_option("--passes", o.passes, "Passes of the list (default 1)")->check(CLI::Range(1, 1000000))->type_name("N");
     cmd.add_option("--format", o.format, "Sample format: cf32 (calibrated, sqrt(mW)) or ci16 (raw) (default cf32)")
         ->type_name("cf32|ci16");
@@ -157,10 +146,7 @@ void AddIqListOptions(CLI::App& cmd, IqListOptions& o) {
     cmd.add_flag("--per-step", o.perStep,
                  "One SigMF recording per step (BASE-STEP, or BASE-PASS-STEP with several passes) instead of one "
                  "recording with a capture segment per step");
-    cmd.add_option("--scene", o.scene, "Attach a simulated LX530 with this scene first (as --sim=FILE)")
-        ->type_name("FILE");
-    cmd.add_option("--serial", o.serial, "Serial number of the analyzer to open (default: the first)")
-        ->type_name("SERIAL");
+    AddAnalyzerOptions(cmd, o.scene, o.serial);
     cmd.footer("Without frequencies: lists the attached analyzers.\n"
                "With them: an I/Q capture of --samples at 61.44 MS/s centred on each frequency, per pass;\n"
                "prints each step's power (dBm over the 61.44 MHz band) and the time of its first sample.\n"
@@ -171,10 +157,7 @@ void AddIqListOptions(CLI::App& cmd, IqListOptions& o) {
 int RunIqList(const IqListOptions& o, bool json) {
     ListStep defaults;
     defaults.refLevel = o.refLevel;
-    if (!std::isfinite(o.refLevel)) throw Usage("--ref-level must be a number of dBm");
-    const auto atten = Attenuation(o.attenuator);
-    if (!atten) throw Usage("--atten: '" + o.attenuator + "' is neither 'auto' nor a step 0..6 (5 dB each)");
-    defaults.attenuator = *atten;
+    defaults.attenuator = InputAttenuator(o.refLevel, o.attenuator, kListHint);
     const auto samples = SampleCount(o.samples);
     if (!samples) throw Usage("--samples: '" + o.samples + "' is not 1 .. 100000000");
     defaults.samples = *samples;

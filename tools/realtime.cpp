@@ -24,9 +24,9 @@ constexpr std::array<const char*, 2> kDetectors = {"avg", "minmax"};
 constexpr std::array<const char*, 3> kScales = {"log", "lin", "lognogain"};
 constexpr std::array<const char*, 6> kWindows = {"flattop", "nuttall", "blackman", "hamming", "gaussian", "rect"};
 
-Failure Usage(const std::string& message) {
-    return Failure(kExitUsage, message, "Run 'lx530 rt --help' for usage.");
-}
+constexpr const char* kRtHint = "Run 'lx530 rt --help' for usage.";
+
+Failure Usage(const std::string& message) { return Failure(kExitUsage, message, kRtHint); }
 
 template <size_t N> std::string Choices(const std::array<const char*, N>& names) {
     std::string out;
@@ -142,16 +142,11 @@ CLI::App* AddRealTimeCommand(CLI::App& app, RealTimeOptions& o) {
         ->type_name("DBM");
     cmd->add_option("--frame-scale", o.frameScale, "Levels the density frame spans, dB (default 100)")
         ->type_name("DB");
-    cmd->add_option("--ref-level", o.refLevel, "Reference level in dBm, at most 20 (default -20)")->type_name("DBM");
-    cmd->add_option("--atten", o.attenuator, "Attenuator: auto, or 0..6 steps of 5 dB (default auto)")
-        ->type_name("auto|STEP");
+    AddInputOptions(*cmd, o.refLevel, o.attenuator);
     cmd->add_option("--frames", o.frames, "Frames to read, 1/30 s each (default 40)")
         ->check(CLI::Range(1, 100000))
         ->type_name("N");
-    cmd->add_option("--scene", o.scene, "Attach a simulated LX530 with this scene first (as --sim=FILE)")
-        ->type_name("FILE");
-    cmd->add_option("--serial", o.serial, "Serial number of the analyzer to open (default: the first)")
-        ->type_name("SERIAL");
+    AddAnalyzerOptions(*cmd, o.scene, o.serial);
     cmd->add_option("--png", o.png, "Draw the last density frame with its max trace into a PNG")->type_name("FILE");
     cmd->add_option("--waterfall", o.waterfall, "Draw the max traces of all frames as a waterfall PNG")
         ->type_name("FILE");
@@ -177,31 +172,13 @@ int RunRealTime(const RealTimeOptions& o, bool json) {
     s.linear = scale == lxScaleLinear;
     if (!std::isfinite(o.frameRef)) throw Usage("--frame-ref must be a number of dBm");
     if (!(o.frameScale > 0) || !std::isfinite(o.frameScale)) throw Usage("--frame-scale must be above 0 dB");
-    if (!std::isfinite(o.refLevel)) throw Usage("--ref-level must be a number of dBm");
     s.frameRef = o.frameRef;
     s.frameScale = o.frameScale;
     s.refLevel = o.refLevel;
-    if (o.attenuator != "auto") {
-        int step = -1;
-        const auto r = std::from_chars(o.attenuator.data(), o.attenuator.data() + o.attenuator.size(), step);
-        if (r.ec != std::errc() || r.ptr != o.attenuator.data() + o.attenuator.size() || step < 0 || step > 6)
-            throw Usage("--atten: '" + o.attenuator + "' is neither 'auto' nor a step 0..6 (5 dB each)");
-        s.attenuator = step;
-    }
+    s.attenuator = InputAttenuator(o.refLevel, o.attenuator, kRtHint);
     std::optional<std::pair<int, int>> size;
-    if (o.png || o.waterfall) {
-        size = ParsePlotSize(o.pngSize);
-        if (!size)
-            throw Usage("--png-size: '" + o.pngSize + "' is not WIDTHxHEIGHT with sides of " +
-                        std::to_string(kMinPlotSide) + " .. " + std::to_string(kMaxPlotSide));
-    }
-    std::vector<std::string> paths;
-    for (const auto* p : {&o.png, &o.waterfall, &o.csv})
-        if (*p) paths.push_back(**p);
-    for (size_t i = 0; i < paths.size(); ++i)
-        for (size_t j = i + 1; j < paths.size(); ++j)
-            if (std::filesystem::path(paths[i]).lexically_normal() == std::filesystem::path(paths[j]).lexically_normal())
-                throw Usage("'" + paths[i] + "' is named for two outputs");
+    if (o.png || o.waterfall) size = PlotSizeOption(o.pngSize, kRtHint);
+    RefuseSharedOutputs({&o.png, &o.waterfall, &o.csv}, kRtHint);
     std::optional<OutputFile> png, waterfall, csv;
     if (o.png) png.emplace(*o.png);
     if (o.waterfall) waterfall.emplace(*o.waterfall);

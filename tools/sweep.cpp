@@ -94,14 +94,7 @@ Settings Resolve(const SweepOptions& o) {
     s.scale = Named("--scale", o.scale, kScales);
     s.window = Named("--window", o.window, kWindows);
 
-    if (!std::isfinite(o.refLevel)) throw Usage("--ref-level must be a number of dBm");
-    if (o.attenuator != "auto") {
-        int step = -1;
-        const auto r = std::from_chars(o.attenuator.data(), o.attenuator.data() + o.attenuator.size(), step);
-        if (r.ec != std::errc() || r.ptr != o.attenuator.data() + o.attenuator.size() || step < 0 || step > 6)
-            throw Usage("--atten: '" + o.attenuator + "' is neither 'auto' nor a step 0..6 (5 dB each)");
-        s.attenuator = step;
-    }
+    s.attenuator = InputAttenuator(o.refLevel, o.attenuator, kSweepHint);
     return s;
 }
 
@@ -146,10 +139,7 @@ CLI::App* AddSweepCommand(CLI::App& app, SweepOptions& o) {
     cmd->add_option("--scale", o.scale, "dBm, mV, or dBm without the per-step gain correction (default log)")
         ->type_name(Choices(kScales));
     cmd->add_option("--window", o.window, "FFT window (default flattop)")->type_name(Choices(kWindows));
-    cmd->add_option("--ref-level", o.refLevel, "Reference level in dBm, at most 20 (default -20)")
-        ->type_name("DBM");
-    cmd->add_option("--atten", o.attenuator, "Attenuator: auto, or 0..6 steps of 5 dB (default auto)")
-        ->type_name("auto|STEP");
+    AddInputOptions(*cmd, o.refLevel, o.attenuator);
     cmd->add_option("--count", o.count,
                     "Sweeps to run; the min trace holds the lowest and the max trace the highest "
                     "value of every point across them (default 1)")
@@ -158,10 +148,7 @@ CLI::App* AddSweepCommand(CLI::App& app, SweepOptions& o) {
     cmd->add_option("--peaks", o.peaks, "Peaks to list, strongest first; 0: none (default 5)")
         ->check(CLI::Range(0, 1000))
         ->type_name("N");
-    cmd->add_option("--scene", o.scene, "Attach a simulated LX530 with this scene first (as --sim=FILE)")
-        ->type_name("FILE");
-    cmd->add_option("--serial", o.serial, "Serial number of the analyzer to open (default: the first)")
-        ->type_name("SERIAL");
+    AddAnalyzerOptions(*cmd, o.scene, o.serial);
     cmd->add_option("--csv", o.csv, "Write the traces: frequency_hz,min,max per point")->type_name("FILE");
     cmd->add_option("--rtl-power", o.rtlPower, "Write the max trace as rtl_power's CSV")->type_name("FILE");
     cmd->add_option("--png", o.png, "Plot the traces and peaks into a PNG")->type_name("FILE");
@@ -176,21 +163,8 @@ CLI::App* AddSweepCommand(CLI::App& app, SweepOptions& o) {
 int RunSweep(const SweepOptions& o, bool json) {
     const Settings s = Resolve(o);
     std::optional<std::pair<int, int>> size;
-    if (o.png) {
-        size = ParsePlotSize(o.pngSize);
-        if (!size)
-            throw Usage("--png-size: '" + o.pngSize + "' is not WIDTHxHEIGHT with sides of " +
-                        std::to_string(kMinPlotSide) + " .. " + std::to_string(kMaxPlotSide));
-    }
-
-    std::vector<std::string> paths;
-    for (const auto* p : {&o.csv, &o.rtlPower, &o.png})
-        if (*p) paths.push_back(**p);
-    for (size_t i = 0; i < paths.size(); ++i)
-        for (size_t j = i + 1; j < paths.size(); ++j)
-            if (std::filesystem::path(paths[i]).lexically_normal() ==
-                std::filesystem::path(paths[j]).lexically_normal())
-                throw Usage("'" + paths[i] + "' is named for two outputs");
+    if (o.png) size = PlotSizeOption(o.pngSize, kSweepHint);
+    RefuseSharedOutputs({&o.csv, &o.rtlPower, &o.png}, kSweepHint);
     std::optional<OutputFile> csv, rtl, png;
     if (o.csv) csv.emplace(*o.csv, kSweepHint);
     if (o.rtlPower) rtl.emplace(*o.rtlPower, kSweepHint);
