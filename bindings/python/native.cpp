@@ -119,6 +119,8 @@ LxStatus WaitInterruptibly(F&& call, C&& cancel) {
     return shared.status;
 }
 
+constexpr py::ssize_t kAudioBlock = 1000; // samples per lxGetAudio block
+
 template <class T>
 py::array_t<T> Empty(py::ssize_t n) {
     return py::array_t<T>(n);
@@ -218,7 +220,7 @@ py::tuple ReadIq(int32_t h, int64_t count, bool int16, int64_t slice, bool purge
         if (done == 0) firstStamp = ts;
         loss |= sliceLoss;
         for (double t : trig)
-            if (!std::isnan(t)) triggers.append(t + static_cast<double>(done));
+            if (t >= 0.0) triggers.append(t + static_cast<double>(done));
         done += n;
         if (done < count && PyErr_CheckSignals() != 0) throw py::error_already_set();
     }
@@ -355,6 +357,26 @@ PYBIND11_MODULE(_native, m) {
     });
     m.def("read_iq", &ReadIq, py::arg("handle"), py::arg("count"), py::arg("int16"), py::arg("slice"),
           py::arg("purge"), py::arg("max_triggers"), py::arg("out"));
+    Def1<double>(m, "set_audio_center", "lxSetAudioCenterFreq", lxSetAudioCenterFreq);
+    Def1<int32_t>(m, "set_audio_type", "lxSetAudioType", lxSetAudioType);
+    Def1<double>(m, "set_audio_deemphasis", "lxSetAudioFMDeemphasis", lxSetAudioFMDeemphasis);
+    m.def("set_audio_filters", [](int32_t h, double ifBandwidth, double lowPass, double highPass) {
+        return int(Call("lxSetAudioFilters", [&] { return lxSetAudioFilters(h, ifBandwidth, lowPass, highPass); }));
+    });
+    m.def("audio_settings", [](int32_t h) {
+        double centre = 0, ifBw = 0, lp = 0, hp = 0, de = 0;
+        int32_t type = 0;
+        Call("lxGetAudioSettings", [&] { return lxGetAudioSettings(h, &centre, &type, &ifBw, &lp, &hp, &de); });
+        return std::make_tuple(centre, type, ifBw, lp, hp, de);
+    });
+    // One block is 1/30 s of audio, so the wait is short; signals are looked
+    // at on return.
+    m.def("get_audio", [](int32_t h) {
+        py::array_t<float> block = Empty<float>(kAudioBlock);
+        float* p = block.mutable_data();
+        const LxStatus s = Call("lxGetAudio", [&] { return lxGetAudio(h, p); });
+        return py::make_tuple(block, static_cast<int>(s));
+    });
     m.def("stream_health", [](int32_t h) {
         LxStreamHealth s{};
         Call("lxGetStreamHealth", [&] { return lxGetStreamHealth(h, &s); });

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <stdexcept>
 
 #include "lx_api.h"
@@ -91,8 +92,9 @@ int LxDevice::StartLocked(LxStream& s) {
     lxSetRefLevel(handle_, refLevelDbm_);
     lxSetAttenuator(handle_, attenuator_);
     lxSetIQExtTriggerEdge(handle_, triggerEdge_);
-    // Positions are never negative: -1 marks the unused entries.
-    lxSetIQTriggerSentinel(-1.0);
+    // NaN marks the unused entries, as the Python package sets it: the
+    // sentinel is process-wide and both may be loaded into one interpreter.
+    lxSetIQTriggerSentinel(std::numeric_limits<double>::quiet_NaN());
     s.remaining = 0;
     s.nextTimeNs = 0;
     s.held.clear();
@@ -176,7 +178,7 @@ int LxDevice::readStream(SoapySDR::Stream* stream, void* const* buffs, size_t nu
 
     uint64_t ts = 0;
     int32_t loss = 0, remaining = 0;
-    std::fill(s->triggers.begin(), s->triggers.end(), -1.0);
+    std::fill(s->triggers.begin(), s->triggers.end(), std::numeric_limits<double>::quiet_NaN());
     const LxStatus st = lxGetIQ(handle_, buffs[0], static_cast<int32_t>(n), s->triggers.data(), kTriggersPerRead,
                                 &ts, 0, &loss, &remaining);
     if (st < 0) {
@@ -190,7 +192,7 @@ int LxDevice::readStream(SoapySDR::Stream* stream, void* const* buffs, size_t nu
     const bool lost = loss || st == lxUncalData;
     if (lost) PushEvent({SOAPY_SDR_OVERFLOW, SOAPY_SDR_HAS_TIME, t0});
     for (double pos : s->triggers) {
-        if (pos < 0.0) break;
+        if (!(pos >= 0.0)) break; // unused: NaN, or a negative sentinel another user of the library set
         PushEvent({0, SOAPY_SDR_HAS_TIME | kTriggerFlag, t0 + std::llround(pos * nsPerSample)});
     }
     if (st == lxADCOverflow) PushEvent({0, SOAPY_SDR_HAS_TIME | kAdcOverloadFlag, t0});

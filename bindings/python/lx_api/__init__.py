@@ -39,13 +39,14 @@ __all__ = [
     "UncalDataWarning", "CPULimitedWarning", "InvalidCalDataWarning",
     "Mode", "Detector", "VideoUnits", "Scale", "Window", "GPSState", "PowerState",
     "SweepParameters", "Sweep", "RealTimeParameters", "RealTimeFrame", "IQParameters", "IQBlock",
-    "GPSInfo", "Diagnostics", "StreamHealth",
+    "GPSInfo", "Diagnostics", "StreamHealth", "AudioType", "AudioSettings", "AudioBlock",
     "Device", "IQStream", "Simulator", "open", "list_devices", "device_personality", "error_string",
-    "api_version", "ADC_RATE",
+    "api_version", "ADC_RATE", "AUDIO_RATE",
 ]
 
 #: Sample rate of the analyzer's ADC (Hz); I/Q rates are this over a power of two.
 ADC_RATE = 61.44e6
+AUDIO_RATE = 30000.0  # demodulated audio, samples per second
 
 
 def api_version() -> str:
@@ -220,6 +221,14 @@ class PowerState(enum.IntEnum):
     STANDBY = 1
 
 
+class AudioType(enum.IntEnum):
+    AM = 0
+    FM = 1
+    USB = 2  # a line f above the centre sounds at f
+    LSB = 3  # a line f below the centre sounds at f
+    CW = 4   # a carrier on the centre sounds at 520 Hz
+
+
 # ---- results --------------------------------------------------------------
 
 def _axis(start: float, step: float, n: int) -> np.ndarray:
@@ -315,6 +324,25 @@ class Diagnostics(NamedTuple):
     voltage: float  #: V
     current: float  #: A
     temperature: float  #: degrees C
+
+
+class AudioSettings(NamedTuple):
+    """The stored audio settings, after clamping (Hz, microseconds)."""
+    center: float
+    type: AudioType
+    if_bandwidth: float
+    low_pass: float
+    high_pass: float
+    deemphasis_us: float
+
+
+class AudioBlock(NamedTuple):
+    """1000 samples (1/30 s) of demodulated audio at :data:`AUDIO_RATE`,
+    float32. ``sample_loss``: samples are missing before or inside the block
+    (the stream dropped I/Q, or the reader fell a second behind)."""
+    samples: np.ndarray
+    sample_loss: bool
+    status: int
 
 
 class StreamHealth(NamedTuple):
@@ -651,6 +679,44 @@ class Device:
         :meth:`IQStream.close`) stops the stream."""
         self.configure_iq(**settings)
         return IQStream(self, block_size, blocks)
+
+    # -- audio demodulation
+    def configure_audio(self, *, center: Optional[float] = None, type: Optional[AudioType] = None,  # noqa: A002
+                        if_bandwidth: Optional[float] = None, low_pass: Optional[float] = None,
+                        high_pass: Optional[float] = None, deemphasis_us: Optional[float] = None) -> AudioSettings:
+        """Stores the audio settings given (the others keep their values) and
+        starts the demodulator (mode 5). Filters in Hz: IF bandwidth 500 ..
+        250e3, low-pass 1e3 .. 12e3, high-pass 20 .. 1e3; de-emphasis 1 .. 100
+        us (FM)."""
+        if center is not None:
+            _native.set_audio_center(self.handle, float(center))
+        if type is not None:
+            _native.set_audio_type(self.handle, int(AudioType(type)))
+        if if_bandwidth is not None or low_pass is not None or high_pass is not None:
+            now = self.audio_settings()
+            _native.set_audio_filters(self.handle,
+                                      float(now.if_bandwidth if if_bandwidth is None else if_bandwidth),
+                                      float(now.low_pass if low_pass is None else low_pass),
+                                      float(now.high_pass if high_pass is None else high_pass))
+        if deemphasis_us is not None:
+            _native.set_audio_deemphasis(self.handle, float(deemphasis_us))
+        self.configure(Mode.AUDIO)
+        return self.audio_settings()
+
+    def audio_settings(self) -> AudioSettings:
+        c, t, bw, lp, hp, de = _native.audio_settings(self.handle)
+        return AudioSettings(c, AudioType(t), bw, lp, hp, de)
+
+    def get_audio(self) -> AudioBlock:
+        """The next block of audio (blocking up to 1/30 s, GIL released)."""
+        samples, status = _native.get_audio(self.handle)
+        return AudioBlock(samples, status == 4, status)
+
+    def read_audio(self, seconds: float) -> np.ndarray:
+        """``seconds`` of audio as one float32 array (whole blocks, at least
+        one); a loss inside raises :class:`UncalDataWarning` as a warning."""
+        blocks = max(1, int(round(float(seconds) * AUDIO_RATE / 1000)))
+        return np.concatenate([self.get_audio().samples for _ in range(blocks)])
 
     def stream_health(self) -> StreamHealth:
         """What the running stream delivered and lost since configure."""
