@@ -190,6 +190,7 @@ TEST_P(FaultMatrix, EveryCallReturnsAndTheAnalyzerComesBack) {
         // later result says so; a passing one is reported or recovered from.
         bool failed = s < 0;
         for (int i = 0; i < 40 && s >= 0 && !failed; ++i) failed = (s = Timed([&] { return act.read(h); }, act.name)) < 0;
+        RecordProperty("reported", s);
         if (persists) {
             EXPECT_TRUE(failed) << "a persistent fault was never reported";
             if (failed) {
