@@ -1,0 +1,131 @@
+"""Soak: a simulated LX530 paced at the real rate, streaming for as long as
+asked. The modes take turns every minute (I/Q at D = 1 read 1 MiB at a
+time, real time at RBW 10 kHz over 40 MHz), the analyzer is configured again
+every 10 s, and a second thread polls the housekeeping every 100 ms, as a
+UI would. Passes when no sample was dropped, no spectrum lost, the analyzer
+reported no loss, and resident memory and thread count stayed flat.
+
+Run through `./dev soak [minutes] [--iq]`; prints a summary (and --json)."""
+import argparse
+import json
+import os
+import threading
+import time
+import warnings
+
+import numpy as np
+
+import lx_api
+
+CONFIGURE_S = 10.0
+TURN_S = 60.0
+POLL_S = 0.1
+SAMPLE_S = 5.0
+
+
+def resident_kib():
+    with open("/proc/self/status") as f:
+        for line in f:
+            if line.startswith("VmRSS:"):
+                return int(line.split()[1])
+    return 0
+
+
+def threads():
+    return len(os.listdir("/proc/self/task"))
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    ap.add_argument("minutes", type=float, nargs="?", default=60.0)
+    ap.add_argument("--scene", required=True)
+    ap.add_argument("--iq", action="store_true", help="I/Q at D = 1 only, no turns")
+    ap.add_argument("--json", help="write the summary here")
+    a = ap.parse_args()
+    warnings.simplefilter("ignore", lx_api.LxWarning)  # counted from the stream health instead
+
+    with open(a.scene) as f:
+        scene = json.load(f)
+    totals = dict(seconds=0.0, configures=0, iq_samples=0, frames=0, samples_dropped=0, spectra_lost=0,
+                  data_loss_events=0, transport_errors=0, polls=0, poll_errors=0)
+    memory, counts = [], []
+    with lx_api.Simulator(10000777, scene) as sim, lx_api.open(sim.serial) as dev:
+        stop = threading.Event()
+
+        def poll():
+            while not stop.wait(POLL_S):
+                try:
+                    dev.diagnostics()
+                    dev.gps_info(refresh=False)
+                    totals["polls"] += 1
+                except lx_api.LxError:
+                    totals["poll_errors"] += 1
+
+        poller = threading.Thread(target=poll, name="housekeeping poll")
+        poller.start()
+        buf = np.empty(131072, np.complex64)  # 1 MiB
+        start = time.monotonic()
+        next_sample = start
+        try:
+            while time.monotonic() - start < a.minutes * 60:
+                elapsed = time.monotonic() - start
+                iq = a.iq or int(elapsed // TURN_S) % 2 == 0
+                if iq:
+                    dev.configure_iq(center=1e9, decimation=1)
+                else:
+                    dev.configure_realtime(center=1e9, span=40e6, rbw=10e3)
+                totals["configures"] += 1
+                until = min(time.monotonic() + CONFIGURE_S, start + a.minutes * 60)
+                while time.monotonic() < until:
+                    if iq:
+                        dev.read_iq(len(buf), out=buf)
+                        totals["iq_samples"] += len(buf)
+                    else:
+                        dev.get_realtime_frame()
+                        totals["frames"] += 1
+                    if time.monotonic() >= next_sample:
+                        next_sample += SAMPLE_S
+                        memory.append((time.monotonic() - start, iq, resident_kib()))
+                        counts.append((iq, threads()))
+                h = dev.stream_health()  # counts since this configure
+                for k in ("samples_dropped", "spectra_lost", "data_loss_events", "transport_errors"):
+                    totals[k] += getattr(h, k)
+            dev.abort()
+        finally:
+            stop.set()
+            poller.join()
+        totals["seconds"] = time.monotonic() - start
+
+    # Flat: per mode (their rings differ), after each mode's first turn (rings,
+    # plans and caches are in place by then).
+    settle = min(2 * TURN_S, totals["seconds"] / 2)
+    spreads, ranges = {}, {}
+    for mode in (True, False):
+        kib = [k for t, m, k in memory if m == mode and t > settle] or [k for _, m, k in memory if m == mode]
+        if kib:
+            name = "iq" if mode else "realtime"
+            ranges[name] = [round(min(kib) / 1024, 1), round(max(kib) / 1024, 1)]
+            spreads[name] = (max(kib) - min(kib)) / min(kib) * 100
+    spread = max(spreads.values(), default=0.0)
+    totals.update(resident_mib=ranges, resident_spread_pct=spread,
+                  threads={m: sorted({n for i, n in counts if i == (m == "iq")}) for m in ("iq", "realtime")},
+                  load_average=os.getloadavg()[0])
+    ok = (totals["samples_dropped"] == 0 and totals["spectra_lost"] == 0 and totals["data_loss_events"] == 0
+          and totals["transport_errors"] == 0 and totals["poll_errors"] == 0 and spread <= 1.0
+          and all(len(v) <= 1 for v in totals["threads"].values()))
+    totals["passed"] = ok
+    print(f"{totals['seconds']:.0f} s, {totals['configures']} configures, {totals['iq_samples']:.3g} I/Q samples, "
+          f"{totals['frames']} frames, {totals['polls']} housekeeping polls ({totals['poll_errors']} failed)")
+    print(f"dropped samples {totals['samples_dropped']}, lost spectra {totals['spectra_lost']}, "
+          f"device data-loss events {totals['data_loss_events']}, transport errors {totals['transport_errors']}")
+    print(f"resident memory (MiB) {ranges} (widest spread {spread:.2f} %), threads while streaming "
+          f"{totals['threads']}, load average {totals['load_average']:.1f}")
+    print("soak: " + ("passed" if ok else "FAILED"))
+    if a.json:
+        with open(a.json, "w") as f:
+            json.dump(totals, f, indent=1)
+    return 0 if ok else 1
+
+
+if __name__ == "__main__":
+    raise SystemExit(main())
