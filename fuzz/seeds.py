@@ -55,3 +55,25 @@ put("scene", "every_kind", """{"noise_floor_dbm_hz": -150, "emitters": [
  {"kind": "ssb", "frequency_hz": 1.4e7, "power_dbm": -40, "sideband": "upper", "audio_hz": 1000}],
  "gps": {"fix": true, "latitude": 48.1, "longitude": 11.5},
  "trigger": {"start_s": 0.001, "period_s": 0.01, "count": 5}}""")
+
+# lx530 command lines, arguments separated by NUL bytes; and a dictionary of
+# the tool's option names and words.
+for name, args in {
+    "sweep": ["sweep", "--scene", "scenes/demo.json", "--start", "100M", "--stop", "3G", "--rbw", "100k", "--png", "a.png"],
+    "rt": ["--json", "rt", "--center", "2.44G", "--span", "40M", "--rbw", "30k", "--frames", "60", "--waterfall", "w.png"],
+    "iq": ["iq", "--center", "1G", "--rate", "7.68M", "--format", "ci16", "--trigger", "rising", "--duration", "2s",
+           "--output", "x"],
+    "list": ["--sim", "list", "100M", "2.4G", "--samples", "16384", "--passes", "3", "--sigmf", "l", "--per-step"],
+    "audio": ["audio", "--center", "97.1M", "--type", "fm", "--if-bandwidth", "200k", "--deemphasis", "50",
+              "--output", "a.wav"],
+    "flash": ["--sim=scene.json", "--sim-serial", "12345678", "flash", "backup", "bk", "--serial", "12345678"],
+    "help": ["sweep", "--help"],
+    "bad": ["--sim-serial", "5", "info", "--serial", "x"],
+}.items():
+    put("cli", name, b"\0".join(a.encode() for a in args))
+import glob, re
+words = {m.group(1) for f in glob.glob("../tools/*.cpp") for m in re.finditer(r'"(--[a-z0-9-]+)"', open(f).read())}
+words |= set("list info sweep rt iq audio flash backup verify write-run write-boot write-fpga write-cal bootstrap auto "
+             "on off cf32 ci16 rising falling am fm usb lsb cw k M G s ms us x -".split())
+with open("cli.dict", "w") as f:
+    f.writelines(f'"{w}"\n' for w in sorted(words))
