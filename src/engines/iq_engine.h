@@ -27,8 +27,11 @@
 //
 // Time: a block's first output sample is stamped device time of its status
 // packet - 2 D1 B ticks - 2 G ticks (ns since 1970; the device time is GPS
-// time once there is a fix). A trigger edge t ticks after the block's first
-// input sample lands at output position (2 G + t) / (2 D) of the block.
+// time once there is a fix). The store keeps every block's stamp: a read is
+// stamped from the block its first sample belongs to, so samples missing
+// further on do not move it. A trigger edge t ticks after the block's first
+// input sample lands at output position (2 G + t) / (2 D) of the block; the
+// status packet carries one edge, the block's first.
 //
 // Threads (all started by the constructor, stopped and joined by Stop/the
 // destructor):
