@@ -442,9 +442,17 @@ LX_API LxStatus lxGetIQCorrection(int32_t handle, float* correctionDb);
  * whose samples follow the gap).
  *   triggers, triggerCount: optional array; receives the positions (in
  *     samples from iqData[0], fractional) of the external trigger edges in
- *     the samples read, the rest filled with the trigger sentinel.
- *   timestamp: optional; time of iqData[0] in ns since 1970 (GPS time once
- *     the receiver has a fix, the host clock until then).
+ *     the samples read, the rest filled with the trigger sentinel. The
+ *     analyzer reports at most one edge per block of samples it sends (the
+ *     first; a block is 129024 samples at D = 1, 63488 at D = 2 and
+ *     122880 / D from D = 4 on, about 2 ms): further edges in the same block
+ *     are not reported.
+ *   timestamp: optional; time of iqData[0] at the antenna (the filters'
+ *     delay taken out) in ns since 1970: GPS time once the receiver has a
+ *     fix (counted from its latest pulse), the host clock until then. It
+ *     comes from the stamp of the analyzer block that sample belongs to, so
+ *     sample k of the read is at timestamp + k * 1e9 / sample rate unless
+ *     sampleLoss is set (then that holds up to the gap only).
  *   purge: 1 throws away everything stored before reading (fresh samples).
  *   sampleLoss: optional; 1 when samples are missing before one of those
  *     read: the reader fell half a second behind (the whole backlog was

@@ -150,6 +150,7 @@ IqSampleStore::IqSampleStore(int64_t capacity, double nsPerSample, int64_t settl
       ring_(capacity_) {
     triggers_.reserve(1024);
     gaps_.reserve(1024);
+    stamps_.reserve(kMaxStoredBlocks);
 }
 
 void IqSampleStore::EmptyLocked() {
@@ -157,6 +158,7 @@ void IqSampleStore::EmptyLocked() {
     write_ = read_ = available_ = 0;
     triggers_.clear();
     gaps_.clear();
+    stamps_.clear();
 }
 
 int64_t IqSampleStore::Put(const cf32* x, int64_t n, double triggerAt, int64_t stamp, Loss loss) {
@@ -189,8 +191,11 @@ int64_t IqSampleStore::Put(const cf32* x, int64_t n, double triggerAt, int64_t s
     write_ = (write_ + n) % capacity_;
     if (triggerAt >= 0 && triggers_.size() < triggers_.capacity())
         triggers_.push_back(static_cast<double>(readIndex_ + available_) + triggerAt);
+    // Blocks are at least a few samples long, so the list stays short (about
+    // 250 at any rate); should it fill, the oldest block is dated from the next.
+    if (stamps_.size() == kMaxStoredBlocks) stamps_.erase(stamps_.begin());
+    stamps_.emplace_back(at, stamp);
     available_ += n;
-    endStamp_ = stamp + static_cast<int64_t>(std::floor(n * nsPerSample_ + 0.5));
     return dropped;
 }
 
@@ -224,7 +229,11 @@ IqSampleStore::Taken IqSampleStore::Take(void* dst, int64_t max, bool int16, int
     if (available_ == 0 || max <= 0) return t;
     const int64_t n = std::min(max, available_);
     t.count = n;
-    t.stamp = endStamp_ - static_cast<int64_t>(std::floor(available_ * nsPerSample_ + 0.5));
+    // The block this read starts in (the first listed when it has gone).
+    auto block = std::upper_bound(stamps_.begin(), stamps_.end(), readIndex_,
+                                  [](int64_t v, const std::pair<int64_t, int64_t>& b) { return v < b.first; });
+    if (block != stamps_.begin()) --block;
+    t.stamp = block->second + static_cast<int64_t>(std::floor(static_cast<double>(readIndex_ - block->first) * nsPerSample_ + 0.5));
     const cf32* ring = ring_.data();
     const int64_t first = std::min(n, capacity_ - read_);
     if (int16) {
@@ -255,6 +264,10 @@ IqSampleStore::Taken IqSampleStore::Take(void* dst, int64_t max, bool int16, int
     read_ = (read_ + n) % capacity_;
     available_ -= n;
     readIndex_ += n;
+    // Blocks wholly read go; the one the next read starts in stays.
+    size_t gone = 0;
+    while (gone + 1 < stamps_.size() && stamps_[gone + 1].first <= readIndex_) ++gone;
+    stamps_.erase(stamps_.begin(), stamps_.begin() + static_cast<std::ptrdiff_t>(gone));
     return t;
 }
 

@@ -27,8 +27,11 @@
 //
 // Time: a block's first output sample is stamped device time of its status
 // packet - 2 D1 B ticks - 2 G ticks (ns since 1970; the device time is GPS
-// time once there is a fix). A trigger edge t ticks after the block's first
-// input sample lands at output position (2 G + t) / (2 D) of the block.
+// time once there is a fix). The store keeps every block's stamp: a read is
+// stamped from the block its first sample belongs to, so samples missing
+// further on do not move it. A trigger edge t ticks after the block's first
+// input sample lands at output position (2 G + t) / (2 D) of the block; the
+// status packet carries one edge, the block's first.
 //
 // Threads (all started by the constructor, stopped and joined by Stop/the
 // destructor):
@@ -84,6 +87,7 @@ inline constexpr double kIqBandwidthLimitHz = 5e7;      // divided by D above 1
 inline constexpr int kIqSingleStageTaps = 129;
 inline constexpr double kIqStage3Stage2Cutoff = 0.025;
 inline constexpr double kIqStoreSeconds = 0.5;
+inline constexpr size_t kMaxStoredBlocks = 1024; // block time stamps the sample store keeps
 inline constexpr uint32_t kIqPauseAfterFailureMs = 32;
 
 // Process-wide value that fills the trigger entries a read leaves unwritten.
@@ -196,7 +200,11 @@ private:
     std::vector<double> triggers_;   // stream indices, ascending
     // Stream index ranges [first, last] whose reads report a loss.
     std::vector<std::pair<int64_t, int64_t>> gaps_;
-    int64_t endStamp_ = 0;           // time just after the newest stored sample
+    // Stream index and time stamp of the first sample of every stored block,
+    // ascending: a read is stamped from the block it starts in, so samples
+    // missing after it (a dropped block, the analyzer's overrun) do not move
+    // its time.
+    std::vector<std::pair<int64_t, int64_t>> stamps_;
 };
 
 class IqEngine final : public Engine {

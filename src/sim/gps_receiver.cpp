@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <fstream>
 #include <initializer_list>
+#include <iterator>
 #include <sstream>
 
 namespace lx::sim {
@@ -14,6 +15,9 @@ namespace {
 constexpr std::streamoff kMaxLogBytes = 16 << 20;
 // Only the last few messages of a long catch-up can still be seen in the ring.
 constexpr uint64_t kMessagesWritten = 8;
+// Changes of the reference's rate remembered (older UTC times are placed at
+// the oldest rate kept).
+constexpr size_t kMaxSegments = 4096;
 
 // Days since 1970-01-01 of a proleptic Gregorian date, and back (Hinnant's
 // algorithms).
@@ -219,24 +223,30 @@ bool GpsReceiver::RunTo(uint64_t t, Oscillator& osc, double tempC) {
             pending_.reset();
         }
         // The pulses are seconds of the GPS; the ticks count the reference,
-        // which runs fast or slow by its error.
+        // which runs fast or slow by its error. The next pulse is placed
+        // already; the rate now places the ones after it.
         const double interval = static_cast<double>(kTicksPerSecond) * (1.0 + fe::ReferenceError(osc.tuneWord, tempC));
-        if (nextPulse_ > static_cast<double>(t)) break;
+        const double nextPulse = PulseAt(static_cast<int64_t>(pulsesDone_) + 1);
+        if (history_.back().interval != interval) {
+            if (history_.back().first == pulsesDone_ + 1) history_.pop_back();
+            history_.push_back(Segment{pulsesDone_ + 1, nextPulse, interval});
+            if (history_.size() > kMaxSegments) history_.pop_front();
+        }
+        if (nextPulse > static_cast<double>(t)) break;
         // A long stretch in one step: only the last few messages can still
         // be seen in the ring, and nothing else changes from pulse to pulse
         // (a disciplined word walks its counts at once).
-        const double ahead = (static_cast<double>(t) - nextPulse_) / interval;
+        const double ahead = (static_cast<double>(t) - nextPulse) / interval;
         const bool logDone = gps_ && gps_->source == GpsScene::Source::Log &&
                              pulsesDone_ >= clockPulse_ + gps_->log->size();
         if (ahead > kMessagesWritten + 2 && !pending_ &&
             (!gps_ || !gps_->sending || gps_->source == GpsScene::Source::Synthetic || logDone)) {
             const auto skip = static_cast<uint64_t>(ahead) - kMessagesWritten;
             pulsesDone_ += skip;
-            nextPulse_ += static_cast<double>(skip) * interval;
             if (gps_ && gps_->sending && !logDone) {
                 messages_ += skip;
                 fix_ = gps_->fix;
-                if (fix_) pulseTick_ = static_cast<uint64_t>(nextPulse_ - interval);
+                if (fix_) pulseTick_ = static_cast<uint64_t>(PulseAt(static_cast<int64_t>(pulsesDone_)));
                 moved |= Discipline(osc, fix_, skip);
             } else {
                 fix_ = false;
@@ -244,8 +254,7 @@ bool GpsReceiver::RunTo(uint64_t t, Oscillator& osc, double tempC) {
             continue;
         }
         const uint64_t k = ++pulsesDone_;
-        const auto tick = static_cast<uint64_t>(nextPulse_);
-        nextPulse_ += interval;
+        const auto tick = static_cast<uint64_t>(nextPulse);
         if (!gps_ || !gps_->sending) {
             fix_ = false;
             continue;
@@ -272,14 +281,26 @@ bool GpsReceiver::RunTo(uint64_t t, Oscillator& osc, double tempC) {
 
 std::optional<int64_t> GpsReceiver::SampleOfUtc(int64_t utcSeconds, uint16_t tuneWord, double tempC) const {
     if (!gps_ || gps_->source != GpsScene::Source::Synthetic) return std::nullopt;
-    // Pulse k is UTC utc + (k - clockPulse_); pulses ahead are placed at the
-    // reference's present rate.
+    // Pulse k is UTC utc + (k - clockPulse_). Pulses run so far (and the
+    // next, already placed) lie where they fell; those further ahead are
+    // placed at the reference's present rate (a later change of rate
+    // re-plans the scene).
     const int64_t k = static_cast<int64_t>(clockPulse_) + (utcSeconds - gps_->utcSeconds);
+    const auto next = static_cast<int64_t>(pulsesDone_) + 1;
     const double interval = static_cast<double>(kTicksPerSecond) * (1.0 + fe::ReferenceError(tuneWord, tempC));
-    const double tick = nextPulse_ + static_cast<double>(k - static_cast<int64_t>(pulsesDone_) - 1) * interval;
+    const double tick = k <= next ? PulseAt(k) : PulseAt(next) + static_cast<double>(k - next) * interval;
     // The pulse is reported on its whole tick; the burst starts on the ADC
     // sample at or after it.
-    return (static_cast<int64_t>(tick) + 1) / 2;
+    const auto whole = static_cast<int64_t>(std::floor(tick));
+    return whole >= 0 ? (whole + 1) / 2 : -((-whole) / 2);
+}
+
+double GpsReceiver::PulseAt(int64_t k) const {
+    // The last segment that starts at or before k, else the first.
+    auto it = std::upper_bound(history_.begin(), history_.end(), k,
+                               [](int64_t v, const Segment& s) { return v < static_cast<int64_t>(s.first); });
+    const Segment& s = it == history_.begin() ? *it : *std::prev(it);
+    return s.tick + static_cast<double>(k - static_cast<int64_t>(s.first)) * s.interval;
 }
 
 uint32_t GpsReceiver::StatusWord() const {

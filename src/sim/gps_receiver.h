@@ -33,6 +33,7 @@
 
 #include <array>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -114,8 +115,20 @@ private:
         uint64_t at = 0; // tick at which the message reaches the UART
         std::string text;
     };
+    // Where the pulses fell: from pulse `first` on, one every `interval`
+    // ticks, until the next segment (the reference's rate moved). Kept so
+    // that a time named in UTC is placed where its pulse really was, not
+    // where the present rate would put it.
+    struct Segment {
+        uint64_t first = 1;
+        double tick = static_cast<double>(kTicksPerSecond);
+        double interval = static_cast<double>(kTicksPerSecond);
+    };
+    // Tick of pulse k (pulses before the first segment at its rate).
+    double PulseAt(int64_t k) const;
+
     uint64_t pulsesDone_ = 0; // pulses 1..pulsesDone_ have been run
-    double nextPulse_ = static_cast<double>(kTicksPerSecond); // tick of pulse pulsesDone_ + 1
+    std::deque<Segment> history_{Segment{}}; // ascending `first`; pulse pulsesDone_ + 1 is already placed
     std::optional<Pending> pending_; // the last pulse's message, on its way
     uint64_t clockPulse_ = 0; // the pulse before the receiver's first message
     uint64_t messages_ = 0;

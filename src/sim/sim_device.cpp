@@ -755,12 +755,41 @@ void SimDevice::Commit(bool shortPacket, uint64_t answerBytes) {
     }
 }
 
+namespace {
+bool SameCapture(const CaptureConfig& a, const CaptureConfig& b) {
+    return a.band == b.band && a.attenuationDb == b.attenuationDb && a.ifLevel == b.ifLevel && a.locked == b.locked &&
+           a.loHz == b.loHz && a.centreHz == b.centreHz && a.tuneWord == b.tuneWord &&
+           a.decimation == b.decimation && a.filter.taps() == b.filter.taps();
+}
+} // namespace
+
 const RenderPlan& SimDevice::PlanFor(const std::shared_ptr<const CaptureConfig>& config) {
     if (config == planConfig_ && scene_ == planScene_) return plan_;
     planConfig_ = config;
     planScene_ = scene_;
+    // A step list retunes for every step and comes back to the same tunings
+    // pass after pass: plans are kept per tuning for the scene in force
+    // (working one out takes milliseconds, longer than a step's data).
+    if (planCacheScene_ != scene_) {
+        planCache_.clear();
+        planCacheScene_ = scene_;
+    }
+    for (const auto& [c, plan] : planCache_)
+        if (SameCapture(*c, *config)) return plan_ = plan;
+    ComputePlan(*config);
+    // A gate placed in UTC depends on the receiver's pulses as well: not kept.
+    const bool utc = std::any_of(scene_->emitters.begin(), scene_->emitters.end(),
+                                 [](const Emitter& e) { return e.gate && e.gate->startUtc; });
+    if (!utc) {
+        if (planCache_.size() == kPlanCacheSize) planCache_.pop_front();
+        planCache_.emplace_back(config, plan_);
+    }
+    return plan_;
+}
+
+void SimDevice::ComputePlan(const CaptureConfig& config) {
     const Scene& s = *scene_;
-    const CaptureConfig& c = *config;
+    const CaptureConfig& c = config;
     plan_ = RenderPlan{};
     const int R = std::max(c.decimation, 1);
     plan_.decimation = R;
@@ -783,7 +812,7 @@ const RenderPlan& SimDevice::PlanFor(const std::shared_ptr<const CaptureConfig>&
         const double dec = fe::DecimatorResponse(cyclesOut, R);
         return (sceneNoise * ifr + adcNoise) * std::norm(c.filter.Response(cyclesOut / R)) * dec * dec / R;
     });
-    if (c.band < 0 || !c.locked) return plan_;
+    if (c.band < 0 || !c.locked) return;
     const bool mirrored = fe::BandMirrored(c.band);
     // A component at RF frequency f with peak amplitude `amplitude` at the
     // input, through the front end: null when the capture does not pass it.
@@ -845,7 +874,6 @@ const RenderPlan& SimDevice::PlanFor(const std::shared_ptr<const CaptureConfig>&
         }
         plan_.modulated.push_back(std::move(m));
     }
-    return plan_;
 }
 
 // ---- lx_sim.h side --------------------------------------------------------------

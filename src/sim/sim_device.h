@@ -232,6 +232,7 @@ private:
     void Commit(bool shortPacket, uint64_t answerBytes);
     std::shared_ptr<const CaptureConfig> CurrentConfig();
     const RenderPlan& PlanFor(const std::shared_ptr<const CaptureConfig>& config);
+    void ComputePlan(const CaptureConfig& config); // into plan_
     // Delivers what it can to the queued IN transfers, in order. Returns the
     // time at which more could be delivered (paced stream), or max().
     Clock::time_point Pump();
@@ -295,6 +296,9 @@ private:
     std::shared_ptr<const CaptureConfig> planConfig_;
     std::shared_ptr<const Scene> planScene_;
     RenderPlan plan_;
+    static constexpr size_t kPlanCacheSize = 1024; // a 1000-step list; about 8 KiB each
+    std::deque<std::pair<std::shared_ptr<const CaptureConfig>, RenderPlan>> planCache_;
+    std::shared_ptr<const Scene> planCacheScene_;
 };
 
 } // namespace lx::sim

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <complex>
 #include <cstdio>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -203,25 +204,37 @@ TEST_F(SweepList, TimeStampsAdvanceByDurationAndRetune) {
     }
 }
 
-// True to the scene's clock: a burst train that starts on a GPS second
-// (one 50 us burst every 200 us) seen in every step; the time stamp plus the
-// rising edge's sample index must land on a burst start. Measured: 23 to 24 ns
-// early for every step and any anchoring second, a constant of one and a half
-// samples not yet accounted for; held here to two samples.
+// True to the scene's clock: a burst train (one 50 us burst every 200 us)
+// that starts on a GPS second after the host has set the reference's tune
+// word (so that its period in device time is one in UTC too), seen in every
+// step; the time stamp plus the rising edge's sample index lands on a burst
+// start within one sample.
 TEST_F(SweepList, TimeStampsAreTrueToTheScenesClock) {
-    h = AttachAndOpen(kSerial, R"({"noise_floor_dbm_hz": -160, "gps": {"fix": true, "utc": "2026-11-21T12:00:00Z"},
-        "emitters": [{"kind": "burst", "frequency_hz": 1000100000, "power_dbm": -30, "start_utc": "2026-11-21T12:00:05Z",
-                      "width_s": 50e-6, "period_s": 200e-6}]})");
-    ASSERT_EQ(lxSimAdvanceTimeMs(6500), lxNoError); // past the first bursts, a GPS message in the ring
+    const char* gps = R"({"noise_floor_dbm_hz": -160, "gps": {"fix": true, "utc": "2026-11-21T12:00:00Z"}, "emitters": [%s]})";
+    char scene[512];
+    std::snprintf(scene, sizeof scene, gps, "");
+    h = AttachAndOpen(kSerial, scene);
     const std::vector<Step> steps(6, Step{1e9, 16384});
     Configure(steps);
     std::vector<float> f(size_t(2 * Total(steps)));
     std::vector<uint64_t> t(steps.size());
-    for (int pass = 0; pass < 2; ++pass) { // the first pass takes the fix in
-        ASSERT_EQ(lxIQSweepListGetSweep(h, f.data(), t.data()), lxNoError);
-    }
-    const int64_t first = 1795262405LL * 1000000000LL; // 2026-11-21T12:00:05Z in ns
+    ASSERT_EQ(lxSimAdvanceTimeMs(1500), lxNoError); // a GPS message in the ring
+    ASSERT_EQ(lxIQSweepListGetSweep(h, f.data(), t.data()), lxNoError); // takes the fix in
+    // The train starts on the second after next, by the receiver's clock.
+    const int64_t start = (int64_t(t[0]) / 1000000000 + 2) * 1000000000;
+    const time_t secs = time_t(start / 1000000000);
+    tm utc{};
+    gmtime_r(&secs, &utc);
+    char burst[256];
+    std::snprintf(burst, sizeof burst,
+                  R"({"kind": "burst", "frequency_hz": 1000100000, "power_dbm": -30, "start_utc": "%04d-%02d-%02dT%02d:%02d:%02dZ", "width_s": 50e-6, "period_s": 200e-6})",
+                  utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+    std::snprintf(scene, sizeof scene, gps, burst);
+    ASSERT_EQ(lxSimSetScene(kSerial, scene), lxNoError);
+    ASSERT_EQ(lxSimAdvanceTimeMs(2500), lxNoError);
+    ASSERT_EQ(lxIQSweepListGetSweep(h, f.data(), t.data()), lxNoError);
     for (size_t i = 0; i < steps.size(); ++i) {
+        ASSERT_GT(int64_t(t[i]), start) << i;
         const float* x = f.data() + 2 * int64_t(i) * 16384;
         int64_t edge = -1;
         for (int64_t k = 1; k < 16384 && edge < 0; ++k) {
@@ -229,9 +242,9 @@ TEST_F(SweepList, TimeStampsAreTrueToTheScenesClock) {
             if (p(k) > 0.5e-3 && p(k - 1) < 0.5e-3) edge = k;
         }
         ASSERT_GE(edge, 0) << i;
-        const double since = double(int64_t(t[i]) - first) + double(edge) * 1e9 / kFs;
+        const double since = double(int64_t(t[i]) - start) + double(edge) * 1e9 / kFs;
         const double off = std::remainder(since, 200e3); // from the nearest burst start
-        EXPECT_NEAR(off, 0.0, 2e9 / kFs) << "step " << i << " edge at sample " << edge;
+        EXPECT_NEAR(off, 0.0, 1e9 / kFs) << "step " << i << " edge at sample " << edge;
     }
 }
 

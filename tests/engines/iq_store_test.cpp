@@ -56,6 +56,17 @@ TEST(IqSampleStore, OrderTriggersAndStamps) {
         }
     }
     EXPECT_EQ(store.Available(), 0);
+
+    // Samples missing after a read's first sample (a block dropped, stamped
+    // 5000 samples later) leave its time alone; past the gap the block's own.
+    const auto x = Ramp(0, 300);
+    const int64_t later = t0 + static_cast<int64_t>(std::floor(5300 * kNs + 0.5));
+    EXPECT_EQ(store.Put(x.data(), 300, -1.0, t0), 0);
+    EXPECT_EQ(store.Put(x.data(), 200, -1.0, later, IqSampleStore::Loss::Before), 0);
+    std::vector<cf32> out(300);
+    int32_t written = 0;
+    for (const auto& [n, stamp] : {std::pair{100, double(t0)}, {250, t0 + 100 * kNs}, {150, later + 50 * kNs}})
+        EXPECT_NEAR(double(store.Take(out.data(), n, false, 0, nullptr, 0, &written).stamp), stamp, 1.0) << n;
 }
 
 // Every gap is reported by each read that reaches it or the outputs the

@@ -186,29 +186,49 @@ TEST_F(EmitterTest, TriggerEdgeAndBurstStartedTogetherLandOnTheSameSample) {
     EXPECT_EQ(U32(Take(in, 63, 0).status[0].data() + lx::kAuxTriggerFlagsOffset), 0u);
 }
 
-// A burst given a UTC second starts on the pulse the GPS receiver gives for
-// that second.
+// A burst given a UTC second starts on the pulse the GPS receiver gave for
+// that second: ahead of it, and long after it when the reference ran at
+// another rate in between (a train of one burst per device second, caught
+// two periods on, after the host retuned the reference far from where it
+// ran when the pulse fell).
 TEST_F(EmitterTest, BurstAtAUtcSecondStartsOnItsPulse) {
-    Instrument in = Bring(77000027, Scene(R"({"kind": "burst", "frequency_hz": )" + std::to_string(kCentre + 3e6) +
-                                              R"(, "power_dbm": -35, "start_utc": "2026-11-21T12:00:05Z", "width_s": 1e-4})",
-                                          -170, R"(, "gps": {"utc": "2026-11-21T12:00:00Z"})"));
-    ASSERT_NE(in.dev, nullptr);
-    // Pulse k is UTC 12:00:00 + k: the burst belongs to pulse 5, near tick 5 s.
-    ASSERT_TRUE(Send(*in.dev, Request(0, 1)));
-    const ReadResult r = Read(*in.dev, 8192);
-    ASSERT_EQ(r.data.size(), 8192u);
-    const uint64_t now = U64(&r.data[lx::kAuxSampleCounterOffset]);
-    ASSERT_LT(now, 4900 * 122880u);
-    // An idle device's time runs on with the wall clock: start 50 ms early
-    // and capture 200 ms, decimated.
-    ASSERT_EQ(lxSimAdvanceTimeMs((5 * 122880000 - now) / 122880 - 50), lxNoError);
-    const Capture c = Take(in, 255, 3, 6);
-    const uint64_t pulse = lx::AuxPulseCounter(c.status.back().data());
-    ASSERT_GT(pulse, 4 * 122880000u);
-    const int64_t at = (static_cast<int64_t>(pulse) + 1) / 2 - c.s0; // ADC samples into the capture
-    ASSERT_GT(at, 0) << "the capture began after the pulse";
-    const auto m = Measure("burst", c.x, kFs / 4);
-    EXPECT_EQ(m.at("rise0"), double((at + 3) / 4));
+    for (const int64_t periods : {0, 2}) {
+        SCOPED_TRACE(periods);
+        const auto serial = static_cast<int32_t>(77000027 + periods);
+        Instrument in = Bring(serial, Scene(R"({"kind": "burst", "frequency_hz": )" + std::to_string(kCentre + 3e6) +
+                                                R"(, "power_dbm": -35, "start_utc": "2026-11-21T12:00:05Z", "width_s": 1e-4, "period_s": 1})",
+                                            -170, R"(, "gps": {"utc": "2026-11-21T12:00:00Z"})"));
+        ASSERT_NE(in.dev, nullptr);
+        // 3 ppm fast until the capture retunes it.
+        ASSERT_TRUE(Send(*in.dev, {0x2E000000u | (in.tuneWord + 10000u)}));
+        // Pulse k is UTC 12:00:00 + k: the burst belongs to pulse 5, near tick 5 s.
+        ASSERT_TRUE(Send(*in.dev, Request(0, 1)));
+        const ReadResult r = Read(*in.dev, 8192);
+        ASSERT_EQ(r.data.size(), 8192u);
+        uint64_t now = U64(&r.data[lx::kAuxSampleCounterOffset]);
+        ASSERT_LT(now, 4900 * 122880u);
+        uint64_t pulse = 0;
+        if (periods > 0) { // past pulse 5: its tick, as reported
+            ASSERT_EQ(lxSimAdvanceTimeMs((5 * 122880000 - now) / 122880 + 400), lxNoError);
+            ASSERT_TRUE(Send(*in.dev, Request(0, 1)));
+            const ReadResult p = Read(*in.dev, 8192);
+            ASSERT_EQ(p.data.size(), 8192u);
+            pulse = lx::AuxPulseCounter(p.data.data());
+            now = U64(&p.data[lx::kAuxSampleCounterOffset]);
+        }
+        // An idle device's time runs on with the wall clock: start 50 ms early
+        // and capture 200 ms, decimated.
+        const uint64_t target = 5 * 122880000 + uint64_t(periods) * 122880000;
+        ASSERT_LT(now, target - 60 * 122880u);
+        ASSERT_EQ(lxSimAdvanceTimeMs((target - now) / 122880 - 50), lxNoError);
+        const Capture c = Take(in, 255, 3, 6);
+        if (periods == 0) pulse = lx::AuxPulseCounter(c.status.back().data());
+        ASSERT_GT(pulse, 4 * 122880000u);
+        const int64_t at = (static_cast<int64_t>(pulse) + 1) / 2 + periods * 61440000 - c.s0; // ADC samples into the capture
+        ASSERT_GT(at, 0) << "the capture began after the burst";
+        const auto m = Measure("burst", c.x, kFs / 4);
+        EXPECT_EQ(m.at("rise0"), double((at + 3) / 4));
+    }
 }
 
 // AM, FM and SSB with a sine programme against their definitions: AM's
