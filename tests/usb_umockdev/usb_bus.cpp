@@ -122,11 +122,6 @@ void Bus::Unplug() {
     lxSimDetach(serial_); // the device's pending transfers fail
 }
 
-bool Bus::Shown() {
-    std::lock_guard lk(mu_);
-    return !devnode_.empty();
-}
-
 // ---- bus thread ----------------------------------------------------------------
 
 void Bus::Run() {
@@ -170,7 +165,6 @@ void Bus::Show(const std::string& product, const std::string& serial, uint16_t v
     char node[64];
     std::snprintf(node, sizeof node, "/dev/bus/usb/001/%03d", gDevnum);
     // The handler first, so that the node answers as soon as libusb sees it.
-    umockdev_testbed_detach_ioctl(Testbed(), node, nullptr);
     if (!umockdev_testbed_attach_ioctl(Testbed(), node, handler_, nullptr)) return;
     nodes_.push_back(node);
     const std::string desc = "P: /devices/usb1\n"

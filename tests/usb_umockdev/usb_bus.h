@@ -52,8 +52,6 @@ public:
     // on (URBs in flight are given back with ESHUTDOWN), the node and the
     // sysfs device disappear, and the simulated device is detached.
     void Unplug();
-    // Whether the device is on the emulated bus now.
-    bool Shown();
     // Bytes the device returned through bulk IN URBs.
     uint64_t BulkInBytes() const { return inBytes_.load(); }
 
