@@ -1,5 +1,5 @@
 // The libusb backend on an emulated bus (usb_bus.h): open with calibration,
-// short and stalled reads at the transport, a sweep and an I/Q stream checked
+// a boot-strap through the ROM loader, short and stalled reads at the transport, a sweep and an I/Q stream checked
 // against the scene, and an unplug in the middle of a stream. The executable
 // re-runs itself under umockdev's preload.
 #include <gtest/gtest.h>
@@ -25,6 +25,7 @@
 #include "lx_command/encoders.h"
 #include "lx_lib/cal_files.h"
 #include "lx_sim.h"
+#include "sim/factory_image.h"
 #include "usb/usb_transport.h"
 #include "usb_bus.h"
 
@@ -123,6 +124,36 @@ TEST_F(LibusbPath, OpenReadsTheCalibrationRecordIntact) {
     EXPECT_NE(usbDate, 0u);
     EXPECT_TRUE(FileBytes(cache) == viaSimulator);
     EXPECT_GE(bus->BulkInBytes(), 2u << 20); // it did come through the URBs
+}
+
+// The chip's ROM loader (the chip maker's IDs, no serial) takes a boot image
+// through vendor requests carrying 4 KiB each: one whose checksum is wrong is
+// refused (the jump request stalls) and the device stays where it was; a good
+// one starts, and the device re-enumerates as the boot loader with the
+// image's serial.
+TEST_F(LibusbPath, BootStrapThroughTheRomLoader) {
+    constexpr int32_t kSerial = 47000020;
+    ASSERT_EQ(lxSimAttachRomLoader(kSerial, nullptr), lxNoError);
+    bus = std::make_unique<Bus>(kSerial);
+    std::vector<uint8_t> image = lx::sim::BuildFirmwareImage(true, std::to_string(kSerial));
+    const std::string path = ::testing::TempDir() + "lx_umockdev_boot.img";
+    for (bool good : {false, true}) {
+        SCOPED_TRACE(good);
+        std::vector<uint8_t> bytes = image;
+        if (!good) bytes.back() ^= 1; // the checksum word closes the image
+        std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
+                                                    std::streamsize(bytes.size()));
+        int32_t boot = -1, personality = -1, serial = -1;
+        EXPECT_EQ(lxBootStrap(&boot, path.c_str()), good ? lxNoError : lxDeviceNotFoundErr);
+        ASSERT_EQ(lxSimGetPersonality(kSerial, &personality), lxNoError);
+        EXPECT_EQ(personality, good ? 0 : 2); // boot loader, ROM loader
+        if (good) {
+            EXPECT_EQ(lxBootGetSerial(boot, &serial), lxNoError);
+            EXPECT_EQ(serial, kSerial);
+            EXPECT_EQ(lxBootCloseDevice(boot), lxNoError);
+        }
+    }
+    std::remove(path.c_str());
 }
 
 // What the wire delivered reaches the transport through libusb: a short
