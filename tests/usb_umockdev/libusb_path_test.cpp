@@ -1,7 +1,8 @@
 // The libusb backend on an emulated bus (usb_bus.h): open with calibration,
-// a boot-strap through the ROM loader, short and stalled reads at the transport, a sweep and an I/Q stream checked
-// against the scene, and an unplug in the middle of a stream. The executable
-// re-runs itself under umockdev's preload.
+// a boot-strap through the ROM loader, short and stalled reads at the
+// transport, a sweep and an I/Q stream checked against the scene, and an
+// unplug in the middle of a stream. The executable re-runs itself under
+// umockdev's preload.
 #include <gtest/gtest.h>
 #include <umockdev.h>
 #include <unistd.h>
