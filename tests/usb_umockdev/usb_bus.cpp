@@ -206,6 +206,9 @@ void Bus::Complete() {
     else std::this_thread::sleep_for(std::chrono::milliseconds(2));
 
     std::lock_guard lk(mu_);
+    // Reaped or discarded meanwhile: umockdev may still be copying its data
+    // back to the client on its worker thread, which therefore frees it.
+    if (head && head.use_count() == 1) graveyard_.push_back(std::move(head));
     for (auto& [client, c] : conns_) {
         for (auto it = c->pending.begin(); it != c->pending.end();) {
             Urb& u = **it;
@@ -255,6 +258,7 @@ bool Bus::Ioctl(UMockdevIoctlClient* client) {
     const gulong request = umockdev_ioctl_client_get_request(client);
     UMockdevIoctlData* arg = umockdev_ioctl_client_get_arg(client);
     std::lock_guard lk(mu_);
+    graveyard_.clear();
     auto found = conns_.find(client);
     Conn* c = found == conns_.end() ? nullptr : found->second.get();
     auto fail = [&](int err) {

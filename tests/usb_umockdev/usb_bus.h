@@ -15,6 +15,8 @@
 //     which is what makes the simulated device deliver.
 // Lock order: Bus::mu_ -> the simulated device's own lock (inside the
 // simulator backend calls). The waits on a transfer are made without mu_.
+// A URB's umockdev data is only freed on the worker thread, which may still
+// be copying it back to the client after the reap.
 #pragma once
 
 #include <umockdev.h>
@@ -78,6 +80,7 @@ private:
     std::map<UMockdevIoctlClient*, std::unique_ptr<Conn>> conns_;
     std::string devnode_;        // the node of the enumeration shown, or empty
     std::vector<std::string> nodes_; // every node the handler answers on
+    std::vector<std::shared_ptr<Urb>> graveyard_; // freed by the worker thread
     std::string product_, usbSerial_;
     uint64_t generation_ = 0;    // the simulated enumeration shown
     std::atomic<bool> unplugged_{false}, stop_{false};
