@@ -208,7 +208,9 @@ void Bus::Complete() {
     std::lock_guard lk(mu_);
     // Reaped or discarded meanwhile: umockdev may still be copying its data
     // back to the client on its worker thread, which therefore frees it.
+    // (Every other owner changes hands under mu_, so the count is stable here.)
     if (head && head.use_count() == 1) graveyard_.push_back(std::move(head));
+    head.reset();
     for (auto& [client, c] : conns_) {
         for (auto it = c->pending.begin(); it != c->pending.end();) {
             Urb& u = **it;
