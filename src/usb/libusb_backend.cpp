@@ -100,11 +100,11 @@ struct Completion {
 
 void LIBUSB_CALL OnTransferComplete(libusb_transfer* t) {
     auto* c = static_cast<Completion*>(t->user_data);
-    {
-        std::lock_guard lock(c->mu);
-        c->done = true;
-        c->actual = BytesMoved(t);
-    }
+    // Notified under the lock: a waiter that sees `done` may destroy the
+    // completion at once, so nothing here may touch it after the unlock.
+    std::lock_guard lock(c->mu);
+    c->done = true;
+    c->actual = BytesMoved(t);
     c->cv.notify_all();
 }
 
