@@ -60,6 +60,7 @@ TEST_F(Registry, DeviceListCountsAndLeavesOutOpenDevices) {
     count = -1;
     EXPECT_EQ(lxGetDeviceList(serials, &count), lxNoError);
     EXPECT_EQ(count, -1);
+    EXPECT_EQ(lxGetDeviceList(nullptr, &count), lxNullPtrErr);
 
     int32_t h = -1;
     ASSERT_EQ(lxOpenDevice(&h), lxNoError); // the first one found
