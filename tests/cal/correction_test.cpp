@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "../common/python_reference.h"
 #include "cal/cal_record.h"
 #include "cal/correction.h"
 
@@ -168,41 +169,22 @@ std::map<std::string, CalResponse> DesignCases() {
 }
 
 // Runs the reference script on the cases: name -> 64 tap values, then the term.
-std::map<std::string, std::vector<double>> ReferenceDesigns(const std::map<std::string, CalResponse>& cases) {
-    std::map<std::string, std::vector<double>> out;
-    char pattern[] = "/tmp/lx_tap_ref_XXXXXX";
-    const char* dir = mkdtemp(pattern);
-    if (!dir) return out;
-    const std::string in = std::string(dir) + "/in.txt", result = std::string(dir) + "/out.txt";
-    {
-        std::ofstream f(in);
-        char buf[32];
-        const auto put = [&](float v) {
-            std::snprintf(buf, sizeof buf, " %.9g", double(v)); // every float digit
-            f << buf;
-        };
-        for (const auto& [name, r] : cases) {
-            f << name;
-            for (const auto* table : {&r.magnitude, &r.phase, &r.flatnessDb})
-                for (float v : *table) put(v);
-            put(r.fineMagnitude);
-            put(r.fineTrimDb);
-            f << "\n";
-        }
+lxtest::ReferenceValues ReferenceDesigns(const std::map<std::string, CalResponse>& cases) {
+    std::ostringstream f;
+    char buf[32];
+    const auto put = [&](float v) {
+        std::snprintf(buf, sizeof buf, " %.9g", double(v)); // every float digit
+        f << buf;
+    };
+    for (const auto& [name, r] : cases) {
+        f << name;
+        for (const auto* table : {&r.magnitude, &r.phase, &r.flatnessDb})
+            for (float v : *table) put(v);
+        put(r.fineMagnitude);
+        put(r.fineTrimDb);
+        f << "\n";
     }
-    const std::string cmd = std::string(LX_TEST_PYTHON) + " " + LX_TEST_SOURCE_DIR +
-                            "/tests/cal/tap_design_reference.py " + in + " " + result;
-    if (std::system(cmd.c_str()) == 0) {
-        std::ifstream f(result);
-        for (std::string line; std::getline(f, line);) {
-            std::istringstream fields(line);
-            std::string name;
-            fields >> name;
-            for (double v; fields >> v;) out[name].push_back(v);
-        }
-    }
-    std::filesystem::remove_all(dir);
-    return out;
+    return lxtest::RunReference("cal/tap_design_reference.py", "{dir}/in.txt {dir}/out.txt", {{"in.txt", f.str()}});
 }
 
 TEST(TapDesign, MatchesTheReferenceDesign) {

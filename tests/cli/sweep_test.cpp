@@ -16,8 +16,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "lx_api.h"
-#include "lx_sim.h"
 #include "plot.h"
 #include "sweep_report.h"
 #include "tool_run.h"
@@ -247,91 +245,7 @@ TEST(SweepPlot, SpikeSurvivesDecimation) {
 // background, as the reference script's arguments.
 const char* const kTraceColours = "'[[255, 214, 0], [40, 170, 255], [255, 90, 70]]' '[12, 16, 22]'";
 
-// ---- the command line ------------------------------------------------------------
-
-struct CommandCase {
-    const char* name;
-    std::vector<std::string> args;
-    int exitCode;
-    std::vector<std::string> messages; // on stderr
-};
-
-void PrintTo(const CommandCase& c, std::ostream* os) { *os << c.name; }
-
-class SweepCommandLine : public ::testing::TestWithParam<CommandCase> {};
-
-// Refused before any analyzer is opened (no --sim: an attempt to open one
-// would fail with 1, not 2), with nothing on stdout and no file left behind.
-TEST_P(SweepCommandLine, RefusedWithAMessage) {
-    const auto& c = GetParam();
-    TempDir dir;
-    std::ofstream(dir.path / "scene.json") << R"({"emitters": []})";
-    std::vector<std::string> args = {"sweep", "--csv", "{dir}/trace.csv"};
-    args.insert(args.end(), c.args.begin(), c.args.end());
-    const Result r = RunTool(dir.path, args);
-    EXPECT_EQ(r.exitCode, c.exitCode) << r.err;
-    EXPECT_EQ(r.out, "");
-    for (const auto& m : c.messages) EXPECT_THAT(r.err, HasSubstr(m));
-    for (const auto& e : fs::directory_iterator(dir.path)) {
-        const std::string name = e.path().filename().string();
-        EXPECT_TRUE(name.rfind("out", 0) == 0 || name.rfind("err", 0) == 0 || name.rfind("cache", 0) == 0 ||
-                    name == "scene.json")
-            << "left behind: " << name;
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Sweep, SweepCommandLine,
-    ::testing::Values(
-        CommandCase{"BadSuffix", {"--start", "100x", "--stop", "1G"}, 2, {"--start: '100x' is not a frequency"}},
-        CommandCase{"StartAboveStop", {"--start", "2G", "--stop", "1G"}, 2, {"--start must be below --stop"}},
-        CommandCase{"NegativeStart", {"--start=-5M", "--stop", "1G"}, 2, {"cannot be negative"}},
-        CommandCase{"ZeroSpan", {"--center", "1G", "--span", "0"}, 2, {"--span must be above 0"}},
-        CommandCase{"StartWithoutStop", {"--start", "1G"}, 2, {"--start requires --stop"}},
-        CommandCase{"StartAndCenter", {"--start", "1G", "--stop", "2G", "--center", "1G", "--span", "1M"}, 2,
-                    {"excludes"}},
-        CommandCase{"UnknownWindow", {"--window", "kaiser"}, 2,
-                    {"--window: 'kaiser' is not one of flattop|nuttall|blackman|hamming|gaussian|rect"}},
-        CommandCase{"UnknownScale", {"--scale", "linear"}, 2, {"--scale: 'linear' is not one of log|lin|lognogain"}},
-        CommandCase{"BadSweepTime", {"--sweep-time", "5min"}, 2, {"--sweep-time: '5min' is not a time"}},
-        CommandCase{"AttenuatorTooHigh", {"--atten", "7"}, 2, {"--atten: '7'"}},
-        CommandCase{"TinyPng", {"--png", "{dir}/a.png", "--png-size", "100x100"}, 2, {"--png-size: '100x100'"}},
-        CommandCase{"UnwritableFile", {"--rtl-power", "{dir}/no/such/folder.csv"}, 2,
-                    {"cannot write", "No such file or directory"}},
-        CommandCase{"OneFileForTwoOutputs", {"--png", "{dir}/./trace.csv"}, 2, {"named for two outputs"}},
-        CommandCase{"SceneTwice", {"--sim={dir}/scene.json", "--scene", "{dir}/scene.json"}, 2, {"either"}},
-        CommandCase{"MissingScene", {"--scene", "{dir}/missing.json"}, 2, {"cannot read scene file"}},
-        CommandCase{"SimSerialWithoutSim", {"--sim-serial", "12345678"}, 2, {"--sim-serial needs --sim"}},
-        // Accepted, then refused by the analyzer's absence: 1, and the CSV
-        // created up front is gone again.
-        CommandCase{"SerialNotAttached", {"--sim", "--serial", "12345678"}, 1,
-                    {"opening analyzer 12345678: Device not found (-1)"}}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-// ---- whole runs on a simulated analyzer ---------------------------------------------
-
-// The sweep engine arrives with lx_api's mode 1; until then lxConfigure(h, 1)
-// answers lxInvalidConfigurationErr and these runs have nothing to measure.
-bool SweepAvailable() {
-    static const bool available = [] {
-        constexpr int32_t kSerial = 77777777;
-        if (lxSimAttach(kSerial, nullptr) != lxNoError) return false;
-        int32_t h = -1;
-        LxStatus s = lxOpenDeviceBySerial(&h, kSerial);
-        if (s >= 0) {
-            (void)lxSetSweepStartStop(h, 100e6, 1e9);
-            s = lxConfigure(h, lxModeSweep);
-            (void)lxCloseDevice(h);
-        }
-        (void)lxSimDetach(kSerial);
-        return s != lxInvalidConfigurationErr;
-    }();
-    return available;
-}
-
-#define SKIP_WITHOUT_SWEEP()                                                                                  \
-    if (!SweepAvailable())                                                                                    \
-    GTEST_SKIP() << "lxConfigure(h, 1) returns lxInvalidConfigurationErr: this lx_api has no sweep engine yet"
+// ---- whole runs on a simulated analyzer (refused command lines: cli_test.cpp) --------
 
 struct Tone {
     double hz, dbm;
@@ -418,7 +332,6 @@ protected:
 };
 
 TEST_P(SweepRun, PeakTableNamesTheScenesTones) {
-    SKIP_WITHOUT_SWEEP();
     const Outcome* o = Ran();
     ASSERT_NE(o, nullptr);
     const double bin = o->doc["sweep"]["bin_size_hz"];
@@ -435,7 +348,6 @@ TEST_P(SweepRun, PeakTableNamesTheScenesTones) {
 // not above max, the peaks' levels at their indices. The rtl_power file: the
 // same max trace in dBm to 0.01 dB, lines starting where their first point is.
 TEST_P(SweepRun, TraceFilesHoldEveryPoint) {
-    SKIP_WITHOUT_SWEEP();
     const Outcome* o = Ran();
     ASSERT_NE(o, nullptr);
     const auto& sweep = o->doc["sweep"];
@@ -469,7 +381,6 @@ TEST_P(SweepRun, TraceFilesHoldEveryPoint) {
 // The PNG as Pillow reads it: the size asked for, and the traces and markers
 // in their colours.
 TEST_P(SweepRun, PngOfTheRequestedSize) {
-    SKIP_WITHOUT_SWEEP();
     const Outcome* o = Ran();
     ASSERT_NE(o, nullptr);
     const json png = Reference("png " + Quote(o->png.string()) + " " + kTraceColours);
@@ -498,7 +409,6 @@ INSTANTIATE_TEST_SUITE_P(
 // sweep's; the held min trace mirrors it. A tool that kept the last sweep
 // would sit at the median, 1.5 dB or more away.
 TEST(SweepHold, ThreeSweepsHoldTheirExtremes) {
-    SKIP_WITHOUT_SWEEP();
     const Outcome* once = Ran(kMinMaxOnce);
     const Outcome* held = Ran(kMinMaxHeld);
     ASSERT_TRUE(once && held);
@@ -512,7 +422,6 @@ TEST(SweepHold, ThreeSweepsHoldTheirExtremes) {
 }
 
 TEST(SweepWarnings, ClampedSettingsAreReportedAndTheSweepRuns) {
-    SKIP_WITHOUT_SWEEP();
     struct Case {
         std::vector<std::string> args;
         std::string warning;

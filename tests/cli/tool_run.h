@@ -47,21 +47,33 @@ struct Result {
     std::string out, err;
 };
 
+// Runs a shell command with its output into files in `dir`.
+inline Result RunCommand(const fs::path& dir, const std::string& cmd) {
+    static int runs = 0;
+    const std::string n = std::to_string(runs++);
+    const fs::path out = dir / ("out" + n), err = dir / ("err" + n);
+    const int status = std::system((cmd + " >" + Quote(out) + " 2>" + Quote(err)).c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Slurp(out), Slurp(err)};
+}
+
 // Runs lx530 in `dir` ("{dir}" in an argument stands for it). Every run gets
 // a calibration cache of its own: the cache outlives the simulated analyzer,
 // and a record cached by one run would be used by the next whatever its
 // scene says.
 inline Result RunTool(const fs::path& dir, std::vector<std::string> args) {
     static int runs = 0;
-    const std::string n = std::to_string(runs++);
-    const fs::path out = dir / ("out" + n), err = dir / ("err" + n);
-    std::string cmd = "XDG_CACHE_HOME=" + Quote(dir / ("cache" + n)) + " " + Quote(LX530_PATH);
+    std::string cmd = "XDG_CACHE_HOME=" + Quote(dir / ("cache" + std::to_string(runs++))) + " " + Quote(LX530_PATH);
     for (auto& a : args) {
         for (size_t at; (at = a.find("{dir}")) != std::string::npos;) a.replace(at, 5, dir.string());
         (cmd += ' ') += Quote(a); // not " " + Quote(a): a GCC 12 -O3 -Wrestrict false positive
     }
-    const int status = std::system((cmd + " >" + Quote(out) + " 2>" + Quote(err)).c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Slurp(out), Slurp(err)};
+    return RunCommand(dir, cmd);
+}
+
+// Runs one of the tests' Python scripts (path from the source tree) on the
+// Debian interpreter.
+inline Result RunPython(const fs::path& dir, const std::string& script, const std::string& args) {
+    return RunCommand(dir, std::string(LX_TEST_PYTHON) + " " + LX_TEST_SOURCE_DIR + "/" + script + " " + args);
 }
 
 } // namespace clitest

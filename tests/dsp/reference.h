@@ -5,14 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <complex>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
+
+#include "../common/python_reference.h"
 
 namespace lx::dsp::test {
 
@@ -52,27 +49,7 @@ public:
 private:
     static Reference Load(const std::string& name) {
         Reference r;
-        char pattern[] = "/tmp/lx_dsp_ref_XXXXXX";
-        const char* dir = mkdtemp(pattern);
-        if (!dir) return r;
-        const std::string file = std::string(dir) + "/" + name + ".txt";
-        const std::string cmd = std::string(LX_TEST_PYTHON) + " " + LX_TEST_SOURCE_DIR + "/tests/dsp/reference.py " +
-                                name + " " + file;
-        if (std::system(cmd.c_str()) == 0) {
-            std::ifstream in(file);
-            std::string line;
-            while (std::getline(in, line)) {
-                std::istringstream fields(line);
-                std::string key;
-                fields >> key;
-                std::vector<double>& v = r.values_[key];
-                // strtod, not >>: the data holds nan and inf.
-                std::string tok;
-                while (fields >> tok) v.push_back(std::strtod(tok.c_str(), nullptr));
-            }
-        }
-        std::error_code ec;
-        std::filesystem::remove_all(dir, ec);
+        r.values_ = lxtest::RunReference("dsp/reference.py", name + " {dir}/out.txt");
         return r;
     }
 

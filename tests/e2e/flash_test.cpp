@@ -103,11 +103,8 @@ TEST_F(Flash, ChecksInOrder) {
         [&] { return lxBootWriteFPGAProgram(0, nullptr, &progress); },
         [&] { return lxBootWriteRunSector(0, nullptr, 0); },
         [&] { return lxBootGetSerial(0, nullptr); },
-        [&] { return lxBootOpenDeviceBySerial(nullptr, 75000001); },
-        [&] { return lxBootStrap(nullptr, bootPath_.c_str()); },
     };
-    for (const auto& call : nulls) EXPECT_NE(call(), lxNoError);
-    for (size_t i = 0; i + 2 < std::size(nulls); ++i) EXPECT_EQ(nulls[i](), lxNullPtrErr) << i;
+    for (size_t i = 0; i < std::size(nulls); ++i) EXPECT_EQ(nulls[i](), lxNullPtrErr) << i;
     // The slot is taken.
     EXPECT_EQ(lxBootOpenDevice(&h), lxMaxDevicesConnectedErr);
     EXPECT_EQ(lxBootOpenDeviceBySerial(&h, 75000001), lxMaxDevicesConnectedErr);

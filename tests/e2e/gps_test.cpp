@@ -73,31 +73,48 @@ protected:
     }
 };
 
+// Southern and western hemispheres, minutes that round into the next degree,
+// a year end and a leap day crossed while the analyzer opens.
 TEST_F(Gps, SyntheticFixComesBackWithPositionAltitudeAndTime) {
-    // The receiver's clock starts at the scene's UTC when the analyzer is
-    // plugged in; the open itself spends device seconds in the boot loader.
-    const uint64_t attachedAtMs = VirtualMs();
-    const int32_t h = AttachAndOpen(30000301, R"({"gps": {"fix": true, "latitude": -33.8568,
-        "longitude": 151.2153, "altitude_m": 58.5, "utc": "2026-11-21T12:00:00Z"}})");
-    Fix f = NextSecond(h);
-    ASSERT_EQ(f.status, lxNoError);
-    EXPECT_EQ(f.updated, 1u);
-    // ddmm.mmmm carries 1e-4 minutes: 1.7e-6 degrees.
-    EXPECT_NEAR(f.lat, -33.8568, 2e-6);
-    EXPECT_NEAR(f.lon, 151.2153, 2e-6);
-    EXPECT_NEAR(f.alt, 58.5, 0.05);
-    const int64_t start = 1795262400; // 2026-11-21T12:00:00Z
-    const int64_t elapsed = static_cast<int64_t>((VirtualMs() - attachedAtMs) / 1000);
-    EXPECT_NEAR(double(f.time), double(start + elapsed), 2.0);
-    EXPECT_EQ(f.time, RmcSecondsPlusOne(f.text)) << f.text;
-    EXPECT_EQ(State(h), 1u);
+    const struct {
+        const char* gps;
+        double lat, lon, alt;
+        int64_t utc;
+    } cases[] = {
+        {R"("latitude": -33.8568, "longitude": 151.2153, "altitude_m": 58.5, "utc": "2026-11-21T12:00:00Z")",
+         -33.8568, 151.2153, 58.5, 1795262400},
+        {R"("latitude": 51.068098, "longitude": -114.095645, "altitude_m": 1102.4, "utc": "2026-12-31T23:59:58Z")",
+         51.068098, -114.095645, 1102.4, 1798761598},
+        {R"("latitude": 0.99999999, "longitude": -0.5, "altitude_m": -12.5, "utc": "2028-02-28T23:59:59Z")", 1.0,
+         -0.5, -12.5, 1835395199},
+    };
+    int32_t serial = 30000300;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.gps);
+        // The receiver's clock starts at the scene's UTC when the analyzer is
+        // plugged in; the open itself spends device seconds in the boot loader.
+        const uint64_t attachedAtMs = VirtualMs();
+        const int32_t h = AttachAndOpen(++serial, std::string(R"({"gps": {"fix": true, )") + c.gps + "}}");
+        Fix f = NextSecond(h);
+        ASSERT_EQ(f.status, lxNoError);
+        EXPECT_EQ(f.updated, 1u);
+        // ddmm.mmmm carries 1e-4 minutes: 1.7e-6 degrees.
+        EXPECT_NEAR(f.lat, c.lat, 2e-6);
+        EXPECT_NEAR(f.lon, c.lon, 2e-6);
+        EXPECT_NEAR(f.alt, c.alt, 0.05);
+        const int64_t elapsed = static_cast<int64_t>((VirtualMs() - attachedAtMs) / 1000);
+        EXPECT_NEAR(double(f.time), double(c.utc + elapsed), 2.0);
+        EXPECT_EQ(f.time, RmcSecondsPlusOne(f.text)) << f.text;
+        EXPECT_EQ(State(h), 1u);
 
-    // Time moves with the device's seconds; nothing new without a refresh.
-    const Fix g = NextSecond(h);
-    EXPECT_EQ(g.time, f.time + 1);
-    const Fix same = ReadFix(h, 0);
-    EXPECT_EQ(same.updated, 0u);
-    EXPECT_EQ(same.time, g.time);
+        // Time moves with the device's seconds; nothing new without a refresh.
+        const Fix g = NextSecond(h);
+        EXPECT_EQ(g.time, f.time + 1);
+        const Fix same = ReadFix(h, 0);
+        EXPECT_EQ(same.updated, 0u);
+        EXPECT_EQ(same.time, g.time);
+        lxCloseDevice(h);
+    }
 }
 
 TEST_F(Gps, NoFixAndLossClearThePosition) {
@@ -153,7 +170,8 @@ struct LogCase {
 
 class GpsLog : public Gps, public ::testing::WithParamInterface<LogCase> {};
 
-// Values derived by hand from the sentences in the logs (see tests/gps too).
+// Values derived by hand from the sentences in the logs (the same sentences
+// are the only replay of real receivers: the parser's own tests use made-up ones).
 TEST_P(GpsLog, ReplayedReceiverGivesThePositionAndTimeWrittenInIt) {
     const auto& c = GetParam();
     const std::string scene = std::string(R"({"gps": {"nmea_log": ")") + LX_TEST_DATA_DIR + "/nmea/" + c.file + "\"}}";

@@ -122,27 +122,6 @@ TEST_F(NarrowSpan, NoiseFloorIsTheScenesDensityInTheRbw) {
     }
 }
 
-// Below 5 MHz the device decimates (capture code 3); a span of exactly
-// 5 MHz is a stepped sweep at the full rate (code 1).
-TEST_F(NarrowSpan, SpanBelowFiveMegahertzDecimatesInTheDevice) {
-    struct Case {
-        double span;
-        uint32_t capture;
-    };
-    for (const Case& c : {Case{4.999e6, 0x30000003u}, Case{5e6, 0x30000001u}, Case{10e3, 0x30000003u}}) {
-        SCOPED_TRACE(c.span);
-        ASSERT_EQ(lxSimClearCommandLog(kSerial), lxNoError);
-        const Trace t = Measure(2e9, c.span, 30e3, 30e3);
-        EXPECT_EQ(t.status, lxNoError);
-        const std::vector<uint32_t> log = CommandLog(kSerial);
-        std::vector<uint32_t> captures;
-        for (uint32_t w : log)
-            if (w >> 24 == 0x30) captures.push_back(w);
-        ASSERT_FALSE(captures.empty());
-        for (uint32_t w : captures) EXPECT_EQ(w, c.capture);
-    }
-}
-
 // The warnings of the sweep, strongest first.
 TEST_F(NarrowSpan, WarningsComeFromTheStatusPacket) {
     struct Case {

@@ -1,8 +1,9 @@
-// Setter rules, one table: what is stored, what is clamped, what is refused.
+// Setter rules, one table: what is stored, what is clamped, what is refused
+// for its value (NaN, enumerations one past their range and null pointers:
+// tests/e2e/bad_input_test.cpp).
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cmath>
 #include <functional>
 
 #include "e2e_support.h"
@@ -34,7 +35,6 @@ double Atten(int32_t h) {
 }
 
 TEST_F(Settings, StoredClampedOrRefused) {
-    const double nan = std::nan("");
     const struct {
         const char* what;
         std::function<LxStatus(int32_t)> set;
@@ -44,7 +44,6 @@ TEST_F(Settings, StoredClampedOrRefused) {
     } cases[] = {
         {"ref level has no lower bound", [](int32_t h) { return lxSetRefLevel(h, -200.0); }, lxNoError, RefLevel, -200},
         {"ref level up to +20", [](int32_t h) { return lxSetRefLevel(h, 25.0); }, lxSettingClamped, RefLevel, 20},
-        {"ref level NaN changes nothing", [&](int32_t h) { return lxSetRefLevel(h, nan); }, lxInvalidParameterErr, RefLevel, 20},
         {"atten below -1", [](int32_t h) { return lxSetAttenuator(h, -5); }, lxSettingClamped, Atten, -1},
         {"atten 0", [](int32_t h) { return lxSetAttenuator(h, 0); }, lxNoError, Atten, 0},
         {"atten 6", [](int32_t h) { return lxSetAttenuator(h, 6); }, lxNoError, Atten, 6},
@@ -54,20 +53,12 @@ TEST_F(Settings, StoredClampedOrRefused) {
         {"reversed span", [](int32_t h) { return lxSetSweepStartStop(h, 2e9, 1e9); }, lxInvalidParameterErr, {}, 0},
         {"zero span", [](int32_t h) { return lxSetSweepCenterSpan(h, 1e9, 0); }, lxInvalidParameterErr, {}, 0},
         {"negative span", [](int32_t h) { return lxSetSweepCenterSpan(h, 1e9, -1e6); }, lxInvalidParameterErr, {}, 0},
-        {"NaN start", [&](int32_t h) { return lxSetSweepStartStop(h, nan, 1e9); }, lxInvalidParameterErr, {}, 0},
         {"span beyond the range", [](int32_t h) { return lxSetSweepStartStop(h, 1000, 2e10); }, lxSettingClamped, {}, 0},
         {"VBW up to RBW / 10000", [](int32_t h) { return lxSetSweepCoupling(h, 1e4, 0.5, 1e-3); }, lxSettingClamped, {}, 0},
         {"VBW down to RBW", [](int32_t h) { return lxSetSweepCoupling(h, 1e4, 2e4, 1e-3); }, lxSettingClamped, {}, 0},
         {"sweep time from 1 us", [](int32_t h) { return lxSetSweepCoupling(h, 1e4, 1e3, 0); }, lxSettingClamped, {}, 0},
         {"sweep time to 100 s", [](int32_t h) { return lxSetSweepCoupling(h, 1e4, 1e3, 1e3); }, lxSettingClamped, {}, 0},
         {"zero RBW", [](int32_t h) { return lxSetSweepCoupling(h, 0, 1e3, 0.5); }, lxInvalidParameterErr, {}, 0},
-        {"NaN VBW", [&](int32_t h) { return lxSetSweepCoupling(h, 1e4, nan, 0.5); }, lxInvalidParameterErr, {}, 0},
-        {"scale 3", [](int32_t h) { return lxSetSweepScale(h, 3); }, lxInvalidParameterErr, {}, 0},
-        {"scale -1", [](int32_t h) { return lxSetSweepScale(h, -1); }, lxInvalidParameterErr, {}, 0},
-        {"window 6", [](int32_t h) { return lxSetSweepWindow(h, 6); }, lxInvalidParameterErr, {}, 0},
-        {"detector 2", [](int32_t h) { return lxSetSweepDetector(h, 2, 0); }, lxInvalidParameterErr, {}, 0},
-        {"units 4", [](int32_t h) { return lxSetSweepDetector(h, 0, 4); }, lxInvalidParameterErr, {}, 0},
-        {"units -1", [](int32_t h) { return lxSetSweepDetector(h, 0, -1); }, lxInvalidParameterErr, {}, 0},
         {"GPIO list without values", [](int32_t h) { return lxSetSweepGPIOSwitching(h, kF, nullptr, 2); }, lxNullPtrErr, {}, 0},
         {"GPIO list sets the port to output", [](int32_t h) { return lxSetSweepGPIOSwitching(h, kF, kV, 2); }, lxNoError, Port, 5},
     };
@@ -81,7 +72,6 @@ TEST_F(Settings, StoredClampedOrRefused) {
     EXPECT_EQ(lxSetSweepScale(h, 2), lxNoError);
     EXPECT_EQ(lxSetSweepWindow(h, 5), lxNoError);
     EXPECT_EQ(lxSetSweepDetector(h, 1, 3), lxNoError);
-    EXPECT_EQ(lxGetRefLevel(h, nullptr), lxNullPtrErr);
 }
 
 TEST_F(Settings, SettingsSurviveAbortAndFailedConfigure) {

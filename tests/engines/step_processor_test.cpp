@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "../common/python_reference.h"
 #include "engines/step_processor.h"
 
 namespace {
@@ -24,32 +25,8 @@ using lx::engines::cf32;
 using lx::engines::StepProcessor;
 using lx::engines::StepProcessorConfig;
 
-std::map<std::string, std::vector<double>> LoadReference() {
-    std::map<std::string, std::vector<double>> values;
-    char pattern[] = "/tmp/lx_step_ref_XXXXXX";
-    const char* dir = mkdtemp(pattern);
-    if (!dir) return values;
-    const std::string file = std::string(dir) + "/step.txt";
-    const std::string cmd =
-        std::string(LX_TEST_PYTHON) + " " + LX_TEST_SOURCE_DIR + "/tests/engines/step_reference.py " + file;
-    if (std::system(cmd.c_str()) == 0) {
-        std::ifstream in(file);
-        std::string line;
-        while (std::getline(in, line)) {
-            std::istringstream fields(line);
-            std::string key, tok;
-            fields >> key;
-            auto& v = values[key];
-            while (fields >> tok) v.push_back(std::strtod(tok.c_str(), nullptr));
-        }
-    }
-    std::error_code ec;
-    std::filesystem::remove_all(dir, ec);
-    return values;
-}
-
-const std::map<std::string, std::vector<double>>& Reference() {
-    static const auto values = LoadReference();
+const lxtest::ReferenceValues& Reference() {
+    static const auto values = lxtest::RunReference("engines/step_reference.py", "{dir}/out.txt");
     return values;
 }
 

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -101,79 +99,5 @@ TEST(Gga, MissingOrShortSentenceZeroesAltitude) {
     lx::gps::ApplyGga("$GPRMC,1\r\n", s);
     EXPECT_EQ(s.altitude, 0.0);
 }
-
-// Real receiver logs, replayed as the device delivers them: one chunk per
-// second's burst (sentences grouped by the time field of RMC/GGA).
-std::vector<std::string> Bursts(const std::string& file) {
-    std::ifstream in(std::string(LX_TEST_DATA_DIR) + "/nmea/" + file);
-    std::vector<std::string> bursts;
-    std::string line, current, currentTime;
-    while (std::getline(in, line)) {
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (line.empty() || line[0] == '#') continue;
-        std::string t;
-        if (line.size() > 7 && (line.compare(3, 3, "RMC") == 0 || line.compare(3, 3, "GGA") == 0)) {
-            t = line.substr(7, line.find(',', 7) - 7);
-            if (t != currentTime && !current.empty() && !currentTime.empty()) {
-                bursts.push_back(current);
-                current.clear();
-            }
-            currentTime = t;
-        }
-        current += line + "\r\n";
-    }
-    if (!current.empty()) bursts.push_back(current);
-    return bursts;
-}
-
-struct LogCase {
-    const char* file;
-    const char* until;  // replay up to and including the burst with this RMC time
-    bool fix;
-    double lat, lon, alt;
-    int64_t seconds;    // UTC one second after the RMC time
-};
-
-void PrintTo(const LogCase& c, std::ostream* os) { *os << c.file << " @ " << c.until; }
-
-class RealLog : public ::testing::TestWithParam<LogCase> {};
-
-TEST_P(RealLog, PositionAltitudeAndTimeAsWritten) {
-    const auto& c = GetParam();
-    const auto bursts = Bursts(c.file);
-    NmeaState s;
-    bool reached = false;
-    for (const auto& b : bursts) {
-        lx::gps::ApplyNmea(b, s);
-        if (b.find(std::string("RMC,") + c.until + ",") != std::string::npos) {
-            reached = true;
-            break;
-        }
-    }
-    ASSERT_TRUE(reached) << c.until;
-    EXPECT_EQ(s.fixValid, c.fix);
-    EXPECT_NEAR(s.latitude, c.lat, 1e-9);
-    EXPECT_NEAR(s.longitude, c.lon, 1e-9);
-    EXPECT_NEAR(s.altitude, c.alt, 1e-9);
-    EXPECT_EQ(s.gpsTimeNs / 1000000000LL, c.seconds);
-}
-
-// Expected values derived by hand from the sentences:
-//   bu353s4 first burst: RMC 030719.000 A 3747.0873 S 17518.8938 E, 311214; GGA alt 59.9
-//   quectel-L70 first burst: RMC 150119.000 A 5104.0859 N 11405.7387 W, 090322; GGA 1102.4
-//   mtk-3301: power-up bursts report status V with a bogus 8960.000000 N and
-//   date 050180 (year 2080 read as 20yy); the first A is RMC 081436.000
-//   5212.982135 N 00653.101394 E 230808 with GGA alt 102.907
-INSTANTIATE_TEST_SUITE_P(
-    Logs, RealLog,
-    ::testing::Values(
-        LogCase{"bu353s4.log", "030719.000", true, -(37 + 47.0873 / 60), 175 + 18.8938 / 60, 59.9,
-                1419995240},
-        LogCase{"quectel-L70.log", "150119.000", true, 51 + 4.0859 / 60, -(114 + 5.7387 / 60), 1102.4,
-                1646838080},
-        // GGA comes after RMC in each chunk, so its altitude survives a void RMC.
-        LogCase{"mtk-3301.log", "235946.005", false, 0.0, 0.0, 137.0, 3471724787},
-        LogCase{"mtk-3301.log", "081436.000", true, 52 + 12.982135 / 60, 6 + 53.101394 / 60,
-                102.907, 1219479277}));
 
 } // namespace

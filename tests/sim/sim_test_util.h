@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "../common/python_reference.h"
 #include "cal/correction.h"
 #include "lx_command/encoders.h"
 #include "lx_sim.h"
@@ -243,25 +244,13 @@ inline Peak StrongestTone(const std::vector<std::complex<double>>& x, double rat
 // the values it prints; empty (and a failure) when Python cannot run it.
 inline std::map<std::string, double> Measure(const std::string& measure, const std::vector<std::complex<double>>& x,
                                              double rate, const std::string& args = "") {
+    const std::vector<std::complex<float>> f(x.begin(), x.end());
+    const std::string bytes(reinterpret_cast<const char*>(f.data()), f.size() * sizeof f[0]);
     std::map<std::string, double> values;
-    char pattern[] = "/tmp/lx_sim_ref_XXXXXX";
-    const char* dir = mkdtemp(pattern);
-    if (!dir) return values;
-    const std::string in = std::string(dir) + "/x.c64", outFile = std::string(dir) + "/out.txt";
-    {
-        std::vector<std::complex<float>> f(x.begin(), x.end());
-        std::ofstream(in, std::ios::binary).write(reinterpret_cast<const char*>(f.data()),
-                                                  static_cast<std::streamsize>(f.size() * sizeof f[0]));
-    }
-    const std::string cmd = std::string(LX_TEST_PYTHON) + " " + LX_TEST_SOURCE_DIR + "/tests/sim/signal_ref.py " +
-                            measure + " " + in + " " + std::to_string(rate) + " " + args + " > " + outFile;
-    EXPECT_EQ(std::system(cmd.c_str()), 0) << cmd;
-    std::ifstream res(outFile);
-    std::string name;
-    double v;
-    while (res >> name >> v) values[name] = v;
-    std::error_code ec;
-    std::filesystem::remove_all(dir, ec);
+    for (const auto& [name, v] : lxtest::RunReference("sim/signal_ref.py", measure + " {dir}/x.c64 " + std::to_string(rate) +
+                                                                              " " + args + " > {dir}/out.txt",
+                                                      {{"x.c64", bytes}}))
+        if (!v.empty()) values[name] = v[0];
     return values;
 }
 

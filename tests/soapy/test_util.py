@@ -27,14 +27,13 @@ class SoapyUtil(unittest.TestCase):
                 self.assertIn("No devices found", r.stdout + r.stderr)
 
     def test_probe(self):
-        """What the probe reports comes from the analyzer: the scene's
-        temperature and supply, the rates 61.44 MS/s / 2^k."""
-        scene = scene_file(dict(tone_scene(1e9, -40), temperature_c=37.25, supply_v=11.5))
+        """The analyzer's channel, formats, ranges and rates 61.44 MS/s / 2^k
+        (the sensors against the scene: test_stream.py)."""
+        scene = scene_file(tone_scene(1e9, -40))
         r = util("--probe=driver=lx530,scene=" + scene)
         self.assertEqual(r.returncode, 0, r.stderr)
         out = r.stdout
-        for line in (r"Channels: 1 Rx, 0 Tx", r"Timestamps: YES", r"temperature \(Temperature\): 37\.250 C",
-                     r"supply_voltage \(Supply voltage\): 11\.50\d V", r"Stream formats: CF32, CS16",
+        for line in (r"Channels: 1 Rx, 0 Tx", r"Timestamps: YES", r"Stream formats: CF32, CS16",
                      r"Native format: CS16 \[full-scale=32768\]", r"Antennas: RF",
                      r"Full gain range: \[0, 30, 5\] dB", r"ATT gain range: \[-30, 0, 5\] dB",
                      r"Full freq range: \[0\.009, 15000\] MHz", r"Sample rates: .*61\.44 MSps",
