@@ -105,10 +105,6 @@ class Remote(unittest.TestCase):
     def test_running_stream_loses_nothing(self):
         self.stream(settle_s=1.0)
 
-    @unittest.skip("a new stream of a simulated analyzer paced at the real rate loses samples in its "
-                   "first half second (the I/Q engine's start-up, not the module): enable once fixed")
-    def test_stream_loses_nothing_from_its_first_sample(self):
-        self.stream(settle_s=0.0)
 
 if __name__ == "__main__":
     unittest.main()
