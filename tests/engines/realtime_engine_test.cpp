@@ -23,7 +23,7 @@ protected:
     void SetUp() override {
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
         const char* scene = R"({"emitters": [{"kind": "tone", "frequency_hz": 2.4012e9, "power_dbm": -30}],
-                               "noise_floor_dbm_hz": -150, "pacing": "realtime", "pace_rate": 0.04})";
+                               "noise_floor_dbm_hz": -150, "pacing": "realtime", "pace_rate": 0.02})";
 #else
         const char* scene = R"({"emitters": [{"kind": "tone", "frequency_hz": 2.4012e9, "power_dbm": -30}],
                                "noise_floor_dbm_hz": -150, "pacing": "realtime", "pace_rate": 0.25})";

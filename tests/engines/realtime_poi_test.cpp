@@ -35,7 +35,7 @@ constexpr int kTrains = 50, kPerTrain = 20;
 
 // Slow enough that an instrumented build keeps up on a loaded machine.
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr const char* kPace = "0.04";
+constexpr const char* kPace = "0.02";
 #else
 constexpr const char* kPace = "0.25";
 #endif
