@@ -285,7 +285,7 @@ const std::map<std::string, Handler>& SceneKeys() {
          [](const json& v, Scene& s) {
              s.pacing = Choice<Pacing>(v, "pacing", {{"fast", Pacing::Fast}, {"realtime", Pacing::Realtime}});
          }},
-        {"pace_rate", [](const json& v, Scene& s) { s.paceRate = Number(v, "pace_rate", 0.001, 1.0); }},
+        {"pace_rate", [](const json& v, Scene& s) { s.paceRate = Number(v, "pace_rate", 0.1, 1.0); }},
         {"dithering", [](const json& v, Scene& s) { s.dithering = Bool(v, "dithering"); }},
         {"gps", ParseGps},
         {"trigger", ParseTrigger},
