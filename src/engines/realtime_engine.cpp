@@ -295,12 +295,15 @@ void RealTimeEngine::FftThread() {
     cf32* out = fftOut_.span().data();
     int64_t r = 0;
     int64_t produced = 0;
+    int64_t consumed = 0; // as last seen: read again only when the ring looks full
     for (;;) {
         // On stop, what the USB thread wrote is still transformed: the
         // spectra account for every sample taken from the link.
         const bool last = !workers_.running() && usbDone_.load(std::memory_order_acquire);
-        while (written_.load(std::memory_order_acquire) - r >= n) {
-            if (produced - consumed_.load(std::memory_order_acquire) >= spectrumCapacity_) {
+        int64_t written = written_.load(std::memory_order_acquire);
+        while (written - r >= n || (written = written_.load(std::memory_order_acquire)) - r >= n) {
+            if (produced - consumed >= spectrumCapacity_ &&
+                produced - (consumed = consumed_.load(std::memory_order_acquire)) >= spectrumCapacity_) {
                 // The accumulator is a whole ring behind. Wait for it while the
                 // sample ring can still take the stream; only when waiting
                 // would hold up the USB thread is the spectrum given up.
@@ -403,10 +406,12 @@ void RealTimeEngine::AccumThread() {
     int64_t consumed = 0;
     for (;;) {
         const bool last = !workers_.running() && fftDone_.load(std::memory_order_acquire);
-        while (consumed < produced_.load(std::memory_order_acquire)) {
+        // The FFT thread's count is read again only when what was seen is done.
+        int64_t produced = produced_.load(std::memory_order_acquire);
+        while (consumed < produced || consumed < (produced = produced_.load(std::memory_order_acquire))) {
             const int64_t at = consumed % spectrumCapacity_;
             Accumulate(slots_[cur], spectra_.span().data() + at * len, rows_.span().data() + at * len, inFrame);
-            consumed_.store(++consumed, std::memory_order_release);
+            if (++consumed % kRtConsumedBatch == 0) consumed_.store(consumed, std::memory_order_release);
             if (++inFrame < plan_.spectraPerFrame) continue;
             CloseFrame(cur);
             const int32_t next = (cur + 1) % kFrameSlots;
@@ -417,6 +422,7 @@ void RealTimeEngine::AccumThread() {
             slots_[cur].count.zero();
             inFrame = 0;
         }
+        consumed_.store(consumed, std::memory_order_release);
         accumCpuNs_.store(ThreadCpuNs(), std::memory_order_relaxed);
         if (last) break;
         accumWake_.Wait();

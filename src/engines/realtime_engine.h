@@ -88,6 +88,7 @@ inline constexpr int32_t kRtBlockPackets = 127;
 inline constexpr uint32_t kRtTransferBytes = 1048576;
 inline constexpr uint32_t kRtTransferTimeoutMs = 2000;
 inline constexpr int kRtStatusQueue = 16;
+inline constexpr int64_t kRtConsumedBatch = 16;
 
 class RealTimeEngine final : public Engine {
 public:
@@ -146,8 +147,13 @@ private:
 
     // USB -> FFT
     AlignedVector<int16_t> samples_;     // 2 * (ring + N) values
+    // The counters the FFT and accumulator threads pass each other have a
+    // cache line each, and each side reads the other's again only when what
+    // it saw is used up: at 128 points a spectrum is due every microsecond,
+    // and a line traded between the cores for each would cost as much as
+    // the transform.
     std::atomic<int64_t> written_{0};    // samples written, from the start
-    std::atomic<int64_t> released_{0};   // samples the FFT thread no longer needs
+    alignas(64) std::atomic<int64_t> released_{0}; // samples the FFT thread no longer needs
     std::atomic<int64_t> received_{0};
     std::atomic<int64_t> ringWaits_{0};
     std::atomic<int64_t> firstTick_{-1};
@@ -160,9 +166,9 @@ private:
     ComplexVector fftIn_, fftOut_, mirrored_;
     FloatVector spectra_;                // capacity x sweepLength powers
     AlignedVector<uint8_t> rows_;        // capacity x sweepLength rows
-    std::atomic<int64_t> produced_{0};
-    std::atomic<int64_t> consumed_{0};
-    std::atomic<int64_t> lostSpectra_{0};
+    alignas(64) std::atomic<int64_t> produced_{0};
+    alignas(64) std::atomic<int64_t> consumed_{0};   // published every kRtConsumedBatch spectra and when idle
+    alignas(64) std::atomic<int64_t> lostSpectra_{0};
     Event accumWake_{Event::Mode::AutoReset};
 
     // Accum

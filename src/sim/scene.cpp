@@ -285,6 +285,7 @@ const std::map<std::string, Handler>& SceneKeys() {
          [](const json& v, Scene& s) {
              s.pacing = Choice<Pacing>(v, "pacing", {{"fast", Pacing::Fast}, {"realtime", Pacing::Realtime}});
          }},
+        {"pace_rate", [](const json& v, Scene& s) { s.paceRate = Number(v, "pace_rate", 0.1, 1.0); }},
         {"dithering", [](const json& v, Scene& s) { s.dithering = Bool(v, "dithering"); }},
         {"gps", ParseGps},
         {"trigger", ParseTrigger},
@@ -305,6 +306,8 @@ std::shared_ptr<const Scene> ParseScene(const char* text, std::string* error) {
             if (it == SceneKeys().end()) throw SceneError("unknown scene key \"" + key + "\"");
             it->second(value, *scene);
         }
+        if (scene->paceRate != 1.0 && scene->pacing != Pacing::Realtime)
+            throw SceneError("\"pace_rate\" needs \"pacing\": \"realtime\"");
         for (const Emitter& e : scene->emitters)
             if (e.gate && e.gate->startUtc && (!scene->gps || scene->gps->source != GpsScene::Source::Synthetic))
                 throw SceneError("\"start_utc\" needs a synthetic \"gps\" receiver in the scene");

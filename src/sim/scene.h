@@ -100,6 +100,9 @@ struct Scene {
     std::array<uint32_t, 3> firmware{1, 2, 5}; // major, minor, revision
     CalibrationContent calibration = CalibrationContent::Factory;
     Pacing pacing = Pacing::Fast;
+    // Realtime pacing: the fraction of real time the device clock runs at
+    // (1: 61.44 MS/s of wall-clock time; 0.25: a second of signal takes four).
+    double paceRate = 1.0;
     bool dithering = true;
     std::shared_ptr<const GpsScene> gps; // null: no receiver fitted
     std::shared_ptr<const TriggerScene> trigger; // null: nothing on the trigger input

@@ -219,8 +219,7 @@ void SimDevice::Reenumerate(Mode mode, std::string usbSerial, uint64_t absentMs)
     shortPackets_.clear();
     producedEnd_ = committedEnd_ = delivered_ = 0;
     run_ = RunState{};
-    origin_ = now - std::chrono::duration_cast<Clock::duration>(
-                        std::chrono::duration<double>(static_cast<double>(samplePos_) / fe::kSampleRateHz));
+    origin_ = now - WallTime(static_cast<double>(samplePos_), scene_->paceRate);
     idleMark_ = now;
     pendingIq_ = 0;
     pendingStatus_ = 0;
@@ -233,9 +232,10 @@ void SimDevice::SyncTime(Clock::time_point now) {
     samplePos_ += dv * (kTicksPerMs / 2);
     if (scene_->pacing == Pacing::Realtime) {
         // The ADC ran on while nothing was requested.
-        origin_ -= std::chrono::milliseconds(dv);
+        origin_ -= WallTime(static_cast<double>(dv * (kTicksPerMs / 2)), scene_->paceRate);
         const double elapsed = std::chrono::duration<double>(now - origin_).count();
-        samplePos_ = std::max(samplePos_, static_cast<uint64_t>(std::max(0.0, elapsed) * fe::kSampleRateHz));
+        samplePos_ = std::max(samplePos_, static_cast<uint64_t>(std::max(0.0, elapsed) * fe::kSampleRateHz *
+                                                                scene_->paceRate));
     } else if (pendingIq_ == 0 && now > idleMark_) {
         samplePos_ += static_cast<uint64_t>(std::chrono::duration<double>(now - idleMark_).count() * fe::kSampleRateHz);
         idleMark_ = now;
@@ -416,7 +416,8 @@ void SimDevice::RenderItem(OutItem& it, uint8_t* dst) {
         if (RenderIqPacket(plan, it.sampleIndex, NextRandom(rng_), reinterpret_cast<int16_t*>(dst)))
             pendingStatus_ |= fe::kStatusAdcOverflow;
         if (scene.pacing == Pacing::Realtime &&
-            Clock::now() - it.readyAt > std::chrono::duration<double>(DeviceBufferSeconds(plan.decimation)))
+            Clock::now() - it.readyAt >
+                std::chrono::duration<double>(DeviceBufferSeconds(plan.decimation) / scene.paceRate))
             pendingStatus_ |= fe::kStatusDataLoss;
         return;
     }
@@ -671,8 +672,7 @@ void SimDevice::QueueTransferRequest(uint32_t w) {
     RunGps();
     const auto readyOf = [&](uint64_t sampleEnd) {
         if (!paced) return now;
-        return origin_ + std::chrono::duration_cast<Clock::duration>(
-                             std::chrono::duration<double>(static_cast<double>(sampleEnd) / fe::kSampleRateHz));
+        return origin_ + WallTime(static_cast<double>(sampleEnd), scene_->paceRate);
     };
     auto config = iq > 0 ? CurrentConfig() : nullptr;
     const uint64_t before = producedEnd_;
@@ -892,10 +892,11 @@ void SimDevice::SetScene(std::shared_ptr<const Scene> scene) {
     SyncTime(now);
     RunGps();
     if (scene->calibration != scene_->calibration) ProgramCalibration(flash_, scene->calibration);
-    if (scene->pacing == Pacing::Realtime && scene_->pacing != Pacing::Realtime) {
-        // Continue the ADC timeline from where the unpaced stream left it.
-        origin_ = now - std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
-                            static_cast<double>(samplePos_) / fe::kSampleRateHz));
+    if (scene->pacing == Pacing::Realtime &&
+        (scene_->pacing != Pacing::Realtime || scene->paceRate != scene_->paceRate)) {
+        // Continue the ADC timeline from where the unpaced stream (or the
+        // clock at its former rate) left it.
+        origin_ = now - WallTime(static_cast<double>(samplePos_), scene->paceRate);
     }
     if (scene->pacing != Pacing::Realtime) idleMark_ = now;
     gps_.Configure(scene->gps);

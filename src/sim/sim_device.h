@@ -22,7 +22,7 @@
 //   real time as well, except while a fast-paced device is streaming (I/Q
 //   packets requested and not yet taken), when only the samples it produces
 //   move it, so that a stream stays gapless. A realtime-paced timeline is
-//   wall-clock time plus the virtual time. The GPS receiver runs on these
+//   wall-clock time (times the scene's pace_rate) plus the virtual time. The GPS receiver runs on these
 //   ticks (sim/gps_receiver.h); a status packet carries the receiver's state
 //   at its own tick, taken when it is requested.
 //
@@ -91,6 +91,12 @@ inline constexpr size_t kGpsInputBytes = 1u << 16; // the receiver's input kept 
 inline constexpr double kDeviceBufferBytes = 8.0 * 1024 * 1024;
 inline constexpr double DeviceBufferSeconds(int decimation) {
     return kDeviceBufferBytes / 4.0 * decimation / fe::kSampleRateHz;
+}
+// Wall-clock time of `samples` ADC samples on a paced device whose clock runs
+// at `rate` of real time (the scene's pace_rate).
+template <class Duration = std::chrono::steady_clock::duration>
+Duration WallTime(double samples, double rate) {
+    return std::chrono::duration_cast<Duration>(std::chrono::duration<double>(samples / (fe::kSampleRateHz * rate)));
 }
 
 class SimDevice;

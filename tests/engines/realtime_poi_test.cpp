@@ -2,9 +2,13 @@
 // the reported POI time, at random times and frequencies in the span, are
 // each seen in the max trace of their frame at their power (flat-top,
 // +-0.5 dB) and in the density and alpha frames at their row; bursts of half
-// that length read what the window predicts for where they fall on the FFT
-// grid, mostly lower. The stream's first sample time (from its first status
-// packet) places every burst on the grid of spectra and frames.
+// that length read lower, each by what its cut window predicts for where it
+// falls on the FFT grid. The stream's first sample time (from its first
+// status packet) places every burst on the grid of spectra and frames.
+//
+// The analyzer is paced in slow motion (a tenth of real time), so that the
+// engine keeps up and the reader is never lapped on a loaded machine: a lost
+// spectrum, lost samples or a frame not read fail the test.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -29,6 +33,8 @@ constexpr int32_t kSerial = 41000301;
 constexpr double kFs = 61.44e6;
 constexpr int kTrains = 50, kPerTrain = 20;
 
+std::string PacedScene() { return R"("pacing": "realtime", "pace_rate": 0.1)"; }
+
 struct Burst {
     double hz = 0, dbm = 0;
     int64_t first = 0, samples = 0; // in stream samples
@@ -44,7 +50,8 @@ protected:
     int32_t handle = -1;
     Device* dev = nullptr;
     void SetUp() override {
-        ASSERT_EQ(lxSimAttach(kSerial, R"({"noise_floor_dbm_hz": -150})"), lxNoError);
+        const std::string scene = std::string(R"({"noise_floor_dbm_hz": -150, )") + PacedScene() + "}";
+        ASSERT_EQ(lxSimAttach(kSerial, scene.c_str()), lxNoError);
         ASSERT_EQ(lxOpenDeviceBySerial(&handle, kSerial), lxNoError);
         dev = api::LookUp(handle);
         ASSERT_NE(dev, nullptr);
@@ -63,48 +70,34 @@ TEST_P(RealTimePoi, BurstsOfThePoiTimeAreAlwaysSeen) {
     dev->realTime.window = GetParam().window;
     dev->realTime.frameRefLevel = 0;
     dev->realTime.frameScale = 100;
-    ASSERT_EQ(dev->Configure(2), lxNoError);
-    auto* e = static_cast<engines::RealTimeEngine*>(dev->engines[kRealTimeEngine].get());
-    const engines::RealTimePlan& p = e->plan();
+    // The plan first: the predictions take seconds of a core, which a
+    // loaded machine cannot spare while the stream runs.
+    const engines::RealTimePlan p = engines::PlanRealTime(dev->realTime, dev->attenuator, dev->refLevel);
     const int64_t n = p.fftSize, half = n / 2, L = p.windowLength, pad = p.ZeroPadBefore(), F = p.spectraPerFrame;
-    ASSERT_EQ(dev->realTimeResults.minSignalDuration, 1.5 * n / kFs);
-    int32_t count = -1;
-    ASSERT_EQ(lxGetRealTimeFrame(handle, nullptr, nullptr, nullptr, nullptr, &count, nullptr), lxNoError);
-    const int64_t t0 = e->StreamStartTick();
-    ASSERT_GE(t0, 0);
 
     // 50 trains of 20 bursts, each train at its own frequency and power,
-    // starting well after what the analyzer has been asked for so far.
+    // all with one period a little over a frame (never two bursts of a train
+    // in one frame), each train at a random time in its own 1/50 of it: no
+    // two bursts share a spectrum (a switched burst spreads some of its power
+    // across the span, enough to move a burst 25 dB weaker by a dB). Times
+    // count from a frame boundary chosen once the predictions are made.
     std::mt19937 rng(2026);
     std::uniform_real_distribution<double> u(0.0, 1.0);
     const int64_t samples = std::llround(widthOfPoi * 1.5 * double(n));
-    // The simulator renders a packet's signal when it is read: the scene
-    // must be in place before the stream reaches the first burst.
-    const int64_t ahead = e->SamplesReceived() + 14 * 127 * 2048 + int64_t(1.5 * kFs);
-    std::vector<Burst> bursts;
-    std::string scene = R"({"noise_floor_dbm_hz": -150, "emitters": [)";
+    const int64_t period = std::llround(0.041 * kFs) + 1, slot = period / kTrains;
+    ASSERT_GT(slot - 3 * n, n);
+    std::vector<Burst> bursts; // train t: bursts t * kPerTrain onward
     for (int t = 0; t < kTrains; ++t) {
         const double hz = 1e9 - 19e6 + (t + 0.2 + 0.6 * u(rng)) * 38e6 / kTrains;
         const double dbm = -30.0 - 25.0 * u(rng);
-        const int64_t period = std::llround((0.1 + 0.0007 * t) * kFs) + int64_t(u(rng) * 997);
-        const int64_t first = ahead + int64_t(u(rng) * 0.1 * kFs);
+        const int64_t first = ((t * 17) % kTrains) * slot + int64_t(u(rng) * double(slot - 3 * n));
         for (int k = 0; k < kPerTrain; ++k) bursts.push_back({hz, dbm, first + k * period, samples});
-        char b[320];
-        std::snprintf(b, sizeof b,
-                      R"(%s{"kind": "burst", "frequency_hz": %.3f, "power_dbm": %.3f, "start_s": %.12f, )"
-                      R"("width_s": %.12f, "period_s": %.12f, "count": %d})",
-                      t ? ", " : "", hz, dbm, (double(t0) / 2 + double(first)) / kFs, double(samples) / kFs,
-                      double(period) / kFs, kPerTrain);
-        scene += b;
     }
-    scene += "]}";
-    ASSERT_EQ(lxSimSetScene(kSerial, scene.c_str()), lxNoError);
-    ASSERT_LT(e->SamplesReceived() + 14 * 127 * 2048, ahead) << "the stream overtook the scene change";
 
     // What the window predicts: for each burst and each spectrum that
     // overlaps it, the level of the trace points next to its frequency.
     std::vector<double> w(static_cast<size_t>(L));
-    dsp::GenerateWindow(0, w.data(), L);
+    dsp::GenerateWindow(p.window, w.data(), L);
     double sum = 0;
     for (double v : w) sum += v;
     struct Expect {
@@ -113,13 +106,14 @@ TEST_P(RealTimePoi, BurstsOfThePoiTimeAreAlwaysSeen) {
         double relDb;   // the frame's level relative to the burst's power
         double fullDb;  // the same for a tone that never stops (scalloping only)
     };
-    std::map<int64_t, std::vector<Expect>> byFrame; // frame -> bursts expected in it
+    std::map<int64_t, std::vector<Expect>> byFrame; // frame from the boundary -> bursts expected in it
     for (size_t b = 0; b < bursts.size(); ++b) {
         const Burst& x = bursts[b];
         const double cycles = (x.hz - p.capture.captureCentreHz) / kFs;
         const int64_t point = std::llround((x.hz - p.actualStart) / p.binSize);
         // Power of spectrum j at the trace points next to the burst, its
-        // window cut to the burst (gated) or not.
+        // window cut to the burst (gated) or not. Positions count from a
+        // frame boundary: a common phase, which the power does not see.
         auto Level = [&](int64_t j, bool gated) {
             double top = 0;
             for (int64_t i = point - 2; i <= point + 2; ++i) {
@@ -137,9 +131,8 @@ TEST_P(RealTimePoi, BurstsOfThePoiTimeAreAlwaysSeen) {
         };
         std::map<int64_t, double> best; // frame -> best predicted power
         for (int64_t j = std::max<int64_t>((x.first - pad - L) / half, 0); j * half + pad < x.first + x.samples; ++j) {
-            const double top = Level(j, true);
             double& f = best[j / F];
-            f = std::max(f, top);
+            f = std::max(f, Level(j, true));
         }
         int64_t frame = -1;
         double most = 0;
@@ -149,24 +142,56 @@ TEST_P(RealTimePoi, BurstsOfThePoiTimeAreAlwaysSeen) {
         byFrame[frame].push_back({b, point, 10 * std::log10(most), 10 * std::log10(Level(x.first / half, false))});
     }
 
-    // Read the frames that hold them.
-    const int64_t last = byFrame.rbegin()->first;
+    ASSERT_EQ(dev->Configure(2), lxNoError);
+    auto* e = static_cast<engines::RealTimeEngine*>(dev->engines[kRealTimeEngine].get());
+    ASSERT_EQ(e->plan().firstKeptBin, p.firstKeptBin);
+    ASSERT_EQ(e->plan().capture.captureCentreHz, p.capture.captureCentreHz);
+    ASSERT_EQ(dev->realTimeResults.minSignalDuration, 1.5 * n / kFs);
+    int32_t count = -1;
+    ASSERT_EQ(lxGetRealTimeFrame(handle, nullptr, nullptr, nullptr, nullptr, &count, nullptr), lxNoError)
+        << "lost spectra " << e->LostSpectra();
+    const int64_t t0 = e->StreamStartTick();
+    ASSERT_GE(t0, 0);
+
+    // The first burst comes at a frame boundary well ahead of the stream: the
+    // simulator renders a packet's signal when it is read, so the scene must
+    // be in place before the stream reaches it (thirteen transfers are out).
+    const int64_t frameSamples = F * half;
+    const int64_t base =
+        (e->SamplesReceived() + 14 * 127 * 2048 + int64_t(0.2 * kFs)) / frameSamples * frameSamples + frameSamples;
+    std::string scene = std::string(R"({"noise_floor_dbm_hz": -150, )") + PacedScene() + R"(, "emitters": [)";
+    for (int k = 0; k < kTrains; ++k) {
+        const Burst& t = bursts[size_t(k * kPerTrain)];
+        char b[320];
+        std::snprintf(b, sizeof b,
+                      R"(%s{"kind": "burst", "frequency_hz": %.3f, "power_dbm": %.3f, "start_s": %.12f, )"
+                      R"("width_s": %.12f, "period_s": %.12f, "count": %d})",
+                      k ? ", " : "", t.hz, t.dbm, (double(t0) / 2 + double(base + t.first)) / kFs,
+                      double(samples) / kFs, double(period) / kFs, kPerTrain);
+        scene += b;
+    }
+    scene += "]}";
+    ASSERT_EQ(lxSimSetScene(kSerial, scene.c_str()), lxNoError);
+    ASSERT_LT(e->SamplesReceived() + 14 * 127 * 2048, base) << "the stream overtook the scene change";
+
+    // Read the frames that hold them: every frame from the boundary on, in
+    // order, complete (no spectrum lost, no loss at the analyzer).
+    const int64_t first = base / frameSamples, last = first + byFrame.rbegin()->first;
     const int64_t cells = int64_t(p.frameWidth) * engines::kFrameHeight;
     std::vector<float> density(static_cast<size_t>(cells)), alpha(static_cast<size_t>(cells));
     std::vector<float> mx(static_cast<size_t>(p.sweepLength));
-    int seen = 0, checked = 0, matched = 0;
+    int checked = 0;
     double worst = 0, deficit = 0, predictedDeficit = 0;
+    int64_t previous = -1;
     while (count < last) {
-        const LxStatus st = lxGetRealTimeFrame(handle, density.data(), alpha.data(), nullptr, mx.data(), &count, nullptr);
-        if (e->LostSpectra() > 0)
-            GTEST_SKIP() << "the host fell behind and gave up " << e->LostSpectra()
-                         << " spectra: frames no longer map to times (a machine this loaded cannot show the POI)";
-        ASSERT_EQ(st, lxNoError);
-        if (count > byFrame.begin()->first && checked == 0 && byFrame.begin()->first != count &&
-            byFrame.lower_bound(0)->first < count)
-            GTEST_SKIP() << "the reader was lapped (frame " << count << " read before frame "
-                         << byFrame.begin()->first << "): frames holding bursts were overwritten";
-        auto it = byFrame.find(count);
+        ASSERT_EQ(lxGetRealTimeFrame(handle, density.data(), alpha.data(), nullptr, mx.data(), &count, nullptr),
+                  lxNoError)
+            << "after frame " << count << ": lost spectra " << e->LostSpectra() << ", ring waits " << e->RingWaits();
+        if (count >= first) {
+            ASSERT_EQ(count, previous + 1) << "the reader was lapped";
+        }
+        previous = count;
+        auto it = byFrame.find(count - first);
         if (it == byFrame.end()) continue;
         for (const Expect& x : it->second) {
             const Burst& b = bursts[x.burst];
@@ -176,15 +201,13 @@ TEST_P(RealTimePoi, BurstsOfThePoiTimeAreAlwaysSeen) {
                 if (mx[size_t(i)] > got) got = mx[size_t(i)], at = i;
             const double want = b.dbm + x.relDb;
             worst = std::max(worst, std::fabs(got - want));
-            // Every burst of the POI time at its predicted level; of the shorter
-            // ones, nearly every one (a few read up to 1.4 dB below the
-            // prediction, an effect not understood yet).
+            // At the level the window predicts for where it fell on the grid
+            // (the flat-top's scalloping, a short burst's cut window).
+            EXPECT_NEAR(got, want, 0.15) << "burst " << x.burst << " in frame " << count;
             if (widthOfPoi == 1.0) {
-                EXPECT_NEAR(got, want, 0.5) << "burst " << x.burst << " in frame " << count;
+                EXPECT_NEAR(got, b.dbm, 0.5) << "burst " << x.burst << " in frame " << count;
             }
-            matched += std::fabs(got - want) <= 0.3 ? 1 : 0;
             ++checked;
-            if (std::fabs(got - b.dbm) <= 0.5) ++seen;
             deficit += got - (b.dbm + x.fullDb);
             predictedDeficit += x.relDb - x.fullDb;
             // Its cell: the row of the level it was seen at, hit in this frame.
@@ -198,18 +221,23 @@ TEST_P(RealTimePoi, BurstsOfThePoiTimeAreAlwaysSeen) {
             EXPECT_TRUE(hit && counted) << "burst " << x.burst << " row " << row;
         }
     }
+    EXPECT_EQ(e->LostSpectra(), 0);
     EXPECT_EQ(checked, kTrains * kPerTrain);
-    const int total = kTrains * kPerTrain;
-    if (widthOfPoi == 1.0) {
-        EXPECT_EQ(seen, total) << "at their power (flat-top: +-0.5 dB)";
-    } else {
+    if (widthOfPoi < 1.0) {
         // Shorter than the window: every burst loses part of it, by how much
-        // depends on where it falls on the FFT grid.
-        EXPECT_LT(predictedDeficit / total, -0.3);
-        EXPECT_GE(matched, total * 95 / 100) << "within 0.3 dB of the prediction";
-        EXPECT_NEAR(deficit / total, predictedDeficit / total, 0.1) << "mean level below a tone's";
+        // depends on where it falls on the FFT grid; on average they read
+        // below a tone at their frequency by what the window predicts.
+        EXPECT_LT(predictedDeficit / checked, -0.3);
+        EXPECT_NEAR(deficit / checked, predictedDeficit / checked, 0.05);
     }
     RecordProperty("worst_db", std::to_string(worst));
+}
+
+// The slow motion is for realtime pacing only, and within its range.
+TEST(RealTimePoiPace, OutOfRangeIsRefused) {
+    for (const char* scene : {R"({"pacing": "realtime", "pace_rate": 0.05})", R"({"pacing": "realtime", "pace_rate": 1.5})",
+                              R"({"pace_rate": 0.5})"})
+        EXPECT_EQ(lxSimAttach(kSerial, scene), lxInvalidParameterErr) << scene;
 }
 
 // Flat-top at 56.6 kHz: a 4092-point window in 4096 points, so the POI time
