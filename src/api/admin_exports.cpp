@@ -35,9 +35,14 @@ LX_API LxStatus lxAdminHasDithering(int32_t handle, bool* hasDithering) {
 }
 
 LX_API LxStatus lxAdminSetCorrectionMode(int32_t handle, LxCorrectionMode mode) {
+    // A C caller may pass any int; reading it as the enum would be undefined
+    // outside 0..1, so take the bits as passed.
+    uint32_t value;
+    static_assert(sizeof value == sizeof mode);
+    std::memcpy(&value, &mode, sizeof value);
     return WithDevice(handle, [&](Device& d) -> LxStatus {
-        if (static_cast<uint32_t>(mode) > 1) return lxInvalidParameterErr;
-        d.correctionMode = static_cast<uint32_t>(mode);
+        if (value > 1) return lxInvalidParameterErr;
+        d.correctionMode = value;
         return lxNoError;
     });
 }
