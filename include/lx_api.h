@@ -449,9 +449,7 @@ LX_API LxStatus lxGetIQCorrection(int32_t handle, float* correctionDb);
  *     are not reported.
  *   timestamp: optional; time of iqData[0] at the antenna (the filters'
  *     delay taken out) in ns since 1970: GPS time once the receiver has a
- *     fix (counted from its latest pulse), the host clock until then (and
- *     until the first GPS message after open is seen to arrive: the one
- *     already in the analyzer may belong to the pulse before). It
+ *     fix (counted from its latest pulse), the host clock until then. It
  *     comes from the stamp of the analyzer block that sample belongs to, so
  *     sample k of the read is at timestamp + k * 1e9 / sample rate unless
  *     sampleLoss is set (then that holds up to the gap only).

@@ -42,7 +42,6 @@ int64_t TakeStatusPacket(GpsState& g, const GpsPacketFields& p, int hwDecimation
         std::lock_guard<std::mutex> lock(g.mutex);
         g.statusBit = (p.deviceStatusWord & (1u << 10)) != 0;
         if (seq != g.sequence) {
-            g.messagePulseKnown = g.sequence != kNoSequence;
             g.sequence = seq;
             // The receiver sends a message some time after the pulse it
             // describes; the packet's own tick would date it that much late.
@@ -71,7 +70,7 @@ int64_t TakeStatusPacket(GpsState& g, const GpsPacketFields& p, int hwDecimation
             g.nmea.longitude = 0.0;
             g.nmea.altitude = 0.0;
         }
-        fixValid = g.nmea.fixValid && g.messagePulseKnown;
+        fixValid = g.nmea.fixValid;
     }
 
     if (fixValid) {

@@ -42,12 +42,6 @@ struct GpsState {
     // a second).
     uint32_t sequence = kNoSequence;
     uint64_t messageTick = 0;   // pulse tick the last message's first packet reported: the pulse it describes
-    // Whether messageTick is known to be the pulse of the message held. Not
-    // for the first packet's message: a packet taken between a pulse and
-    // that pulse's message holds the previous message, and anchoring it to
-    // the new pulse would date every stamp a second late. Time follows the
-    // fix from the first message seen to arrive.
-    bool messagePulseKnown = false;
     bool anchored = false;
     uint64_t anchorTick = 0;
     int64_t anchorTimeNs = 0;

@@ -38,20 +38,10 @@ struct Packet {
     }
 };
 
-// The intake as it stands after its first packet, which held no message:
-// every later change of sequence is a message seen to arrive.
-void Prime(GpsState& g) {
-    GpsPacketFields f;
-    f.gpsStatusWord = 3u << 18;
-    lx::gps::TakeStatusPacket(g, f, 1, 0);
-    g.messageCounter = 0; // messages counted from here
-}
-
 int64_t Ns(double ticks) { return static_cast<int64_t>(std::floor(ticks * 8.138020833333334 + 0.5)); }
 
 TEST(GpsIntake, NewMessageIsCopiedAcrossTheRingWrapAndParsed) {
     GpsState g;
-    Prime(g);
     Packet p(kFixText, 1, 1000, 500); // starts 12 words before the wrap
     const int64_t t = lx::gps::TakeStatusPacket(g, p.f, 1, 42);
     EXPECT_EQ(std::string(g.text.data()), kFixText);
@@ -68,8 +58,6 @@ TEST(GpsIntake, NewMessageIsCopiedAcrossTheRingWrapAndParsed) {
 TEST(GpsIntake, MessageIsAnchoredAtItsPulseNotAtThePacketCarryingIt) {
     for (const uint64_t late : {uint64_t{0}, uint64_t{36864000}, uint64_t{110592000}}) { // 0, 0.3 s, 0.9 s
         GpsState g;
-        Prime(g);
-    Prime(g);
         const uint64_t pulse = 5 * 122880000ULL;
         Packet p(kFixText, 1, pulse + late, 0, static_cast<int64_t>(pulse));
         EXPECT_EQ(lx::gps::TakeStatusPacket(g, p.f, 1, 0), kFixSeconds * 1000000000LL + Ns(2048 - 98 + double(late)))
@@ -79,7 +67,6 @@ TEST(GpsIntake, MessageIsAnchoredAtItsPulseNotAtThePacketCarryingIt) {
 
 TEST(GpsIntake, SameSequenceIsNotANewMessageAndTimeRunsOnFromTheAnchor) {
     GpsState g;
-    Prime(g);
     Packet first(kFixText, 2, 5000);
     const int64_t t0 = lx::gps::TakeStatusPacket(g, first.f, 1, 0);
     Packet later("garbage that must not be parsed\r\n", 2, 5000 + 122880000);
@@ -91,17 +78,12 @@ TEST(GpsIntake, SameSequenceIsNotANewMessageAndTimeRunsOnFromTheAnchor) {
     EXPECT_EQ(t1 - t0, Ns(2048 - 98 + 122880000) - Ns(2048 - 98));
 }
 
-// The first packet's message is taken whatever its sequence, but its pulse
-// may be the one after it: time follows the host clock until a message is
-// seen to arrive, then the fix.
-TEST(GpsIntake, FirstPacketsMessageIsTakenButTimedOnlyOnceAMessageArrives) {
+TEST(GpsIntake, FirstPacketIsAlwaysANewMessageWhateverItsSequence) {
     GpsState g;
-    Packet first(kFixText, 0, 1000);
-    EXPECT_EQ(lx::gps::TakeStatusPacket(g, first.f, 1, 777), 777);
+    Packet p(kFixText, 0, 1000);
+    lx::gps::TakeStatusPacket(g, p.f, 1, 0);
     EXPECT_TRUE(g.nmea.fixValid);
     EXPECT_EQ(g.messageCounter, 1u);
-    Packet next(kFixText, 1, 1000 + 122880000);
-    EXPECT_EQ(lx::gps::TakeStatusPacket(g, next.f, 1, 777), kFixSeconds * 1000000000LL + Ns(2048 - 98));
 }
 
 TEST(GpsIntake, DecimationChangesThePipelineDelay) {
@@ -111,8 +93,6 @@ TEST(GpsIntake, DecimationChangesThePipelineDelay) {
     } cases[] = {{1, 2048 - 98}, {2, 4096 - 176}, {4, 8192 - 176 - 136}};
     for (const auto& c : cases) {
         GpsState g;
-        Prime(g);
-    Prime(g);
         Packet p(kFixText, 1, 0);
         EXPECT_EQ(lx::gps::TakeStatusPacket(g, p.f, c.d1, 0), kFixSeconds * 1000000000LL + Ns(c.delay)) << c.d1;
     }
@@ -120,7 +100,6 @@ TEST(GpsIntake, DecimationChangesThePipelineDelay) {
 
 TEST(GpsIntake, SilenceOfMoreThanTheLossTimeDropsTheFix) {
     GpsState g;
-    Prime(g);
     Packet fix(kFixText, 1, 100);
     lx::gps::TakeStatusPacket(g, fix.f, 1, 0);
     Packet quietAtLimit("", 1, 100 + lx::gps::kLossTicks);
@@ -138,7 +117,6 @@ TEST(GpsIntake, SilenceOfMoreThanTheLossTimeDropsTheFix) {
 
 TEST(GpsIntake, VoidFixKeepsTheAnchorAndStampsRunOn) {
     GpsState g;
-    Prime(g);
     Packet fix(kFixText, 1, 1000);
     const int64_t t0 = lx::gps::TakeStatusPacket(g, fix.f, 1, 0);
     Packet lost(kVoidText, 2, 1000 + 61440000);
@@ -172,7 +150,6 @@ TEST(GpsIntake, StatusBitFollowsBitTenOfTheStatusWord) {
 // time arithmetic overflow (undefined behaviour). It now saturates.
 TEST(GpsIntake, TickFarFromTheAnchorSaturatesInsteadOfOverflowing) {
     GpsState g;
-    Prime(g);
     Packet first("", 0, 0);
     lx::gps::TakeStatusPacket(g, first.f, 1, 1000);
     Packet far("", 0, ~uint64_t{0});
