@@ -1,6 +1,7 @@
 #include "e2e_support.h"
 
 #include <cstdio>
+#include <ctime>
 #include <cstdlib>
 #include <filesystem>
 
@@ -66,6 +67,15 @@ bool CachedRecord(int32_t serial, LX530CalData* out) {
     std::snprintf(name, sizeof name, "/halvorn/cal_files/lx%08d.bin", serial);
     const std::string path = std::string(std::getenv("XDG_CACHE_HOME")) + name;
     return lxCalCorrectionLoadFromFile(path.c_str(), out);
+}
+
+std::string UtcText(int64_t seconds) {
+    const time_t secs = static_cast<time_t>(seconds);
+    tm utc{};
+    gmtime_r(&secs, &utc);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+    return text;
 }
 
 } // namespace e2e

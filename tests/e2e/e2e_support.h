@@ -29,4 +29,7 @@ protected:
 // factory record after its first open).
 bool CachedRecord(int32_t serial, LX530CalData* out);
 
+// A whole UTC second as a scene's "start_utc" wants it: 2031-05-06T07:08:09Z.
+std::string UtcText(int64_t seconds);
+
 } // namespace e2e

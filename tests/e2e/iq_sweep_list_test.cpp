@@ -222,13 +222,10 @@ TEST_F(SweepList, TimeStampsAreTrueToTheScenesClock) {
     ASSERT_EQ(lxIQSweepListGetSweep(h, f.data(), t.data()), lxNoError); // takes the fix in
     // The train starts on the second after next, by the receiver's clock.
     const int64_t start = (int64_t(t[0]) / 1000000000 + 2) * 1000000000;
-    const time_t secs = time_t(start / 1000000000);
-    tm utc{};
-    gmtime_r(&secs, &utc);
     char burst[256];
     std::snprintf(burst, sizeof burst,
-                  R"({"kind": "burst", "frequency_hz": 1000100000, "power_dbm": -30, "start_utc": "%04d-%02d-%02dT%02d:%02d:%02dZ", "width_s": 50e-6, "period_s": 200e-6})",
-                  utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+                  R"({"kind": "burst", "frequency_hz": 1000100000, "power_dbm": -30, "start_utc": "%s", "width_s": 50e-6, "period_s": 200e-6})",
+                  e2e::UtcText(start / 1000000000).c_str());
     std::snprintf(scene, sizeof scene, gps, burst);
     ASSERT_EQ(lxSimSetScene(kSerial, scene), lxNoError);
     ASSERT_EQ(lxSimAdvanceTimeMs(2500), lxNoError);

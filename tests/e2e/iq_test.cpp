@@ -297,14 +297,10 @@ TEST_F(Iq, GpsTimeStampsPlaceBursts) {
         while (1000000000 % N != 0) --N;
         const int64_t periodNs = 1000000000 / N;
         const int64_t startNs = (int64_t(stamp) / 1000000000 + 2) * 1000000000;
-        const time_t secs = time_t(startNs / 1000000000);
-        tm utc{};
-        gmtime_r(&secs, &utc);
         char burst[320];
         std::snprintf(burst, sizeof burst,
-                      R"({"kind": "burst", "frequency_hz": %.3f, "power_dbm": -30, "start_utc": "%04d-%02d-%02dT%02d:%02d:%02dZ", "width_s": %.9f, "period_s": %.9f})",
-                      c - 0.1 * fs, utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
-                      400 / fs, double(periodNs) * 1e-9);
+                      R"({"kind": "burst", "frequency_hz": %.3f, "power_dbm": -30, "start_utc": "%s", "width_s": %.9f, "period_s": %.9f})",
+                      c - 0.1 * fs, e2e::UtcText(startNs / 1000000000).c_str(), 400 / fs, double(periodNs) * 1e-9);
         std::string scene = Scene({}, gps);
         scene.insert(scene.find("\"emitters\": [") + 13, burst);
         ASSERT_EQ(lxSimSetScene(kSerial, scene.c_str()), lxNoError);
