@@ -128,11 +128,15 @@ TEST_F(Iq, ToneLevelAndPhaseAtEveryDecimation) {
             const double fs = 61.44e6 / D, f = 0.15 * fs;
             const int32_t type = (D == 2 || D == 128) ? 1 : 0;
             SCOPED_TRACE(testing::Message() << "centre " << c << " D " << D << " type " << type);
-            ASSERT_EQ(lxSimSetScene(kSerial, Scene({{c + f, -30}}).c_str()), lxNoError);
+            // The widest rates run in slow motion: a host slowed by a
+            // sanitizer or a busy machine cannot take 61.44 MS/s, and what is
+            // checked here does not depend on the pace.
+            ASSERT_EQ(lxSimSetScene(kSerial, Scene({{c + f, -30}}, D <= 2 ? R"(, "pace_rate": 0.25)" : "").c_str()),
+                      lxNoError);
             Start(D, c, 1e9, type);
             const auto x = Measure(D, std::max<int64_t>(4096, BlockOutputs(D) * 5 / 2), type);
             const ToneFit t = FitTone(x, f, fs);
-                    EXPECT_NEAR(t.dbm, -30.0, 0.1);
+            EXPECT_NEAR(t.dbm, -30.0, 0.1);
             EXPECT_LT(t.phaseError, D <= 2 ? 5e-3 : 2e-3); // a lost or doubled sample turns it by ~1 rad
         }
     }
