@@ -63,15 +63,15 @@ struct Row {
     // i integer, c count or capacity of a buffer, u unsigned, s serial,
     // t text (path, JSON). Flags after '|': v returns a value, not a status;
     // n NaN is a legal value; z does nothing and returns 0 whatever it is given.
-    std::string spec;
+    std::string kinds;
 };
 
 template <typename R, typename... Ps>
-Row MakeRow(const char* name, R (*fn)(Ps...), const char* spec) {
+Row MakeRow(const char* name, R (*fn)(Ps...), const char* kinds) {
     return {name, sizeof...(Ps),
-            [fn](const Args& a) { return Invoke(fn, a, std::index_sequence_for<Ps...>{}); }, spec};
+            [fn](const Args& a) { return Invoke(fn, a, std::index_sequence_for<Ps...>{}); }, kinds};
 }
-#define ROW(fn, spec) MakeRow(#fn, &fn, spec)
+#define ROW(fn, kinds) MakeRow(#fn, &fn, kinds)
 
 const std::vector<Row>& Rows() {
     static const std::vector<Row> rows = {
@@ -275,8 +275,8 @@ TEST_F(BadInput, EveryExportHasARowAndEveryRowMatchesItsExport) {
     std::set<std::string> rows;
     for (const Row& r : Rows()) {
         rows.insert(r.name);
-        const std::string params = r.spec.substr(0, r.spec.find('|'));
-        EXPECT_EQ(Words(params).size(), r.arity) << r.name << ": spec \"" << r.spec << "\"";
+        const std::string params = r.kinds.substr(0, r.kinds.find('|'));
+        EXPECT_EQ(Words(params).size(), r.arity) << r.name << ": kinds \"" << r.kinds << "\"";
     }
     const std::set<std::string> exports = HeaderExports();
     for (const auto& name : exports) EXPECT_TRUE(rows.count(name)) << name << " has no row";
@@ -300,8 +300,8 @@ TEST_F(BadInput, EveryCallReturnsAListedStatusAndARefusalChangesNothing) {
     constexpr int64_t kMin = std::numeric_limits<int32_t>::min(), kMax = std::numeric_limits<int32_t>::max();
 
     for (const Row& row : Rows()) {
-        const std::string params = row.spec.substr(0, row.spec.find('|'));
-        const std::string flags = row.spec.find('|') == std::string::npos ? "" : row.spec.substr(row.spec.find('|') + 1);
+        const std::string params = row.kinds.substr(0, row.kinds.find('|'));
+        const std::string flags = row.kinds.find('|') == std::string::npos ? "" : row.kinds.substr(row.kinds.find('|') + 1);
         const bool returnsValue = flags.find('v') != std::string::npos;
         const bool noOp = flags.find('z') != std::string::npos;
         const bool boot = params.find('b') != std::string::npos;
