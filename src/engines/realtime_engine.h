@@ -57,7 +57,9 @@
 //   overwrites samples the FFT thread still needs: without room it polls
 //   every 1 ms (RingWaits()); an analyzer meanwhile fills its own buffer and
 //   reports the loss in its status word if that overruns.
-//   Spectra: 10,485,760 / N entries of sweepLength powers and rows.
+//   Spectra: 10,485,760 / N entries of powers and rows, each sweepLength
+//   values padded to a multiple of 32 (the vector loops then run without a
+//   scalar tail; the pad is never counted).
 //
 // Nothing allocates after construction; the constructor may throw
 // std::bad_alloc or std::system_error (the API guard answers lxAllocationErr).
@@ -89,6 +91,7 @@ inline constexpr uint32_t kRtTransferBytes = 1048576;
 inline constexpr uint32_t kRtTransferTimeoutMs = 2000;
 inline constexpr int kRtStatusQueue = 16;
 inline constexpr int64_t kRtConsumedBatch = 16;
+inline constexpr int64_t kTraceSlots = 8;
 
 class RealTimeEngine final : public Engine {
 public:
@@ -137,13 +140,21 @@ private:
     void TakeBlock(const uint8_t* data);
     void FftThread();
     void AccumThread();
-    void Accumulate(Slot& slot, const float* power, const uint8_t* rows, int64_t index);
+    void TransformBatch(int64_t r, int64_t index, int64_t count, uint8_t* rows);
+    void PublishTraces(int64_t frame);
+    void PowerAndRows(const dsp::cf32* x, float* power, uint8_t* rows, int64_t count) const;
     void CloseFrame(int32_t slot);
+    void ResetAccumulators();
 
     Device& device_;
     const RealTimePlan plan_;
     const CommandList start_, transfer_;
     const int64_t spectrumCapacity_;
+    const int64_t stride_;   // ring entries per spectrum: sweepLength rounded up to 32
+    // Spectra transformed per hand-over to the accumulator: short spectra
+    // (small FFTs, narrow spans) go in batches, so that the counters and the
+    // wake-up are paid once per batch; long ones go one by one.
+    const int64_t batch_;
 
     // USB -> FFT
     AlignedVector<int16_t> samples_;     // 2 * (ring + N) values
@@ -162,20 +173,30 @@ private:
 
     // FFT -> Accum
     FloatVector window_;                 // windowLength values, normalised, / N
+    // Row of a power p: 10 log10(p) * rowsPerDb_ + rowOffset_ on the dB
+    // scales, sqrt(p) * rowsPerAmplitude_ on the linear one.
+    float rowsPerDb_ = 0, rowOffset_ = 0, rowsPerAmplitude_ = 0;
     std::shared_ptr<const dsp::FftPlan> fft_;
-    ComplexVector fftIn_, fftOut_, mirrored_;
-    FloatVector spectra_;                // capacity x sweepLength powers
-    AlignedVector<uint8_t> rows_;        // capacity x sweepLength rows
+    ComplexVector fftIn_, fftOut_, gathered_; // gathered_: a batch's kept bins, trace order
+    FloatVector power_;                  // a batch's power
+    // The traces of the frame being transformed: min/max, or the sum.
+    FloatVector minAcc_, maxAcc_;
+    DoubleVector sumAcc_;
+    // Finished traces (min, then max: 2 x stride_ each) of the last frames,
+    // by frame number modulo kTraceSlots. The FFT thread writes a frame's
+    // before it publishes the frame's last spectrum; the accumulator copies
+    // them out when it closes that frame. The FFT thread is at most a ring of
+    // spectra (2.6 frames) ahead of the accumulator, so it never writes the
+    // slot of a frame still to close.
+    FloatVector traces_;    AlignedVector<uint8_t> rows_;        // capacity x sweepLength rows
     alignas(64) std::atomic<int64_t> produced_{0};
     alignas(64) std::atomic<int64_t> consumed_{0};   // published every kRtConsumedBatch spectra and when idle
     alignas(64) std::atomic<int64_t> lostSpectra_{0};
     Event accumWake_{Event::Mode::AutoReset};
 
     // Accum
-    FloatVector minAcc_, maxAcc_;
-    DoubleVector sumAcc_;
     AlignedVector<uint32_t> densitySum_;
-    std::vector<uint32_t> columnBase_;   // per trace point: column * 256
+    int columnShift_ = 0;                // trace point i is in column i >> columnShift_
     std::unique_ptr<Slot[]> slots_;
     int32_t frameNumber_ = 0;
     Event accumReady_{Event::Mode::ManualReset};
