@@ -20,20 +20,29 @@
 //       of the extra request read on IN slot 13.
 //   "LX Real Time FFT Thread" (above normal): for each N samples at the read
 //       index (50 % overlap): int16 to windowed float in one pass over the
-//       window's samples only (the zero padding stays zero), the FFT (a plan
-//       made at configure), then |X|^2 and the density row of every kept bin in
-//       one pass into the spectrum ring. When the ring is full (the
-//       accumulator a whole ring behind) it waits while the sample ring can
-//       still take two more blocks; beyond that the spectrum is not computed
-//       and is counted (LostSpectra()), rather than overwriting unread
-//       spectra without a trace: it enters no frame, and the next frame read
-//       reports lxUncalData.
+//       window's samples only (the zero padding stays zero; the window
+//       alternates in sign, so the output comes in frequency order and the
+//       kept bins are one run), the FFT (a plan made at configure), then
+//       |X|^2 and the density row of every kept bin in one pass: the rows go
+//       to the spectrum ring, the power into the min/max (or sum) of the
+//       frame the spectrum belongs to, whose finished traces it hands over
+//       (traces_) before the frame's last spectrum. Spectra shorter than
+//       1024 bins go in batches (one row pass, one hand-over per batch).
+//       When the ring is full (the accumulator a whole ring behind) it waits
+//       while the sample ring can still take two more blocks; beyond that the
+//       spectrum is not computed and is counted (LostSpectra()), rather than
+//       overwriting unread spectra without a trace: it enters no frame, and
+//       the next frame read reports lxUncalData.
 //   "LX Real Time Accum Thread" (above normal): holds the mutex of the frame
-//       slot it fills; per spectrum: min/max (or sum) of the power, and one
-//       count per bin in the slot's count frame (column-major, 256 rows per
-//       column, no branch per cell). After F spectra the frame closes: traces,
+//       slot it fills; per spectrum one count per bin in the slot's count
+//       frame (column-major, 256 rows per column, no branch per cell). After
+//       F spectra the frame closes: the traces the FFT thread handed over,
 //       density (running sum over the ring), alpha; then it takes the next
 //       slot's mutex before releasing this one (hand-over-hand).
+//       The traces are folded on the FFT thread, while each spectrum's power
+//       is still in its cache: the ring then carries one byte per bin
+//       instead of five, and that traffic between the cores, not the
+//       arithmetic, was most of the per-bin cost.
 //   Caller's thread: Frame() locks the read slot (waiting for the
 //       accumulator to finish it), copies and converts, advances.
 //
@@ -57,9 +66,9 @@
 //   overwrites samples the FFT thread still needs: without room it polls
 //   every 1 ms (RingWaits()); an analyzer meanwhile fills its own buffer and
 //   reports the loss in its status word if that overruns.
-//   Spectra: 10,485,760 / N entries of powers and rows, each sweepLength
-//   values padded to a multiple of 32 (the vector loops then run without a
-//   scalar tail; the pad is never counted).
+//   Spectra: 10,485,760 / N entries of rows, each sweepLength values padded
+//   to a multiple of 32 (the vector loops then run without a scalar tail;
+//   the pad is never counted).
 //
 // Nothing allocates after construction; the constructor may throw
 // std::bad_alloc or std::system_error (the API guard answers lxAllocationErr).
