@@ -117,8 +117,10 @@ RealTimeEngine::RealTimeEngine(Device& device, RealTimePlan plan, CommandList st
         // comes in frequency order (bin N/2 the capture centre), and the kept
         // bins are one contiguous run.
         window_.resize(plan_.windowLength);
-        for (int64_t i = 0; i < plan_.windowLength; ++i)
-            window_[i] = static_cast<float>(((plan_.ZeroPadBefore() + i) % 2 ? -1.0 : 1.0) * w[static_cast<size_t>(i)] / sum);
+        for (int64_t i = 0; i < plan_.windowLength; ++i) {
+            const double sign = (plan_.ZeroPadBefore() + i) % 2 != 0 ? -1.0 : 1.0;
+            window_[i] = static_cast<float>(sign * w[static_cast<size_t>(i)] / sum);
+        }
     }
     {
         // Row of a value v: (v + B - A) * 2.56 * 100 / B on the dB scales, with v =
@@ -395,7 +397,11 @@ void RealTimeEngine::FftThread() {
         int64_t written = written_.load(std::memory_order_acquire);
         while (written - r >= n || (written = written_.load(std::memory_order_acquire)) - r >= n) {
             int64_t room = spectrumCapacity_ - (produced - consumed);
-            if (room <= 0 && (room = spectrumCapacity_ - (produced - (consumed = consumed_.load(std::memory_order_acquire)))) <= 0) {
+            if (room <= 0) {
+                consumed = consumed_.load(std::memory_order_acquire);
+                room = spectrumCapacity_ - (produced - consumed);
+            }
+            if (room <= 0) {
                 // The accumulator is a whole ring behind. Wait for it while the
                 // sample ring can still take the stream; only when waiting
                 // would hold up the USB thread is the spectrum given up.
