@@ -62,7 +62,10 @@ DspStatus PowerToDb(const float* p, float* out, int64_t count, float offsetDb = 
 
 // Power and amplitude row of spectrum bins in one pass (density displays):
 //   power[k] = |x[k]|^2 and rows[k] = clamp(round(10 log10(power[k]) * rowsPerDb + rowOffset), 0, 255)
-// with the dB of PowerDb; a power below the smallest normal float (zero) lands in row 0.
+// with a logarithm of its own (exponent split, polynomial on the mantissa,
+// within 3e-7 dB: the row is the exact one unless the level lies within a
+// few 1e-5 dB of a row boundary, where float rounding decides); a power below
+// the smallest normal float (zero) lands in row 0.
 DspStatus PowerAndRowsLog(const cf32* x, float* power, uint8_t* rows, int64_t count, float rowsPerDb,
                           float rowOffset) noexcept;
 // The same with rows[k] = clamp(round(sqrt(power[k]) * rowsPerAmplitude), 0, 255).

@@ -30,3 +30,18 @@
 #else
 #define LX_SQRT_CLONES
 #endif
+
+// The same with an AVX-512 copy as well, for the loops of the real-time
+// engine's per-bin path (the row pass, the min/max), where the 32 vector
+// registers keep the row's constants and temporaries out of memory and the
+// wider vectors halve the passes.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_THREAD__)
+#define LX_WIDE_CLONES \
+    __attribute__((target_clones("arch=x86-64-v4", "avx2", "default"), optimize("vect-cost-model=dynamic")))
+#define LX_WIDE_SQRT_CLONES                                                 \
+    __attribute__((target_clones("arch=x86-64-v4", "avx2", "default"), \
+                   optimize("vect-cost-model=dynamic", "no-math-errno")))
+#else
+#define LX_WIDE_CLONES LX_DSP_CLONES
+#define LX_WIDE_SQRT_CLONES LX_SQRT_CLONES
+#endif

@@ -29,21 +29,35 @@ constexpr float kMilliVoltsPerSqrtMilliWatt = 223.6f;
 constexpr double kDbmToMvOffset = 46.9897;
 constexpr auto kReaderPoll = std::chrono::milliseconds(1);
 
-LX_DSP_CLONES void MinMaxLoop(const float* __restrict p, float* __restrict mn, float* __restrict mx, int64_t n) {
-    for (int64_t i = 0; i < n; ++i) {
-        mn[i] = p[i] < mn[i] ? p[i] : mn[i];
-        mx[i] = p[i] > mx[i] ? p[i] : mx[i];
-    }
+constexpr int64_t kStrideAlign = 32;
+// Kept bins per power-and-row pass at most (a batch's staging stays in L1).
+constexpr int64_t kBatchBins = 2048;
+// Spectra the accumulator takes in one go at most, in ring entries: it
+// publishes its progress after each.
+constexpr int64_t kAccumChunkEntries = 65536;
+constexpr int64_t kPrefetchStep = 32; // int16 values per cache line
+
+// k spectra `stride` apart; n a multiple of the vector width (the padded
+// stride), so no scalar tail runs.
+LX_WIDE_CLONES void MinMaxLoop(const float* __restrict p, int64_t stride, int64_t k, float* __restrict mn,
+                               float* __restrict mx, int64_t n) {
+    for (int64_t j = 0; j < k; ++j, p += stride)
+        for (int64_t i = 0; i < n; ++i) {
+            mn[i] = p[i] < mn[i] ? p[i] : mn[i];
+            mx[i] = p[i] > mx[i] ? p[i] : mx[i];
+        }
 }
 
-LX_DSP_CLONES void SumLoop(const float* __restrict p, double* __restrict sum, int64_t n) {
-    for (int64_t i = 0; i < n; ++i) sum[i] += static_cast<double>(p[i]);
+LX_WIDE_CLONES void SumLoop(const float* __restrict p, int64_t stride, int64_t k, double* __restrict sum, int64_t n) {
+    for (int64_t j = 0; j < k; ++j, p += stride)
+        for (int64_t i = 0; i < n; ++i) sum[i] += static_cast<double>(p[i]);
 }
 
-// One count per bin: the cell is the bin's column base plus its row.
-void CountLoop(const uint8_t* __restrict rows, const uint32_t* __restrict base, uint16_t* __restrict count,
-               int64_t n) {
-    for (int64_t i = 0; i < n; ++i) ++count[base[i] + rows[i]];
+// One count per bin: the cell is the bin's column times 256 plus its row.
+void CountLoop(const uint8_t* __restrict rows, int64_t stride, int64_t k, uint16_t* __restrict count, int64_t n,
+               int shift) {
+    for (int64_t j = 0; j < k; ++j, rows += stride)
+        for (int64_t i = 0; i < n; ++i) ++count[((i >> shift) << 8) + rows[i]];
 }
 
 // density = sum += cur - oldest (the oldest frame leaves, this one enters).
@@ -81,7 +95,9 @@ RealTimeEngine::RealTimeEngine(Device& device, RealTimePlan plan, CommandList st
       plan_(std::move(plan)),
       start_(std::move(start)),
       transfer_(std::move(transfer)),
-      spectrumCapacity_(kRtSpectrumRingFloats / std::max(plan_.fftSize, 1)) {
+      spectrumCapacity_(kRtSpectrumRingFloats / std::max(plan_.fftSize, 1)),
+      stride_((plan_.sweepLength + kStrideAlign - 1) / kStrideAlign * kStrideAlign),
+      batch_(std::max<int64_t>(1, kBatchBins / stride_)) {
     const int64_t n = plan_.fftSize;
     const int64_t len = plan_.sweepLength;
     const int64_t cells = int64_t{plan_.frameWidth} * kFrameHeight;
@@ -97,30 +113,47 @@ RealTimeEngine::RealTimeEngine(Device& device, RealTimePlan plan, CommandList st
         dsp::GenerateWindow(plan_.window, w.data(), plan_.windowLength);
         double sum = 0;
         for (double v : w) sum += v;
+        // Alternating in sign over the N points: the transform's output then
+        // comes in frequency order (bin N/2 the capture centre), and the kept
+        // bins are one contiguous run.
         window_.resize(plan_.windowLength);
-        for (int64_t i = 0; i < plan_.windowLength; ++i)
-            window_[i] = static_cast<float>(w[static_cast<size_t>(i)] / sum);
+        for (int64_t i = 0; i < plan_.windowLength; ++i) {
+            const double sign = (plan_.ZeroPadBefore() + i) % 2 != 0 ? -1.0 : 1.0;
+            window_[i] = static_cast<float>(sign * w[static_cast<size_t>(i)] / sum);
+        }
+    }
+    {
+        // Row of a value v: (v + B - A) * 2.56 * 100 / B on the dB scales, with v =
+        // 10 log10(p) + gain; v * 255 / (A in mV) on the linear one, v = sqrt(p) * 223.6 * gain.
+        const double gainDb = plan_.scale == static_cast<int32_t>(Scale::kLogNoStepGain) ? 0.0 : plan_.gainDb;
+        const double rowsPerDb = 2.56 * 100.0 / plan_.frameScale;
+        rowsPerDb_ = static_cast<float>(rowsPerDb);
+        rowOffset_ = static_cast<float>((gainDb + plan_.frameScale - plan_.frameRefLevel) * rowsPerDb);
+        rowsPerAmplitude_ = static_cast<float>(kMilliVoltsPerSqrtMilliWatt * std::pow(10.0, plan_.gainDb / 20.0) *
+                                               255.0 / std::pow(10.0, (plan_.frameRefLevel + kDbmToMvOffset) / 20.0));
     }
     fft_ = dsp::FftPlan::Get(static_cast<int>(n));
     LX_ASSERT_TEXT(fft_ != nullptr, "status == ippStsNoErr", "src/dsp");
     fftIn_.resize(n);
     fftIn_.zero(); // the zero padding is never written again
-    fftOut_.resize(n);
-    if (plan_.capture.mirrored) mirrored_.resize(len);
+    fftOut_.resize(n + stride_); // the row pass reads up to a stride from firstKeptBin < N
+    fftOut_.zero();
+    gathered_.resize(batch_ * stride_);
+    gathered_.zero(); // the pad after each spectrum's bins stays zero
     // Touched here, so that no page fault lands in the streaming threads.
-    spectra_.resize(spectrumCapacity_ * len);
-    spectra_.zero();
-    rows_.resize(spectrumCapacity_ * len);
+    rows_.resize(spectrumCapacity_ * stride_);
     rows_.zero();
 
-    minAcc_.resize(len);
-    maxAcc_.resize(len);
-    sumAcc_.resize(len);
+    power_.resize(batch_ * stride_);
+    minAcc_.resize(stride_);
+    maxAcc_.resize(stride_);
+    sumAcc_.resize(stride_);
+    ResetAccumulators();
+    traces_.resize(kTraceSlots * 2 * stride_);
+    traces_.zero();
     densitySum_.resize(cells);
     densitySum_.zero();
-    columnBase_.resize(static_cast<size_t>(len));
-    for (int64_t i = 0; i < len; ++i)
-        columnBase_[static_cast<size_t>(i)] = static_cast<uint32_t>(i / plan_.decimation * kFrameHeight);
+    while ((int32_t{1} << columnShift_) < plan_.decimation) ++columnShift_;
     slots_ = std::make_unique<Slot[]>(kFrameSlots);
     for (int i = 0; i < kFrameSlots; ++i) {
         Slot& s = slots_[i];
@@ -272,27 +305,88 @@ void RealTimeEngine::TakeBlock(const uint8_t* data) {
 
 // ---- FFT thread ---------------------------------------------------------------------
 
+void RealTimeEngine::PowerAndRows(const cf32* x, float* power, uint8_t* rows, int64_t count) const {
+    if (plan_.scale == static_cast<int32_t>(Scale::kLinear))
+        dsp::PowerAndRowsLinear(x, power, rows, count, rowsPerAmplitude_);
+    else
+        dsp::PowerAndRowsLog(x, power, rows, count, rowsPerDb_, rowOffset_);
+}
+
+// Transforms `count` spectra, the first at stream sample r and the index-th
+// spectrum that enters a frame, into the ring at rows (count * stride_
+// entries), and folds their power into the frame's traces.
+void RealTimeEngine::TransformBatch(int64_t r, int64_t index, int64_t count, uint8_t* rows) {
+    const int64_t n = plan_.fftSize;
+    const int64_t len = plan_.sweepLength;
+    const int64_t before = plan_.ZeroPadBefore();
+    const int16_t* ring = samples_.span().data();
+    cf32* in = fftIn_.span().data();
+    cf32* out = fftOut_.span().data();
+    cf32* gathered = gathered_.span().data();
+    float* power = power_.span().data();
+    const bool mirrored = plan_.capture.mirrored;
+    const int64_t first = (mirrored ? n - plan_.firstKeptBin : plan_.firstKeptBin) & (n - 1);
+    // The output is in frequency order (the window alternates in sign), so
+    // the kept bins are one run up from firstKeptBin, and a lone spectrum's
+    // row pass reads them in place (out_ has room for the stride's pad).
+    // Batched spectra are gathered into one block for one row pass; a
+    // mirrored capture reads its bins down from N - firstKeptBin.
+    const bool gather = batch_ > 1 || mirrored || first + len > n;
+    const int64_t step = mirrored ? -1 : 1;
+    for (int64_t j = 0; j < count; ++j) {
+        const int64_t pos = (r + j * (n / 2)) % kRtRingSamples;
+        dsp::ConvertIq16Windowed(ring + 2 * (pos + before), window_.span().data(), in + before, plan_.windowLength);
+        // The next spectrum's new half, on its way while this one is
+        // transformed: the USB thread wrote it on the other core.
+        const int16_t* next = ring + 2 * ((pos + n) % kRtRingSamples);
+        for (int64_t b = 0; b < n; b += kPrefetchStep) __builtin_prefetch(next + b, 0, 2);
+        const dsp::DspStatus st = fft_->Execute(in, out);
+        LX_ASSERT_TEXT(st == dsp::DspStatus::kOk, "status == ippStsNoErr", "src/dsp");
+        cf32* g = gathered + j * stride_;
+        if (!mirrored && first + len <= n) {
+            if (gather) std::memcpy(g, out + first, sizeof(cf32) * static_cast<size_t>(len));
+        } else {
+            for (int64_t i = 0; i < len; ++i) g[i] = out[(first + step * i) & (n - 1)];
+        }
+    }
+    // The row pass over whole strides (the pad is never counted), so that it
+    // never takes a scalar tail.
+    PowerAndRows(gather ? gathered : out + first, power, rows, count * stride_);
+    // The power into the frame's traces, which are handed over at the frame's end.
+    const int64_t f = plan_.spectraPerFrame;
+    for (int64_t j = 0; j < count;) {
+        const int64_t run = std::min(count - j, f - (index + j) % f);
+        if (plan_.detector == static_cast<int32_t>(Detector::kAverage))
+            SumLoop(power + j * stride_, stride_, run, sumAcc_.span().data(), stride_);
+        else
+            MinMaxLoop(power + j * stride_, stride_, run, minAcc_.span().data(), maxAcc_.span().data(), stride_);
+        j += run;
+        if ((index + j) % f == 0) PublishTraces((index + j) / f - 1);
+    }
+}
+
+// The traces of frame `frame`, complete, for the accumulator to take when it
+// closes the frame (see traces_).
+void RealTimeEngine::PublishTraces(int64_t frame) {
+    float* mn = traces_.span().data() + (frame % kTraceSlots) * 2 * stride_;
+    float* mx = mn + stride_;
+    const size_t bytes = sizeof(float) * static_cast<size_t>(stride_);
+    if (plan_.detector == static_cast<int32_t>(Detector::kAverage)) {
+        const double inv = 1.0 / static_cast<double>(plan_.spectraPerFrame);
+        const double* sum = sumAcc_.span().data();
+        for (int64_t i = 0; i < stride_; ++i) mx[i] = static_cast<float>(sum[i] * inv);
+        std::memcpy(mn, mx, bytes);
+    } else {
+        std::memcpy(mn, minAcc_.span().data(), bytes);
+        std::memcpy(mx, maxAcc_.span().data(), bytes);
+    }
+    ResetAccumulators();
+}
+
 void RealTimeEngine::FftThread() {
     const int64_t n = plan_.fftSize;
     const int64_t half = n / 2;
-    const int64_t len = plan_.sweepLength;
-    const int64_t before = plan_.ZeroPadBefore();
     const int64_t wake = plan_.WakeInterval();
-    const bool linear = plan_.scale == static_cast<int32_t>(Scale::kLinear);
-    const bool mirrored = plan_.capture.mirrored;
-    const int64_t first = plan_.FirstFftBin();
-    // Row of a value v: (v + B - A) * 2.56 * 100 / B on the dB scales, with v =
-    // 10 log10(p) + gain; v * 255 / (A in mV) on the linear one, v = sqrt(p) * 223.6 * gain.
-    const double gainDb = plan_.scale == static_cast<int32_t>(Scale::kLogNoStepGain) ? 0.0 : plan_.gainDb;
-    const double rowsPerDb = 2.56 * 100.0 / plan_.frameScale;
-    const auto rowOffset = static_cast<float>((gainDb + plan_.frameScale - plan_.frameRefLevel) * rowsPerDb);
-    const auto rowsPerAmplitude = static_cast<float>(kMilliVoltsPerSqrtMilliWatt * std::pow(10.0, plan_.gainDb / 20.0) *
-                                                     255.0 / std::pow(10.0, (plan_.frameRefLevel + kDbmToMvOffset) / 20.0));
-
-    const int16_t* ring = samples_.span().data();
-    const float* window = window_.span().data();
-    cf32* in = fftIn_.span().data();
-    cf32* out = fftOut_.span().data();
     int64_t r = 0;
     int64_t produced = 0;
     int64_t consumed = 0; // as last seen: read again only when the ring looks full
@@ -302,8 +396,12 @@ void RealTimeEngine::FftThread() {
         const bool last = !workers_.running() && usbDone_.load(std::memory_order_acquire);
         int64_t written = written_.load(std::memory_order_acquire);
         while (written - r >= n || (written = written_.load(std::memory_order_acquire)) - r >= n) {
-            if (produced - consumed >= spectrumCapacity_ &&
-                produced - (consumed = consumed_.load(std::memory_order_acquire)) >= spectrumCapacity_) {
+            int64_t room = spectrumCapacity_ - (produced - consumed);
+            if (room <= 0) {
+                consumed = consumed_.load(std::memory_order_acquire);
+                room = spectrumCapacity_ - (produced - consumed);
+            }
+            if (room <= 0) {
                 // The accumulator is a whole ring behind. Wait for it while the
                 // sample ring can still take the stream; only when waiting
                 // would hold up the USB thread is the spectrum given up.
@@ -315,36 +413,17 @@ void RealTimeEngine::FftThread() {
                 lostSpectra_.fetch_add(1, std::memory_order_relaxed);
                 StreamHealth::Add(device_.health.spectraLost, 1);
                 lostSinceRead_.store(true, std::memory_order_relaxed);
+                r += half;
             } else {
-                const int64_t pos = r % kRtRingSamples;
-                dsp::ConvertIq16Windowed(ring + 2 * (pos + before), window, in + before, plan_.windowLength);
-                const dsp::DspStatus st = fft_->Execute(in, out);
-                LX_ASSERT_TEXT(st == dsp::DspStatus::kOk, "status == ippStsNoErr", "src/dsp");
                 const int64_t slot = produced % spectrumCapacity_;
-                float* power = spectra_.span().data() + slot * len;
-                uint8_t* rows = rows_.span().data() + slot * len;
-                // The kept bins in trace order: up from `first` (wrapping past
-                // N - 1 to 0), or down from it in a mirrored capture.
-                const cf32* src = out + first;
-                int64_t direct = std::min(len, n - first);
-                if (mirrored) {
-                    cf32* m = mirrored_.span().data();
-                    for (int64_t i = 0; i < len; ++i) m[i] = out[(first - i + n) % n];
-                    src = m;
-                    direct = len;
-                }
-                auto emit = [&](const cf32* x, int64_t at, int64_t count) {
-                    if (linear)
-                        dsp::PowerAndRowsLinear(x, power + at, rows + at, count, rowsPerAmplitude);
-                    else
-                        dsp::PowerAndRowsLog(x, power + at, rows + at, count, static_cast<float>(rowsPerDb), rowOffset);
-                };
-                emit(src, 0, direct);
-                if (direct < len) emit(out, direct, len - direct);
-                produced_.store(++produced, std::memory_order_release);
-                if (produced % wake == 0) accumWake_.Set();
+                const int64_t count =
+                    std::min({batch_, (written - r - n) / half + 1, room, spectrumCapacity_ - slot});
+                TransformBatch(r, produced, count, rows_.span().data() + slot * stride_);
+                produced += count;
+                produced_.store(produced, std::memory_order_release);
+                if (produced / wake != (produced - count) / wake) accumWake_.Set();
+                r += count * half;
             }
-            r += half;
             released_.store(r, std::memory_order_release);
         }
         fftCpuNs_.store(ThreadCpuNs(), std::memory_order_relaxed);
@@ -357,35 +436,19 @@ void RealTimeEngine::FftThread() {
 
 // ---- accumulator thread ---------------------------------------------------------------
 
-void RealTimeEngine::Accumulate(Slot& slot, const float* power, const uint8_t* rows, int64_t index) {
-    const int64_t len = plan_.sweepLength;
-    if (plan_.detector == static_cast<int32_t>(Detector::kAverage)) {
-        SumLoop(power, sumAcc_.span().data(), len);
-    } else if (index == 0) {
-        std::memcpy(minAcc_.span().data(), power, sizeof(float) * static_cast<size_t>(len));
-        std::memcpy(maxAcc_.span().data(), power, sizeof(float) * static_cast<size_t>(len));
-    } else {
-        MinMaxLoop(power, minAcc_.span().data(), maxAcc_.span().data(), len);
-    }
-    CountLoop(rows, columnBase_.data(), slot.count.span().data(), len);
+void RealTimeEngine::ResetAccumulators() {
+    sumAcc_.zero();
+    std::fill_n(minAcc_.span().data(), stride_, std::numeric_limits<float>::infinity());
+    std::fill_n(maxAcc_.span().data(), stride_, -std::numeric_limits<float>::infinity());
 }
 
 void RealTimeEngine::CloseFrame(int32_t cur) {
     Slot& s = slots_[cur];
-    const int64_t len = plan_.sweepLength;
     const int64_t cells = int64_t{plan_.frameWidth} * kFrameHeight;
-    const size_t bytes = sizeof(float) * static_cast<size_t>(len);
-    if (plan_.detector == static_cast<int32_t>(Detector::kAverage)) {
-        const double inv = 1.0 / static_cast<double>(plan_.spectraPerFrame);
-        const double* sum = sumAcc_.span().data();
-        float* mx = s.maxTrace.span().data();
-        for (int64_t i = 0; i < len; ++i) mx[i] = static_cast<float>(sum[i] * inv);
-        std::memcpy(s.minTrace.span().data(), mx, bytes);
-        sumAcc_.zero();
-    } else {
-        std::memcpy(s.minTrace.span().data(), minAcc_.span().data(), bytes);
-        std::memcpy(s.maxTrace.span().data(), maxAcc_.span().data(), bytes);
-    }
+    const size_t bytes = sizeof(float) * static_cast<size_t>(plan_.sweepLength);
+    const float* mn = traces_.span().data() + (frameNumber_ % kTraceSlots) * 2 * stride_;
+    std::memcpy(s.minTrace.span().data(), mn, bytes);
+    std::memcpy(s.maxTrace.span().data(), mn + stride_, bytes);
     // The next slot holds the oldest frame still counted: it leaves the sum,
     // so the density covers the 39 most recent frames.
     const Slot& oldest = slots_[(cur + 1) % kFrameSlots];
@@ -398,7 +461,7 @@ void RealTimeEngine::CloseFrame(int32_t cur) {
 }
 
 void RealTimeEngine::AccumThread() {
-    const int64_t len = plan_.sweepLength;
+    const int64_t chunk = std::max<int64_t>(1, kAccumChunkEntries / stride_);
     int32_t cur = 0;
     std::unique_lock<std::mutex> lock(slots_[0].mutex);
     accumReady_.Set();
@@ -410,9 +473,15 @@ void RealTimeEngine::AccumThread() {
         int64_t produced = produced_.load(std::memory_order_acquire);
         while (consumed < produced || consumed < (produced = produced_.load(std::memory_order_acquire))) {
             const int64_t at = consumed % spectrumCapacity_;
-            Accumulate(slots_[cur], spectra_.span().data() + at * len, rows_.span().data() + at * len, inFrame);
-            if (++consumed % kRtConsumedBatch == 0) consumed_.store(consumed, std::memory_order_release);
-            if (++inFrame < plan_.spectraPerFrame) continue;
+            const int64_t count = std::min({produced - consumed, plan_.spectraPerFrame - inFrame,
+                                            spectrumCapacity_ - at, chunk});
+            CountLoop(rows_.span().data() + at * stride_, stride_, count, slots_[cur].count.span().data(),
+                      plan_.sweepLength, columnShift_);
+            consumed += count;
+            if (consumed / kRtConsumedBatch != (consumed - count) / kRtConsumedBatch)
+                consumed_.store(consumed, std::memory_order_release);
+            inFrame += count;
+            if (inFrame < plan_.spectraPerFrame) continue;
             CloseFrame(cur);
             const int32_t next = (cur + 1) % kFrameSlots;
             std::unique_lock<std::mutex> nextLock(slots_[next].mutex);

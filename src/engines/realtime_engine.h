@@ -20,20 +20,29 @@
 //       of the extra request read on IN slot 13.
 //   "LX Real Time FFT Thread" (above normal): for each N samples at the read
 //       index (50 % overlap): int16 to windowed float in one pass over the
-//       window's samples only (the zero padding stays zero), the FFT (a plan
-//       made at configure), then |X|^2 and the density row of every kept bin in
-//       one pass into the spectrum ring. When the ring is full (the
-//       accumulator a whole ring behind) it waits while the sample ring can
-//       still take two more blocks; beyond that the spectrum is not computed
-//       and is counted (LostSpectra()), rather than overwriting unread
-//       spectra without a trace: it enters no frame, and the next frame read
-//       reports lxUncalData.
+//       window's samples only (the zero padding stays zero; the window
+//       alternates in sign, so the output comes in frequency order and the
+//       kept bins are one run), the FFT (a plan made at configure), then
+//       |X|^2 and the density row of every kept bin in one pass: the rows go
+//       to the spectrum ring, the power into the min/max (or sum) of the
+//       frame the spectrum belongs to, whose finished traces it hands over
+//       (traces_) before the frame's last spectrum. Spectra shorter than
+//       1024 bins go in batches (one row pass, one hand-over per batch).
+//       When the ring is full (the accumulator a whole ring behind) it waits
+//       while the sample ring can still take two more blocks; beyond that the
+//       spectrum is not computed and is counted (LostSpectra()), rather than
+//       overwriting unread spectra without a trace: it enters no frame, and
+//       the next frame read reports lxUncalData.
 //   "LX Real Time Accum Thread" (above normal): holds the mutex of the frame
-//       slot it fills; per spectrum: min/max (or sum) of the power, and one
-//       count per bin in the slot's count frame (column-major, 256 rows per
-//       column, no branch per cell). After F spectra the frame closes: traces,
+//       slot it fills; per spectrum one count per bin in the slot's count
+//       frame (column-major, 256 rows per column, no branch per cell). After
+//       F spectra the frame closes: the traces the FFT thread handed over,
 //       density (running sum over the ring), alpha; then it takes the next
 //       slot's mutex before releasing this one (hand-over-hand).
+//       The traces are folded on the FFT thread, while each spectrum's power
+//       is still in its cache: the ring then carries one byte per bin
+//       instead of five, and that traffic between the cores, not the
+//       arithmetic, was most of the per-bin cost.
 //   Caller's thread: Frame() locks the read slot (waiting for the
 //       accumulator to finish it), copies and converts, advances.
 //
@@ -57,7 +66,9 @@
 //   overwrites samples the FFT thread still needs: without room it polls
 //   every 1 ms (RingWaits()); an analyzer meanwhile fills its own buffer and
 //   reports the loss in its status word if that overruns.
-//   Spectra: 10,485,760 / N entries of sweepLength powers and rows.
+//   Spectra: 10,485,760 / N entries of rows, each sweepLength values padded
+//   to a multiple of 32 (the vector loops then run without a scalar tail;
+//   the pad is never counted).
 //
 // Nothing allocates after construction; the constructor may throw
 // std::bad_alloc or std::system_error (the API guard answers lxAllocationErr).
@@ -89,6 +100,7 @@ inline constexpr uint32_t kRtTransferBytes = 1048576;
 inline constexpr uint32_t kRtTransferTimeoutMs = 2000;
 inline constexpr int kRtStatusQueue = 16;
 inline constexpr int64_t kRtConsumedBatch = 16;
+inline constexpr int64_t kTraceSlots = 8;
 
 class RealTimeEngine final : public Engine {
 public:
@@ -137,13 +149,21 @@ private:
     void TakeBlock(const uint8_t* data);
     void FftThread();
     void AccumThread();
-    void Accumulate(Slot& slot, const float* power, const uint8_t* rows, int64_t index);
+    void TransformBatch(int64_t r, int64_t index, int64_t count, uint8_t* rows);
+    void PublishTraces(int64_t frame);
+    void PowerAndRows(const dsp::cf32* x, float* power, uint8_t* rows, int64_t count) const;
     void CloseFrame(int32_t slot);
+    void ResetAccumulators();
 
     Device& device_;
     const RealTimePlan plan_;
     const CommandList start_, transfer_;
     const int64_t spectrumCapacity_;
+    const int64_t stride_;   // ring entries per spectrum: sweepLength rounded up to 32
+    // Spectra transformed per hand-over to the accumulator: short spectra
+    // (small FFTs, narrow spans) go in batches, so that the counters and the
+    // wake-up are paid once per batch; long ones go one by one.
+    const int64_t batch_;
 
     // USB -> FFT
     AlignedVector<int16_t> samples_;     // 2 * (ring + N) values
@@ -162,20 +182,30 @@ private:
 
     // FFT -> Accum
     FloatVector window_;                 // windowLength values, normalised, / N
+    // Row of a power p: 10 log10(p) * rowsPerDb_ + rowOffset_ on the dB
+    // scales, sqrt(p) * rowsPerAmplitude_ on the linear one.
+    float rowsPerDb_ = 0, rowOffset_ = 0, rowsPerAmplitude_ = 0;
     std::shared_ptr<const dsp::FftPlan> fft_;
-    ComplexVector fftIn_, fftOut_, mirrored_;
-    FloatVector spectra_;                // capacity x sweepLength powers
-    AlignedVector<uint8_t> rows_;        // capacity x sweepLength rows
+    ComplexVector fftIn_, fftOut_, gathered_; // gathered_: a batch's kept bins, trace order
+    FloatVector power_;                  // a batch's power
+    // The traces of the frame being transformed: min/max, or the sum.
+    FloatVector minAcc_, maxAcc_;
+    DoubleVector sumAcc_;
+    // Finished traces (min, then max: 2 x stride_ each) of the last frames,
+    // by frame number modulo kTraceSlots. The FFT thread writes a frame's
+    // before it publishes the frame's last spectrum; the accumulator copies
+    // them out when it closes that frame. The FFT thread is at most a ring of
+    // spectra (2.6 frames) ahead of the accumulator, so it never writes the
+    // slot of a frame still to close.
+    FloatVector traces_;    AlignedVector<uint8_t> rows_;        // capacity x sweepLength rows
     alignas(64) std::atomic<int64_t> produced_{0};
     alignas(64) std::atomic<int64_t> consumed_{0};   // published every kRtConsumedBatch spectra and when idle
     alignas(64) std::atomic<int64_t> lostSpectra_{0};
     Event accumWake_{Event::Mode::AutoReset};
 
     // Accum
-    FloatVector minAcc_, maxAcc_;
-    DoubleVector sumAcc_;
     AlignedVector<uint32_t> densitySum_;
-    std::vector<uint32_t> columnBase_;   // per trace point: column * 256
+    int columnShift_ = 0;                // trace point i is in column i >> columnShift_
     std::unique_ptr<Slot[]> slots_;
     int32_t frameNumber_ = 0;
     Event accumReady_{Event::Mode::ManualReset};

@@ -14,15 +14,6 @@ constexpr double kHalfBandHz = 30.72e6;
 constexpr uint32_t kStreamIqPackets = 127;
 } // namespace
 
-int32_t RealTimePlan::FirstFftBin() const {
-    const int32_t n = fftSize;
-    // Frequency-ordered index j sits at baseband (j - N/2) * binSize. Trace
-    // point 0 is j = firstKeptBin; mirrored, RF F is at baseband C - F, i.e.
-    // j = N - firstKeptBin.
-    const int32_t j = capture.mirrored ? n - firstKeptBin : firstKeptBin;
-    return ((j - n / 2) % n + n) % n;
-}
-
 int64_t RealTimePlan::WakeInterval() const { return std::max<int64_t>(spectraPerFrame / 4, 2); }
 
 RealTimePlan PlanRealTime(const RealTimeSettings& s, int32_t attenuator, double refLevelDbm) {

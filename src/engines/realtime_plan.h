@@ -82,9 +82,6 @@ struct RealTimePlan {
     StepCorrection correction;
 
     int32_t ZeroPadBefore() const { return zeroPad / 2; }
-    // FFT-ordered bin (0 = the capture centre) of trace point 0; later points
-    // go up from it, or down when the capture is mirrored.
-    int32_t FirstFftBin() const;
     // Accumulator wake-up interval in spectra: F / 4, at least 2.
     int64_t WakeInterval() const;
 };

@@ -124,25 +124,33 @@ TEST_F(RealTime, ToneCellFillsTo39Of40AndItsAlphaFadesWhenTheToneGoes) {
 }
 
 // A tone is reported at its frequency and level in both traces, in every
-// band (band 0 captures mirrored) and on both scales.
+// band (band 0 captures mirrored), on both scales, for long spectra and for
+// short ones (which the engine transforms in batches), with the min/max and
+// the average detector.
 TEST_F(RealTime, ToneAtItsFrequencyAndLevel) {
     const struct {
         double centre, tone;
         int32_t scale;
         double expected; // dBm, or mV into 50 ohm
+        double rbw = 30e3;
+        int32_t detector = 1;
     } cases[] = {{1e9, 1.0042e9, 0, -30.0},
                  {20e6, 27.3e6, 0, -30.0},
                  {5.8e9, 5.7971e9, 0, -30.0},
                  {1e9, 0.9913e9, 1, 223.6 * std::sqrt(1e-3)},
-                 {2.4e9, 2.4051e9, 2, NAN}}; // no step gain: only checked for its place
+                 {2.4e9, 2.4051e9, 2, NAN}, // no step gain: only checked for its place
+                 {1e9, 1.0042e9, 0, -30.0, 1e6},
+                 {20e6, 27.3e6, 0, -30.0, 1e6},
+                 {1e9, 0.9913e9, 0, -30.0, 30e3, 0},
+                 {5.8e9, 5.7971e9, 0, -30.0, 1e6, 0}};
     for (const auto& c : cases) {
         Open(ToneScene(c.tone, -30.0, -150.0));
-        Configure(c.centre, 20e6, 30e3, 0, 0.0, 100.0, 1, c.scale);
+        Configure(c.centre, 20e6, c.rbw, 0, 0.0, 100.0, c.detector, c.scale);
         Next();
         const Frame f = Next();
         ASSERT_TRUE(Delivered(f.status)) << f.status;
         const auto peak = std::max_element(f.mx.begin(), f.mx.end()) - f.mx.begin();
-        EXPECT_NEAR(start + peak * bin, c.tone, 1.01 * bin) << c.centre;
+        EXPECT_NEAR(start + peak * bin, c.tone, 1.01 * bin) << c.centre << " " << c.rbw << " " << c.detector;
         if (!std::isnan(c.expected)) {
             const double tol = c.scale == 1 ? 0.06 * c.expected : 0.5;
             EXPECT_NEAR(f.mx[size_t(peak)], c.expected, tol) << c.centre;
