@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <ostream>
 #include <vector>
 
@@ -193,10 +192,7 @@ TEST_F(OpenFailures, StatusesForDevicesThatCannotBeOpened) {
     Attach(staysBusy);
     ASSERT_EQ(lxSimInjectFault(staysBusy, lxSimFaultStayBusy, -1), lxNoError);
 
-    struct {
-        int32_t serial;
-        LxStatus expected;
-    } cases[] = {
+    struct { int32_t serial; LxStatus expected; } cases[] = {
         {10000299, lxDeviceNotFoundErr}, // nothing with that serial
         {-1, lxDeviceNotFoundErr},
         {wrongProduct, lxBootErr},
