@@ -1,7 +1,7 @@
 // The simulated GPS receiver, device time and the disciplined reference, seen
 // as a host sees them: status packets decoded here by hand, NMEA times checked
-// by the C library. Fixes and replayed logs: tests/e2e/gps_test.cpp, through
-// the host.
+// by the C library. Fixes, replayed logs and the discipline's walk:
+// tests/e2e/gps_test.cpp, through the host.
 #include <chrono>
 #include <complex>
 #include <ctime>
@@ -24,14 +24,14 @@ constexpr int64_t kDefaultUtc = 1795262400; // 2026-11-21T12:00:00Z
 
 struct Aux {
     uint64_t tick = 0, pulse = 0;
-    uint32_t status = 0, gps = 0;
+    uint32_t gps = 0;
     uint16_t tune = 0;
     std::string text; // the ring from the read index up to the write index
     uint32_t Seq() const { return gps >> 18 & 3; }
 };
 
 Aux Decode(const uint8_t* p) {
-    Aux a{U64(p + 32), U64(p + 16), U32(p + 48), U32(p + 92), U16(p + 44), {}};
+    Aux a{U64(p + 32), U64(p + 16), U32(p + 92), U16(p + 44), {}};
     std::string bytes;
     for (uint32_t w = a.gps >> 20 & 0x1FF; w != (a.gps >> 9 & 0x1FF); w = (w + 1) % 512)
         bytes.append(reinterpret_cast<const char*>(p + 4096 + 4 * w), 4);
@@ -91,58 +91,6 @@ TEST_F(GpsTest, SilentReceiverAndNoReceiverSendNothingWhileTimeGoesOn) {
     EXPECT_EQ(a.Seq(), (before.Seq() + k - silentUntil) % 4);
     EXPECT_NE(a.text.find("RMC," + Utc(kDefaultUtc + static_cast<int64_t>(k) - 1, "%H%M%S")), std::string::npos)
         << a.text;
-}
-
-TEST_F(GpsTest, StatusBitsAndTuneWordFollowTheGpsDiscipline) {
-    struct Case {
-        const char* scene;
-        bool follow; // operand of the 0x2F word
-        uint64_t stepMs;
-        uint16_t target; // 0: bit 10 clear and the word stays
-    };
-    const Case cases[] = {
-        {R"({"gps": {}})", true, 1000, 0x8040 + 20},
-        {R"({"gps": {"disciplined_tune": 32700}, "dithering": false})", true, 7000, 32700}, // 132 counts down
-        {R"({"gps": {}})", false, 3000, 0},
-        {R"({"gps": {"fix": false}})", true, 3000, 0},
-        {R"({"gps": {"receiver": "silent"}})", true, 3000, 0},
-        {"{}", true, 3000, 0},
-    };
-    int32_t serial = 80000500;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.scene);
-        ASSERT_EQ(lxSimAttach(++serial, c.scene), lxNoError);
-        auto d = Open(serial);
-        ASSERT_NE(d, nullptr);
-        Advance(1500);
-        std::vector<uint32_t> words{0x2E008040u, 0x2F000000u | c.follow};
-        for (uint32_t w : Request(0, 1)) words.push_back(w);
-        ASSERT_TRUE(Send(*d, words));
-        const ReadResult r = Read(*d, 8192);
-        ASSERT_EQ(r.data.size(), 8192u);
-        const uint64_t start = Decode(r.data.data()).tick / kSecond;
-        for (int step = 0; step < 24; ++step) {
-            Advance(c.stepMs);
-            const Aux a = Poll(*d);
-            const uint64_t pulses = a.tick / kSecond - start;
-            EXPECT_EQ((a.status & 0x400) != 0, c.target != 0);
-            EXPECT_EQ((a.status & 1) != 0, std::string(c.scene).find("dithering") != std::string::npos);
-            uint16_t want = 0x8040;
-            if (c.target)
-                want = c.target > want ? static_cast<uint16_t>(want + std::min<uint64_t>(pulses, c.target - want))
-                                       : static_cast<uint16_t>(want - std::min<uint64_t>(pulses, want - c.target));
-            EXPECT_EQ(a.tune, want) << "after " << pulses << " pulses";
-        }
-        // Disciplining off: the bit clears and the word holds.
-        const uint16_t held = Poll(*d).tune;
-        ASSERT_TRUE(Send(*d, {0x2F000000u}));
-        Advance(3000);
-        const Aux a = Poll(*d);
-        EXPECT_EQ(a.status & 0x400, 0u);
-        EXPECT_EQ(a.tune, held);
-        d.reset();
-        lxSimDetach(serial);
-    }
 }
 
 // The samples come from the reference the tune word sets, whether the host
