@@ -63,7 +63,6 @@ def burst(x, rate, a):
     out("rise0", rises[0] if rises else -1)
     out("fall0", falls[0] if falls else -1)
     out("rise1", rises[1] if len(rises) > 1 else -1)
-    out("rises", len(rises))
     out("on_power", 10 * np.log10(np.mean(e[on] ** 2)))
 
 
