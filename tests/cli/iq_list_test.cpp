@@ -1,17 +1,11 @@
 // `lx530 list FREQ...`: whole runs on a simulated analyzer checked against the
 // scene (the tone power in the SigMF data files, calibrated with what the
-// metadata says), the metadata validated against the SigMF schema by
-// Debian's python3-jsonschema, and the command-line failures.
-#include <sys/wait.h>
-#include <unistd.h>
-
+// metadata says), the metadata validated against the SigMF schema
+// (iq_check.py), and the command-line failures.
 #include <cmath>
 #include <complex>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,40 +13,22 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "tool_run.h"
+
 namespace {
 
-namespace fs = std::filesystem;
 using nlohmann::json;
 using ::testing::HasSubstr;
+using namespace clitest;
 
 constexpr double kFs = 61.44e6;
 constexpr double kOffset = 100e3;
 
-std::string Quote(const std::string& s) {
-    std::string q = "'";
-    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
-std::string Slurp(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-struct ToolRun {
-    int code = -1;
-    std::string out, err;
-};
-
 class IqList : public ::testing::Test {
 protected:
-    fs::path dir;
+    TempDir tmp;
+    const fs::path dir = tmp.path;
     void SetUp() override {
-        std::string t = (fs::temp_directory_path() / "lx530-list-XXXXXX").string();
-        ASSERT_NE(mkdtemp(t.data()), nullptr);
-        dir = t;
         // Tones kOffset above 19.2 MHz (band 0, mirrored), 915.84 MHz and 5.80224 GHz:
         // steps on the 960 kHz tuning grid, which the analyzer tunes exactly, so the
         // step frequency is at 0 Hz of the samples (docs/iq_sweep_list.md).
@@ -61,31 +37,12 @@ protected:
                                              R"({"kind": "tone", "frequency_hz": 915940000, "power_dbm": -30},)"
                                              R"({"kind": "tone", "frequency_hz": 5802340000, "power_dbm": -30}]})";
     }
-    void TearDown() override {
-        std::error_code ec;
-        fs::remove_all(dir, ec);
-    }
-    ToolRun Tool(const std::vector<std::string>& args) {
-        std::string cmd = "cd " + Quote(dir.string()) + " && XDG_CACHE_HOME=" + Quote((dir / "cache").string()) + " " +
-                          Quote(LX530_PATH);
-        // Appended piece by piece: " " + Quote(a) trips a GCC 12 -O3 -Wrestrict false positive.
-        for (const auto& a : args) (cmd += ' ') += Quote(a);
-        const int s = std::system((cmd + " >out 2>err").c_str());
-        return {WIFEXITED(s) ? WEXITSTATUS(s) : -1, Slurp(dir / "out"), Slurp(dir / "err")};
-    }
-    // The schema's verdict on a metadata file: "" when valid.
-    static std::string SchemaErrors(const fs::path& meta) {
-        const std::string cmd = std::string(LX_TEST_PYTHON) +
-                                " -c 'import json,sys,jsonschema; jsonschema.Draft202012Validator(json.load(open(sys.argv[1])))"
-                                ".validate(json.load(open(sys.argv[2])))' " +
-                                Quote(std::string(LX_TEST_SHARED_DIR) + "/data/sigmf/sigmf-schema.json") + " " +
-                                Quote(meta.string()) + " 2>&1";
-        std::string out;
-        FILE* p = popen(cmd.c_str(), "r");
-        if (!p) return "cannot run python";
-        char b[4096];
-        for (size_t n; (n = fread(b, 1, sizeof b, p)) > 0;) out.append(b, n);
-        return pclose(p) == 0 ? "" : out.empty() ? "failed" : out;
+    Result Tool(const std::vector<std::string>& args) { return RunTool(dir, args); }
+    // The schema's verdict on a recording's metadata (iq_check.py): "" when valid.
+    std::string SchemaErrors(const std::string& base) {
+        const std::string schema = std::string(LX_TEST_SHARED_DIR) + "/data/sigmf/sigmf-schema.json";
+        const Result r = RunPython(dir, "tests/cli/iq_check.py", Quote(schema) + " " + Quote(base) + " 0 0");
+        return r.exitCode == 0 ? "" : r.out + r.err;
     }
 };
 
@@ -111,10 +68,10 @@ std::vector<T> ReadSamples(const fs::path& p) {
 // capture's samples hold the scene's tone at -30 dBm, the printed powers
 // agree, the time stamps increase.
 TEST_F(IqList, OneRecordingWithACapturePerStep) {
-    const ToolRun r = Tool({"list", "19.2M", "915.84M", "5.80224G", "--samples", "10000", "--passes", "2", "--scene", "scene.json",
-                        "--sigmf", "rec", "--json"});
-    ASSERT_EQ(r.code, 0) << r.err;
-    EXPECT_EQ(SchemaErrors(dir / "rec.sigmf-meta"), "");
+    const Result r = Tool({"list", "19.2M", "915.84M", "5.80224G", "--samples", "10000", "--passes", "2", "--scene", "{dir}/scene.json",
+                        "--sigmf", "{dir}/rec", "--json"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(SchemaErrors((dir / "rec").string()), "");
     const json meta = json::parse(Slurp(dir / "rec.sigmf-meta"));
     const json out = json::parse(r.out);
     const auto x = ReadSamples<float>(dir / "rec.sigmf-data");
@@ -139,14 +96,14 @@ TEST_F(IqList, OneRecordingWithACapturePerStep) {
 // calibrates them; CSV fields left empty take the options' values.
 TEST_F(IqList, PerStepRecordingsFromCsv) {
     std::ofstream(dir / "steps.csv") << "frequency,ref_level,atten,samples\n915.84M,-20,,4096\n# a comment\n5.80224G,,auto\n";
-    const ToolRun r = Tool({"list", "--csv", "steps.csv", "--samples", "6000", "--format", "ci16", "--per-step", "--sigmf",
-                        "step", "--scene", "scene.json"});
-    ASSERT_EQ(r.code, 0) << r.err;
+    const Result r = Tool({"list", "--csv", "{dir}/steps.csv", "--samples", "6000", "--format", "ci16", "--per-step", "--sigmf",
+                        "{dir}/step", "--scene", "{dir}/scene.json"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
     EXPECT_THAT(r.out, HasSubstr("-30."));
     const int64_t n[] = {4096, 6000};
     for (int k = 0; k < 2; ++k) {
         const fs::path base = dir / ("step-" + std::to_string(k));
-        EXPECT_EQ(SchemaErrors(base.string() + ".sigmf-meta"), "");
+        EXPECT_EQ(SchemaErrors(base.string()), "");
         const json meta = json::parse(Slurp(base.string() + ".sigmf-meta"));
         const auto q = ReadSamples<int16_t>(base.string() + ".sigmf-data");
         ASSERT_EQ(q.size(), size_t(2 * n[k]));
@@ -158,20 +115,17 @@ TEST_F(IqList, PerStepRecordingsFromCsv) {
 // Bad command lines and files: exit 2 with the reason, no files left behind.
 TEST_F(IqList, CommandLineFailures) {
     std::ofstream(dir / "bad.csv") << "915M\n2.4G,loud\n";
-    const struct {
-        std::vector<std::string> args;
-        const char* says;
-    } cases[] = {
-        {{"list", "--csv", "bad.csv", "--scene", "scene.json", "--sigmf", "x"}, "bad.csv:2"},
+    const struct { std::vector<std::string> args; const char* says; } cases[] = {
+        {{"list", "--csv", "{dir}/bad.csv", "--scene", "{dir}/scene.json", "--sigmf", "{dir}/x"}, "bad.csv:2"},
         {{"list", "--passes", "2"}, "need frequencies or --csv"},
         {{"list", "1G", "--per-step"}, "--per-step needs --sigmf"},
         {{"list", "1G", "--samples", "0"}, "--samples"},
         {{"list", "20T"}, "not a frequency"},
-        {{"list", "1G", "--scene", "scene.json", "--sigmf", "no/such/dir/x"}, "cannot write"},
+        {{"list", "1G", "--scene", "{dir}/scene.json", "--sigmf", "{dir}/no/such/dir/x"}, "cannot write"},
     };
     for (const auto& c : cases) {
-        const ToolRun r = Tool(c.args);
-        EXPECT_EQ(r.code, 2) << c.args[1];
+        const Result r = Tool(c.args);
+        EXPECT_EQ(r.exitCode, 2) << c.args[1];
         EXPECT_THAT(r.err, HasSubstr(c.says));
     }
     for (const auto& e : fs::directory_iterator(dir)) EXPECT_EQ(e.path().extension().string().find(".sigmf"), std::string::npos) << e.path();

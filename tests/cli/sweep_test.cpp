@@ -47,19 +47,10 @@ std::vector<std::string> Split(const std::string& line, const std::string& sep) 
 
 // Runs the reference script; its JSON answer, or null after a failure.
 json Reference(const std::string& args) {
-    const std::string cmd = std::string(LX_TEST_PYTHON) + " " + LX_TEST_SOURCE_DIR +
-                            "/tests/cli/sweep_reference.py " + args;
-    std::string out;
-    if (FILE* p = popen(cmd.c_str(), "r")) {
-        char buf[65536];
-        for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-        if (pclose(p) != 0) out.clear();
-    }
-    if (out.empty()) {
-        ADD_FAILURE() << "reference script failed: " << cmd;
-        return nullptr;
-    }
-    return json::parse(out);
+    static TempDir dir;
+    const Result r = RunPython(dir.path, "tests/cli/sweep_reference.py", args);
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    return r.exitCode == 0 ? json::parse(r.out) : json();
 }
 
 Trace MakeTrace(double start, double bin, std::vector<float> max, bool linear = false) {
@@ -77,10 +68,7 @@ Trace MakeTrace(double start, double bin, std::vector<float> max, bool linear = 
 
 TEST(SweepQuantities, FrequenciesAndTimes) {
     const std::optional<double> no;
-    const struct {
-        const char* text;
-        std::optional<double> hz, seconds;
-    } cases[] = {
+    const struct { const char* text; std::optional<double> hz, seconds; } cases[] = {
         {"9000", 9000, 9000},        {"100k", 100e3, no},      {"2.4G", 2.4e9, no},     {"2.4g", 2.4e9, no},
         {"433.92m", 433.92e6, no},   {"433.92MHz", 433.92e6, no}, {"1.5e-3", 1.5e-3, 1.5e-3}, {"50Hz", 50, no},
         {"-5M", -5e6, no},           {"10ms", no, 10e-3},      {"250us", no, 250e-6},   {"2s", no, 2},
@@ -170,15 +158,11 @@ TEST(SweepFiles, RtlPowerLines) {
     localtime_r(&when, &tm);
     char stamp[32];
     std::strftime(stamp, sizeof stamp, "%Y-%m-%d, %H:%M:%S", &tm);
-    // Digits after the point of a plain decimal number (0 for an integer), -1
-    // for anything else.
-    auto decimals = [](const std::string& text) {
-        auto digits = [](const std::string& d) { return !d.empty() && d.find_first_not_of("0123456789") == d.npos; };
-        const std::string t = text.substr(text.rfind('-', 0) == 0 ? 1 : 0);
-        const size_t dot = t.find('.');
-        const std::string fraction = dot == t.npos ? "" : t.substr(dot + 1);
-        if (!digits(t.substr(0, dot)) || (dot != t.npos && !digits(fraction))) return -1;
-        return static_cast<int>(fraction.size());
+    // The text is its own value printed with `places` decimals.
+    auto decimal = [](const std::string& text, int places) {
+        char b[64];
+        std::snprintf(b, sizeof b, "%.*f", places, std::strtod(text.c_str(), nullptr));
+        return text == b;
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::to_string(c.points) + " points " + std::to_string(c.bin) + " Hz apart");
@@ -195,9 +179,7 @@ TEST(SweepFiles, RtlPowerLines) {
             const auto f = Split(line, ", ");
             ASSERT_GE(f.size(), 7u);
             EXPECT_EQ(f[0] + ", " + f[1], stamp);
-            EXPECT_EQ(decimals(f[2]), 0) << f[2];
-            EXPECT_EQ(decimals(f[3]), 0) << f[3];
-            EXPECT_EQ(decimals(f[4]), 2) << f[4];
+            EXPECT_TRUE(decimal(f[2], 0) && decimal(f[3], 0) && decimal(f[4], 2)) << line;
             EXPECT_EQ(f[5], "3");
             const double low = std::stod(f[2]), high = std::stod(f[3]);
             const size_t values = f.size() - 6;
@@ -207,7 +189,7 @@ TEST(SweepFiles, RtlPowerLines) {
             EXPECT_LE(high - low, kRtlPowerChunkHz + 1.0);
             previousHigh = high;
             for (size_t k = 6; k < f.size(); ++k, ++point) {
-                EXPECT_EQ(decimals(f[k]), 2) << f[k];
+                EXPECT_TRUE(decimal(f[k], 2)) << f[k];
                 EXPECT_NEAR(std::stod(f[k]), dbm(point), 0.0051);
             }
         }
@@ -218,9 +200,7 @@ TEST(SweepFiles, RtlPowerLines) {
 // ---- plot ----------------------------------------------------------------------
 
 TEST(SweepPlot, SpikeSurvivesDecimation) {
-    struct Case {
-        size_t points, columns, spike;
-    };
+    struct Case { size_t points, columns, spike; };
     for (const auto& c : {Case{193335, 883, 28928}, Case{193335, 883, 193334}, Case{1000, 883, 0},
                           Case{500, 883, 250}, Case{884, 883, 883}}) {
         SCOPED_TRACE(std::to_string(c.points) + " points in " + std::to_string(c.columns) + " columns");
@@ -247,24 +227,14 @@ const char* const kTraceColours = "'[[255, 214, 0], [40, 170, 255], [255, 90, 70
 
 // ---- whole runs on a simulated analyzer (refused command lines: cli_test.cpp) --------
 
-struct Tone {
-    double hz, dbm;
-};
+struct Tone { double hz, dbm; };
 const Tone kTones[] = {{500e6, -30.0}, {1.2e9, -55.0}};
 
-struct RunCase {
-    const char* name;
-    std::vector<std::string> args;
-};
+struct RunCase { const char* name; std::vector<std::string> args; };
 
 void PrintTo(const RunCase& c, std::ostream* os) { *os << c.name; }
 
-struct Outcome {
-    Result result;
-    json doc;
-    std::string csv, rtlPower;
-    fs::path png;
-};
+struct Outcome { Result result; json doc; std::string csv, rtlPower; fs::path png; };
 
 // One run of the tool per case on the two-tone scene, shared by the checks of
 // that case.
@@ -422,10 +392,7 @@ TEST(SweepHold, ThreeSweepsHoldTheirExtremes) {
 }
 
 TEST(SweepWarnings, ClampedSettingsAreReportedAndTheSweepRuns) {
-    struct Case {
-        std::vector<std::string> args;
-        std::string warning;
-    };
+    struct Case { std::vector<std::string> args; std::string warning; };
     const Case cases[] = {
         {{"--start", "100M", "--stop", "20G", "--rbw", "1M"},
          "lx530: warning: setting the span to 100.000 MHz .. 20.000 GHz: Setting clamped (1)"},

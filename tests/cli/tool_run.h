@@ -42,10 +42,7 @@ struct TempDir {
     fs::path path;
 };
 
-struct Result {
-    int exitCode = -1;
-    std::string out, err;
-};
+struct Result { int exitCode = -1; std::string out, err; };
 
 // Runs a shell command with its output into files in `dir`.
 inline Result RunCommand(const fs::path& dir, const std::string& cmd) {

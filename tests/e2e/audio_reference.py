@@ -1,16 +1,13 @@
-"""Measures recovered audio against its source (SciPy as the reference).
+"""Recovered audio against its source, with SciPy as the reference.
 
   audio_reference.py correlate SOURCE.wav RECOVERED [SKIP_S]
-      normalised correlation with the source at the best lag; the simulator
-      plays SOURCE in a loop, so the recovered window is matched against the
-      looped source (circular lags). Both are band-limited alike to
-      60 Hz .. 11 kHz, inside the receiver's audio band.
+      correlation with the (looped) source at the best lag, both band-limited
+      to 60 Hz .. 11 kHz
   audio_reference.py sinad RECOVERED FREQ [SKIP_S]
-      SINAD of a tone at FREQ: least-squares fit of the tone and DC over whole
-      cycles; the residual is the noise and distortion. Also the level.
+      level and SINAD of a tone at FREQ (least-squares fit over whole cycles)
 
-RECOVERED is a WAV file, or raw float32 at 30 kS/s (*.f32). SKIP_S seconds
-at the start are left out (the receiver settling). Prints one JSON line.
+RECOVERED is a WAV file or raw float32 at 30 kS/s (*.f32); SKIP_S seconds at
+the start are left out. Prints one JSON line.
 """
 import json
 import sys
@@ -63,14 +60,9 @@ def sinad(recovered, freq, skip):
 
 
 def main():
-    mode, args = sys.argv[1], sys.argv[2:]
-    if mode == "correlate":
-        out = correlate(args[0], args[1], float(args[2]) if len(args) > 2 else 0.0)
-    elif mode == "sinad":
-        out = sinad(args[0], float(args[1]), float(args[2]) if len(args) > 2 else 0.0)
-    else:
-        sys.exit("mode: correlate or sinad")
-    print(json.dumps(out))
+    mode, a, b = sys.argv[1:4]
+    skip = float(sys.argv[4]) if len(sys.argv) > 4 else 0.0
+    print(json.dumps(correlate(a, b, skip) if mode == "correlate" else sinad(a, float(b), skip)))
 
 
 if __name__ == "__main__":

@@ -16,10 +16,7 @@ TEST(CApi, HeaderCompilesAsCAndExportsResolve) {
 }
 
 TEST(CApi, StatusTextOfEveryValue) {
-    const struct {
-        int32_t value;
-        const char* text;
-    } cases[] = {
+    const struct { int32_t value; const char* text; } cases[] = {
         {INT32_MIN, "Unknown error"}, {-102, "Unknown error"}, {-101, "Flash transfer error"},
         {-100, "File I/O error"}, {-99, "Unknown error"}, {-12, "Unknown error"},
         {-11, "Memory allocation error"}, {-10, "Max devices connected"}, {-9, "Invalid configuration"},

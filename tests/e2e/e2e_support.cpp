@@ -1,5 +1,7 @@
 #include "e2e_support.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <cstdlib>
@@ -60,6 +62,61 @@ uint64_t SimTest::VirtualMs() {
     uint64_t ms = 0;
     EXPECT_EQ(lxSimGetVirtualTimeMs(&ms), lxNoError);
     return ms;
+}
+
+std::string SceneOf(const std::vector<Tone>& tones, double noiseDbmHz, const std::string& keys,
+                    const std::string& emitters) {
+    std::string s = "{\"emitters\": [" + emitters;
+    for (const Tone& t : tones) {
+        char b[128];
+        std::snprintf(b, sizeof b, "%s{\"kind\": \"tone\", \"frequency_hz\": %.6f, \"power_dbm\": %.3f}",
+                      s.back() == '[' ? "" : ", ", t.hz, t.dbm);
+        s += b;
+    }
+    char b[64];
+    std::snprintf(b, sizeof b, "], \"noise_floor_dbm_hz\": %.2f", noiseDbmHz);
+    return s + b + (keys.empty() ? "" : ", " + keys) + "}";
+}
+
+int64_t Trace::PeakIndex(double hz) const {
+    const int64_t c = std::llround((hz - start) / bin);
+    int64_t best = std::clamp<int64_t>(c, 0, length - 1);
+    for (int64_t i = std::max<int64_t>(c - 3, 0); i <= std::min<int64_t>(c + 3, length - 1); ++i)
+        if (mx[size_t(i)] > mx[size_t(best)]) best = i;
+    return best;
+}
+
+void SetSweep(int32_t h, double start, double stop, double rbw, double vbw, double sweepTime, int32_t detector,
+              int32_t units, int32_t scale, int32_t window) {
+    EXPECT_EQ(lxSetSweepStartStop(h, start, stop), lxNoError);
+    EXPECT_EQ(lxSetSweepCoupling(h, rbw, vbw, sweepTime), lxNoError);
+    EXPECT_EQ(lxSetSweepDetector(h, detector, units), lxNoError);
+    EXPECT_EQ(lxSetSweepScale(h, scale), lxNoError);
+    EXPECT_EQ(lxSetSweepWindow(h, window), lxNoError);
+}
+
+bool ConfigureSweep(int32_t h, Trace& t) {
+    EXPECT_EQ(lxConfigure(h, 1), lxNoError);
+    if (lxGetSweepParameters(h, &t.rbw, &t.vbw, &t.start, &t.bin, &t.length) != lxNoError) return false;
+    t.mn.assign(size_t(std::max(t.length, 0)), NAN);
+    t.mx.assign(size_t(std::max(t.length, 0)), NAN);
+    return t.length > 0;
+}
+
+void ReadSweep(int32_t h, Trace& t) { t.status = lxGetSweep(h, t.mn.data(), t.mx.data(), &t.stamp); }
+
+Trace MeasureSweep(int32_t h) {
+    Trace t;
+    if (ConfigureSweep(h, t)) ReadSweep(h, t);
+    return t;
+}
+
+double HalfHeightCrossing(const std::vector<float>& x, int64_t p) {
+    auto mag = [&](int64_t i) { return std::hypot(x[size_t(2 * i)], x[size_t(2 * i + 1)]); };
+    const double top = mag(p + 200);
+    int64_t i = p - 60;
+    while (i < p + 60 && mag(i) < top / 2) ++i;
+    return double(i - 1) + (top / 2 - mag(i - 1)) / (mag(i) - mag(i - 1));
 }
 
 bool CachedRecord(int32_t serial, LX530CalData* out) {

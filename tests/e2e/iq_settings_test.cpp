@@ -19,9 +19,7 @@ protected:
     int32_t h = -1;
     void SetUp() override { h = AttachAndOpen(kSerial, R"({"pacing": "realtime"})"); }
 
-    struct Figures {
-        double rate = 0, bandwidth = 0;
-    };
+    struct Figures { double rate = 0, bandwidth = 0; };
     Figures Configured() {
         Figures f;
         EXPECT_EQ(lxConfigure(h, lxModeIQ), lxNoError);
@@ -51,10 +49,7 @@ TEST_F(IqSettings, RefusedValuesChangeNothing) {
 // The bandwidth is limited at configure to 1 kHz .. 41.5 MHz at D = 1 and
 // 1 kHz .. 50 MHz / D above; every power of two up to 8192 is a rate.
 TEST_F(IqSettings, RateAndBandwidthLimits) {
-    struct Case {
-        int32_t D;
-        double set, want;
-    };
+    struct Case { int32_t D; double set, want; };
     const Case cases[] = {{1, 1e9, 41.5e6}, {1, 10, 1000},      {2, 1e9, 25e6},      {4, 3e6, 3e6},
                           {8, 4e7, 6.25e6}, {128, 1e9, 390625}, {8192, 1e9, 5e7 / 8192}, {8192, 100, 1000}};
     for (const Case& c : cases) {
@@ -96,19 +91,6 @@ TEST_F(IqSettings, CallChecks) {
     EXPECT_EQ(health.samplesDelivered, 0u);
     EXPECT_EQ(lxAbort(h), lxNoError);
     EXPECT_EQ(lxGetIQ(h, buf, 4, nullptr, 0, nullptr, 0, nullptr, nullptr), lxInvalidConfigurationErr);
-}
-
-// Trigger entries no trigger filled carry the process-wide sentinel.
-TEST_F(IqSettings, SentinelFillsUnusedTriggerEntries) {
-    ASSERT_EQ(lxSetIQSampleRate(h, 64), lxNoError);
-    ASSERT_EQ(lxConfigure(h, lxModeIQ), lxNoError);
-    std::vector<float> buf(2 * 1000);
-    for (double sentinel : {-1.5, 0.0}) {
-        ASSERT_EQ(lxSetIQTriggerSentinel(sentinel), lxNoError);
-        std::vector<double> t(5, 12345.0);
-        ASSERT_GE(lxGetIQ(h, buf.data(), 1000, t.data(), 5, nullptr, 0, nullptr, nullptr), lxNoError);
-        for (double v : t) EXPECT_EQ(v, sentinel);
-    }
 }
 
 } // namespace

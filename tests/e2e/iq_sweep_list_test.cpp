@@ -22,21 +22,13 @@ using cd = std::complex<double>;
 constexpr double kFs = 61.44e6;
 constexpr double kToneOffset = 100e3;
 
-struct Step {
-    double hz;
-    uint32_t samples;
-};
+struct Step { double hz; uint32_t samples; };
 
 // A -30 dBm tone kToneOffset above each step frequency, over -160 dBm/Hz.
-std::string ToneScene(const std::vector<Step>& steps, double dbm = -30.0) {
-    std::string s = R"({"noise_floor_dbm_hz": -160, "emitters": [)";
-    for (size_t i = 0; i < steps.size(); ++i) {
-        char b[160];
-        std::snprintf(b, sizeof b, R"(%s{"kind": "tone", "frequency_hz": %.3f, "power_dbm": %.2f})", i ? "," : "",
-                      steps[i].hz + kToneOffset, dbm);
-        s += b;
-    }
-    return s + "]}";
+std::string ToneScene(const std::vector<Step>& steps) {
+    std::vector<e2e::Tone> tones;
+    for (const Step& s : steps) tones.push_back({s.hz + kToneOffset, -30.0});
+    return e2e::SceneOf(tones, -160);
 }
 
 // Power (dBm) of the component at `offsetHz` in n complex samples (x is
@@ -48,23 +40,13 @@ double ToneDbm(const float* x, int64_t n, double offsetHz) {
     return 20.0 * std::log10(std::abs(acc) / static_cast<double>(n));
 }
 
-// The strongest component within 120 kHz of `nominalHz`, found rather than
-// assumed: off the 960 kHz tuning grid a step's frequency sits up to 110 kHz
-// from 0 Hz (docs/iq_sweep_list.md).
-struct Peak {
-    double hz = 0, dbm = -400;
-};
-Peak FindPeak(const float* x, int64_t n, double nominalHz) {
-    Peak best;
-    const int64_t m = std::min<int64_t>(n, 2048);
-    for (double f = nominalHz - 120e3; f <= nominalHz + 120e3; f += kFs / (4.0 * double(m))) {
-        const double p = ToneDbm(x, m, f);
-        if (p > best.dbm) best = {f, p};
-    }
-    best.dbm = ToneDbm(x, n, best.hz);
-    for (double h = kFs / (8.0 * double(m)); h > kFs / (16.0 * double(n)); h /= 2)
-        for (double f : {best.hz - h, best.hz + h})
-            if (const double p = ToneDbm(x, n, f); p > best.dbm) best = {f, p};
+// The strongest component (dBm) within 120 kHz of `nominalHz`: off the
+// 960 kHz tuning grid a step's frequency sits up to 110 kHz from 0 Hz
+// (docs/iq_sweep_list.md).
+double PeakDbm(const float* x, int64_t n, double nominalHz) {
+    double best = -400;
+    for (double f = nominalHz - 120e3; f <= nominalHz + 120e3; f += kFs / (8.0 * double(n)))
+        best = std::max(best, ToneDbm(x, n, f));
     return best;
 }
 
@@ -148,11 +130,13 @@ TEST_F(SweepList, UncorrectedFloatsNeedTheReportedFactor) {
     EXPECT_GT(std::abs(20 * std::log10(scale[0])), 1.0); // a real correction, not a neutral one
 }
 
-// Sixteen requests in flight, each into its own buffer: every buffer holds
-// the whole list, and they ran in the order they were started (each one's
-// first step after the previous one's last), whichever order they are
-// finished in.
-TEST_F(SweepList, SixteenRequestsInFlightCompleteInOrder) {
+// Sixteen requests in flight, each into its own buffer, finished in reverse
+// order: every buffer holds the whole list, and the time stamps run on from
+// request to request. Each step starts one step duration (its packets of
+// 2048 at 61.44 MS/s, not just its sample count) plus the retuning after the
+// previous one; between passes the analyzer may also wait for the host's
+// next request.
+TEST_F(SweepList, SixteenRequestsInFlightRunInOrder) {
     const std::vector<Step> steps{{99.84e6, 2049}, {915.84e6, 8192}, {5.80224e9, 3000}};
     Open(steps);
     Configure(steps);
@@ -161,41 +145,17 @@ TEST_F(SweepList, SixteenRequestsInFlightCompleteInOrder) {
     std::vector<std::vector<uint64_t>> ts(16, std::vector<uint64_t>(steps.size(), 0));
     for (int32_t s = 0; s < 16; ++s) ASSERT_EQ(lxIQSweepListStartSweep(h, s, buf[size_t(s)].data(), ts[size_t(s)].data()), lxNoError);
     for (int32_t s = 15; s >= 0; --s) ASSERT_EQ(lxIQSweepListFinishSweep(h, s), lxNoError) << s;
+    std::vector<uint64_t> t;
     for (size_t s = 0; s < 16; ++s) {
         int64_t at = 0;
         for (size_t i = 0; i < steps.size(); ++i) {
             EXPECT_NEAR(ToneDbm(buf[s].data() + 2 * at, steps[i].samples, kToneOffset), -30.0, 0.2) << s << "/" << i;
             at += steps[i].samples;
-            if (i > 0) {
-                EXPECT_GT(ts[s][i], ts[s][i - 1]);
-            }
         }
-        if (s > 0) {
-            EXPECT_GT(ts[s][0], ts[s - 1].back()) << s;
-        }
+        t.insert(t.end(), ts[s].begin(), ts[s].end());
     }
-}
-
-// Time stamps: each step starts one step duration (its packets of 2048 at
-// 61.44 MS/s, not just its sample count) plus the retuning after the
-// previous one. Between passes the analyzer may also wait for the host's
-// next request, so there the next pass only starts after the last step.
-TEST_F(SweepList, TimeStampsAdvanceByDurationAndRetune) {
-    const std::vector<Step> steps{{50e6, 2049}, {1.2e9, 5000}, {9e9, 16384}, {20e6, 100}};
-    Open(steps);
-    Configure(steps);
-    const int64_t n = Total(steps);
-    std::vector<float> a(size_t(2 * n)), b(size_t(2 * n));
-    std::vector<uint64_t> ta(steps.size()), tb(steps.size());
-    ASSERT_EQ(lxIQSweepListStartSweep(h, 0, a.data(), ta.data()), lxNoError);
-    ASSERT_EQ(lxIQSweepListStartSweep(h, 1, b.data(), tb.data()), lxNoError);
-    ASSERT_EQ(lxIQSweepListFinishSweep(h, 0), lxNoError);
-    ASSERT_EQ(lxIQSweepListFinishSweep(h, 1), lxNoError);
-    std::vector<uint64_t> t(ta);
-    t.insert(t.end(), tb.begin(), tb.end());
     for (size_t i = 1; i < t.size(); ++i) {
-        const Step& prev = steps[(i - 1) % steps.size()];
-        const double duration = std::ceil(prev.samples / 2048.0) * 2048.0 / kFs * 1e9;
+        const double duration = std::ceil(steps[(i - 1) % steps.size()].samples / 2048.0) * 2048.0 / kFs * 1e9;
         const double gap = double(int64_t(t[i] - t[i - 1])) - duration;
         EXPECT_GT(gap, -16.3) << i; // one sample
         if (i % steps.size() != 0) {
@@ -245,8 +205,9 @@ TEST_F(SweepList, TimeStampsAreTrueToTheScenesClock) {
     }
 }
 
-// Argument and state checks: each bad call returns its status and changes
-// nothing a later good call could see.
+// Argument and state checks (NaN, enumerations, null pointers and handles:
+// bad_input_test.cpp): each bad call returns its status and changes nothing
+// a later good call could see.
 TEST_F(SweepList, ArgumentAndStateChecks) {
     const std::vector<Step> steps{{999.36e6, 2048}, {1999.68e6, 2048}};
     Open(steps);
@@ -257,10 +218,7 @@ TEST_F(SweepList, ArgumentAndStateChecks) {
     EXPECT_EQ(lxSetIQSweepListFreq(h, 0, 1e9), lxInvalidParameterErr);
     Configure(steps);
 
-    struct Case {
-        const char* what;
-        LxStatus got, want;
-    };
+    struct Case { const char* what; LxStatus got, want; };
     std::vector<float> a(2 * 4096), b(2 * 4096);
     const Case cases[] = {
         {"1001 steps", lxSetIQSweepListSteps(h, 1001), lxInvalidParameterErr},
@@ -268,16 +226,11 @@ TEST_F(SweepList, ArgumentAndStateChecks) {
         {"index = count", lxSetIQSweepListFreq(h, 2, 1e9), lxInvalidParameterErr},
         {"index -1", lxSetIQSweepListSampleCount(h, -1, 10), lxInvalidParameterErr},
         {"freq below", lxSetIQSweepListFreq(h, 1, 10.0), lxSettingClamped},
-        {"freq NaN", lxSetIQSweepListFreq(h, 1, NAN), lxInvalidParameterErr},
         {"ref 30", lxSetIQSweepListRef(h, 1, 30.0), lxSettingClamped},
         {"atten 7", lxSetIQSweepListAtten(h, 1, 7), lxSettingClamped},
         {"atten -5", lxSetIQSweepListAtten(h, 1, -5), lxSettingClamped},
-        {"data type 2", lxSetIQSweepListDataType(h, 2), lxInvalidParameterErr},
         {"corrected 2", lxSetIQSweepListCorrected(h, 2), lxInvalidParameterErr},
-        {"null count", lxGetIQSweepListSteps(h, nullptr), lxNullPtrErr},
-        {"null corrections", lxIQSweepListGetCorrections(h, nullptr), lxNullPtrErr},
         {"slot 16", lxIQSweepListStartSweep(h, 16, a.data(), nullptr), lxInvalidParameterErr},
-        {"slot -1", lxIQSweepListStartSweep(h, -1, a.data(), nullptr), lxInvalidParameterErr},
         {"null destination", lxIQSweepListStartSweep(h, 3, nullptr, nullptr), lxNullPtrErr},
         {"finish never started", lxIQSweepListFinishSweep(h, 4), lxSweepAlreadyActiveErr},
         {"finish slot 16", lxIQSweepListFinishSweep(h, 16), lxInvalidParameterErr},
@@ -286,7 +239,6 @@ TEST_F(SweepList, ArgumentAndStateChecks) {
         {"get while 5 active", lxIQSweepListGetSweep(h, b.data(), nullptr), lxSweepAlreadyActiveErr},
         {"finish 5", lxIQSweepListFinishSweep(h, 5), lxNoError},
         {"finish 5 again", lxIQSweepListFinishSweep(h, 5), lxSweepAlreadyActiveErr},
-        {"bad handle", lxIQSweepListFinishSweep(9, 0), lxInvalidDeviceErr},
     };
     for (const Case& c : cases) EXPECT_EQ(c.got, c.want) << c.what;
     ASSERT_EQ(lxGetIQSweepListSteps(h, &count), lxNoError);
@@ -302,8 +254,8 @@ TEST_F(SweepList, ArgumentAndStateChecks) {
 }
 
 // Growing the list gives the new steps their defaults (1 GHz, 1000000
-// samples); a step of 2049 samples takes two packets from the device.
-TEST_F(SweepList, DefaultsAndPacketCount) {
+// samples).
+TEST_F(SweepList, GrownStepsTakeTheDefaults) {
     Open({{1e9, 0}});
     ASSERT_EQ(lxSetIQSweepListSteps(h, 2), lxNoError);
     ASSERT_EQ(lxSetIQSweepListFreq(h, 0, 3e9), lxNoError);
@@ -313,24 +265,17 @@ TEST_F(SweepList, DefaultsAndPacketCount) {
     ASSERT_EQ(lxConfigure(h, lxModeIQSweepList), lxNoError);
     const int64_t n = 2049 + 1000000;
     std::vector<float> f(size_t(2 * n));
-    const LxSimCounters before = Counters(kSerial);
     ASSERT_EQ(lxIQSweepListGetSweep(h, f.data(), nullptr), lxNoError);
-    const LxSimCounters after = Counters(kSerial);
-    EXPECT_EQ(after.iqPackets - before.iqPackets, 2u + 489u);
-    EXPECT_EQ(after.auxPackets - before.auxPackets, 2u);
     // The default step sits at 1 GHz, off the tuning grid: the scene's tone,
     // 100 kHz above it, is near there at its power.
-    EXPECT_NEAR(FindPeak(f.data() + 2 * 2049, 1000000, kToneOffset).dbm, -30.0, 0.2);
+    EXPECT_NEAR(PeakDbm(f.data() + 2 * (n - 16384), 16384, kToneOffset), -30.0, 0.2); // the step's last samples
 }
 
 // A failed transfer ends the requests under way with the link status, a
 // status packet without its magic with a framing error; nothing hangs.
 TEST_F(SweepList, FailedTransfersReportAndReturn) {
     const std::vector<Step> steps{{1e9, 4096}, {2e9, 4096}};
-    struct Case {
-        int32_t fault;
-        LxStatus want;
-    };
+    struct Case { int32_t fault; LxStatus want; };
     const Case cases[] = {{lxSimFaultBadMagic, lxFramingErr}, {lxSimFaultShortTransfer, lxConnectionLostErr}};
     for (const Case& c : cases) {
         Open(steps);

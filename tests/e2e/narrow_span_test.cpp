@@ -15,52 +15,28 @@
 
 namespace {
 
-using e2e::SimTest;
+using e2e::Trace;
 
 std::string Scene(double toneHz, double toneDbm, double noiseDbmHz) {
-    char b[256];
-    if (toneHz > 0)
-        std::snprintf(b, sizeof b,
-                      R"({"emitters": [{"kind": "tone", "frequency_hz": %.3f, "power_dbm": %.2f}], "noise_floor_dbm_hz": %.1f})",
-                      toneHz, toneDbm, noiseDbmHz);
-    else
-        std::snprintf(b, sizeof b, R"({"noise_floor_dbm_hz": %.1f})", noiseDbmHz);
-    return b;
+    return e2e::SceneOf(toneHz > 0 ? std::vector<e2e::Tone>{{toneHz, toneDbm}} : std::vector<e2e::Tone>{}, noiseDbmHz);
 }
 
-struct Trace {
-    LxStatus status = lxNoError;
-    std::vector<float> mn, mx;
-    double rbw = 0, vbw = 0, start = 0, bin = 0;
-    int32_t length = 0;
-    uint64_t stamp = 0;
-};
-
-class NarrowSpan : public SimTest {
+class NarrowSpan : public e2e::SimTest {
 protected:
     static constexpr int32_t kSerial = 41000001;
     int32_t h = -1;
 
     void SetUp() override { h = AttachAndOpen(kSerial, Scene(0, 0, -150)); }
 
-    // Average detector, power units, log scale, flat-top window.
     // `fault` is injected once, between configure and the sweep.
     Trace Measure(double centre, double span, double rbw, double vbw, int32_t fault = lxSimFaultNone) {
+        e2e::SetSweep(h, centre - span / 2, centre + span / 2, rbw, vbw, 1e-6);
         Trace t;
-        EXPECT_EQ(lxSetSweepCenterSpan(h, centre, span), lxNoError);
-        EXPECT_EQ(lxSetSweepCoupling(h, rbw, vbw, 1e-6), lxNoError);
-        EXPECT_EQ(lxSetSweepDetector(h, 0, 2), lxNoError);
-        EXPECT_EQ(lxSetSweepScale(h, 0), lxNoError);
-        EXPECT_EQ(lxSetSweepWindow(h, 0), lxNoError);
-        EXPECT_EQ(lxConfigure(h, 1), lxNoError);
-        EXPECT_EQ(lxGetSweepParameters(h, &t.rbw, &t.vbw, &t.start, &t.bin, &t.length), lxNoError);
-        if (t.length <= 0) return t;
+        if (!e2e::ConfigureSweep(h, t)) return t;
         if (fault != lxSimFaultNone) {
             EXPECT_EQ(lxSimInjectFault(kSerial, fault, 1), lxNoError);
         }
-        t.mn.assign(size_t(t.length), NAN);
-        t.mx.assign(size_t(t.length), NAN);
-        t.status = lxGetSweep(h, t.mn.data(), t.mx.data(), &t.stamp);
+        e2e::ReadSweep(h, t);
         return t;
     }
 };
@@ -68,9 +44,7 @@ protected:
 // A -30 dBm tone off the span's centre reads -30 dBm within 0.2 dB in the bin
 // of its frequency, with the trace's frequencies from lxGetSweepParameters.
 TEST_F(NarrowSpan, ToneReadsItsPowerAtItsFrequency) {
-    struct Case {
-        double centre, span, offset, rbw;
-    };
+    struct Case { double centre, span, offset, rbw; };
     const Case cases[] = {
         {20e6, 1e6, -0.31e6, 3e3},     // band 0: the capture is mirrored
         {3.2e6, 4e6, 1.1e6, 10e3},     // band 0, on the low-frequency rise
@@ -102,9 +76,7 @@ TEST_F(NarrowSpan, ToneReadsItsPowerAtItsFrequency) {
 // Without tones the trace is the scene's noise density in the actual RBW,
 // whatever the split of the decimation between device and host.
 TEST_F(NarrowSpan, NoiseFloorIsTheScenesDensityInTheRbw) {
-    struct Case {
-        double centre, span, rbw;
-    };
+    struct Case { double centre, span, rbw; };
     const Case cases[] = {{1.5e9, 4e6, 10e3}, {433e6, 1e6, 3e3}, {6.1e9, 100e3, 1e3}, {11e6, 2e6, 10e3}};
     const double density = -140.0;
     ASSERT_EQ(lxSimSetScene(kSerial, Scene(0, 0, density).c_str()), lxNoError);
@@ -122,14 +94,10 @@ TEST_F(NarrowSpan, NoiseFloorIsTheScenesDensityInTheRbw) {
     }
 }
 
-// The warnings of the sweep, strongest first.
+// The warnings of the sweep, strongest first; the trace arrives with them,
+// and the next sweep is clean again.
 TEST_F(NarrowSpan, WarningsComeFromTheStatusPacket) {
-    struct Case {
-        const char* name;
-        double toneDbm;
-        int32_t fault;
-        LxStatus expected;
-    };
+    struct Case { const char* name; double toneDbm; int32_t fault; LxStatus expected; };
     const Case cases[] = {
         {"clean", -30.0, lxSimFaultNone, lxNoError},
         {"ADC overflow", 20.0, lxSimFaultNone, lxADCOverflow},
@@ -139,8 +107,13 @@ TEST_F(NarrowSpan, WarningsComeFromTheStatusPacket) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         ASSERT_EQ(lxSimSetScene(kSerial, Scene(300.1e6, c.toneDbm, -150.0).c_str()), lxNoError);
-        EXPECT_EQ(Measure(300e6, 1e6, 10e3, 10e3, c.fault).status, c.expected);
-        ASSERT_EQ(lxSimInjectFault(kSerial, lxSimFaultNone, 0), lxNoError);
+        Trace t = Measure(300e6, 1e6, 10e3, 10e3, c.fault);
+        EXPECT_EQ(t.status, c.expected);
+        if (c.toneDbm < 0) {
+            EXPECT_NEAR(t.mx[size_t(t.PeakIndex(300.1e6))], -30.0, 0.2);
+        }
+        e2e::ReadSweep(h, t);
+        EXPECT_EQ(t.status, c.toneDbm < 0 ? lxNoError : lxADCOverflow);
     }
 }
 

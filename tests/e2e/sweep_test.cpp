@@ -18,76 +18,24 @@
 namespace {
 
 using e2e::SimTest;
-
-struct Tone {
-    double hz, dbm;
-};
-
-std::string Scene(const std::vector<Tone>& tones, double noiseDbmHz = -150.0, const std::string& extra = "") {
-    std::string s = "{\"emitters\": [";
-    for (size_t i = 0; i < tones.size(); ++i) {
-        char b[128];
-        std::snprintf(b, sizeof b, "%s{\"kind\": \"tone\", \"frequency_hz\": %.3f, \"power_dbm\": %.3f}", i ? ", " : "",
-                      tones[i].hz, tones[i].dbm);
-        s += b;
-    }
-    char b[96];
-    std::snprintf(b, sizeof b, "], \"noise_floor_dbm_hz\": %.2f", noiseDbmHz);
-    s += b;
-    if (!extra.empty()) s += ", " + extra;
-    return s + "}";
+using e2e::Tone;
+using e2e::Trace;
+std::string Scene(const std::vector<Tone>& tones, double noise = -150.0, const std::string& keys = "") {
+    return e2e::SceneOf(tones, noise, keys);
 }
-
-struct Trace {
-    LxStatus status = lxNoError;
-    std::vector<float> mn, mx;
-    double rbw = 0, vbw = 0, start = 0, bin = 0;
-    int32_t length = 0;
-    uint64_t stamp = 0;
-
-    // Index of the largest max-trace value within +-3 bins of hz.
-    int64_t PeakIndex(double hz) const {
-        const int64_t c = std::llround((hz - start) / bin);
-        int64_t best = std::clamp<int64_t>(c, 0, length - 1);
-        for (int64_t i = std::max<int64_t>(c - 3, 0); i <= std::min<int64_t>(c + 3, length - 1); ++i)
-            if (mx[size_t(i)] > mx[size_t(best)]) best = i;
-        return best;
-    }
-    double Frequency(int64_t i) const { return start + static_cast<double>(i) * bin; }
-};
 
 class Sweep : public SimTest {
 protected:
     static constexpr int32_t kSerial = 40000001;
-
     int32_t h = -1;
     void Open(const std::string& scene) { h = AttachAndOpen(kSerial, scene); }
-
     void Set(double start, double stop, double rbw, double vbw, double sweepTime, int32_t detector = 0,
              int32_t units = 2, int32_t scale = 0, int32_t window = 0) {
-        ASSERT_EQ(lxSetSweepStartStop(h, start, stop), lxNoError);
-        ASSERT_EQ(lxSetSweepCoupling(h, rbw, vbw, sweepTime), lxNoError);
-        ASSERT_EQ(lxSetSweepDetector(h, detector, units), lxNoError);
-        ASSERT_EQ(lxSetSweepScale(h, scale), lxNoError);
-        ASSERT_EQ(lxSetSweepWindow(h, window), lxNoError);
+        e2e::SetSweep(h, start, stop, rbw, vbw, sweepTime, detector, units, scale, window);
     }
-
-    // Configures mode 1 from the stored settings; false on failure.
-    bool Configure(Trace& t) {
-        EXPECT_EQ(lxConfigure(h, 1), lxNoError);
-        if (lxGetSweepParameters(h, &t.rbw, &t.vbw, &t.start, &t.bin, &t.length) != lxNoError) return false;
-        t.mn.assign(size_t(t.length), NAN);
-        t.mx.assign(size_t(t.length), NAN);
-        return t.length > 0;
-    }
-
-    void Read(Trace& t) { t.status = lxGetSweep(h, t.mn.data(), t.mx.data(), &t.stamp); }
-
-    Trace Measure() {
-        Trace t;
-        if (Configure(t)) Read(t);
-        return t;
-    }
+    bool Configure(Trace& t) { return e2e::ConfigureSweep(h, t); }
+    void Read(Trace& t) { e2e::ReadSweep(h, t); }
+    Trace Measure() { return e2e::MeasureSweep(h); }
 };
 
 // Mean power (mW) of the max trace over [from, to) Hz, in dBm, and the spread
@@ -228,11 +176,7 @@ bool Delivered(LxStatus s) { return s == lxNoError || s == lxUncalData; }
 // the min/max detector follows the video average instead, and min and max
 // close in on the mean. Medians over the span's bins, in dB against the
 // average detector.
-struct DetectorCase {
-    const char* name;
-    double vbwRatio;
-    double maxAboveLo, maxAboveHi, minBelowLo, minBelowHi;
-};
+struct DetectorCase { const char* name; double vbwRatio; double maxAboveLo, maxAboveHi, minBelowLo, minBelowHi; };
 
 class Detectors : public Sweep, public ::testing::WithParamInterface<DetectorCase> {};
 
@@ -275,12 +219,7 @@ INSTANTIATE_TEST_SUITE_P(Vbw, Detectors,
 // Overload and its cure: +10 dBm clips the ADC with no attenuation and reads
 // correctly with 30 dB, set directly or chosen from a reference level of
 // +10 dBm by the automatic attenuator.
-struct OverloadCase {
-    const char* name;
-    int32_t attenuator;
-    double refLevel;
-    LxStatus expected;
-};
+struct OverloadCase { const char* name; int32_t attenuator; double refLevel; LxStatus expected; };
 
 class Overload : public Sweep, public ::testing::WithParamInterface<OverloadCase> {};
 
@@ -304,10 +243,7 @@ INSTANTIATE_TEST_SUITE_P(Attenuation, Overload,
                                            OverloadCase{"AutoForPlus10Dbm", -1, 10.0, lxNoError}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-struct DriftCase {
-    double after;
-    LxStatus expected;
-};
+struct DriftCase { double after; LxStatus expected; };
 
 class TemperatureDrift : public Sweep, public ::testing::WithParamInterface<DriftCase> {};
 
@@ -332,19 +268,6 @@ INSTANTIATE_TEST_SUITE_P(Steps, TemperatureDrift,
                          [](const auto& info) {
                              return "To" + std::to_string(static_cast<int>(info.param.after * 100)) + "cC";
                          });
-
-TEST_F(Sweep, StatusPacketWithoutItsMagicIsAFramingError) {
-    Open(Scene({{1e9, -30.0}}));
-    Set(0.99e9, 1.01e9, 1e6, 1e6, 1e-6);
-    Trace t;
-    ASSERT_TRUE(Configure(t));
-    ASSERT_EQ(lxSimInjectFault(kSerial, lxSimFaultBadMagic, 1), lxNoError);
-    Read(t);
-    EXPECT_EQ(t.status, lxFramingErr);
-    EXPECT_NEAR(t.mx[size_t(t.PeakIndex(1e9))], -30.0, 0.2); // the traces still arrive
-    Read(t);
-    EXPECT_EQ(t.status, lxNoError); // the next sweep's packet is fine
-}
 
 // The paced analyzer loses samples when the host does not read them in time.
 // A 0.28 s step at 450 Hz RBW is streamed through the store segment by
@@ -485,35 +408,25 @@ TEST_F(Sweep, RbwBeyondTheLongestWindowIsAWarning) {
     }
 }
 
-TEST_F(Sweep, RefusedOutsideModeOne) {
+// A span of exactly 5 MHz is stepped (bins of 61.44 MHz / 256 at 1 MHz RBW);
+// just under it, one decimated capture (finer bins at that RBW).
+TEST_F(Sweep, RefusedOutsideModeOneAndStepsFromFiveMegahertz) {
     Open(Scene({}));
     float trace[4] = {1, 1, 1, 1};
     EXPECT_EQ(lxGetSweep(h, trace, trace, nullptr), lxInvalidConfigurationErr);
     EXPECT_EQ(trace[0], 1.0f);
-    double rbw = 0;
-    EXPECT_EQ(lxGetSweepParameters(h, &rbw, nullptr, nullptr, nullptr, nullptr), lxInvalidConfigurationErr);
-
-    // A span of exactly 5 MHz is stepped (bins of 61.44 MHz / 256 at 1 MHz
-    // RBW); just under it, one decimated capture (finer bins at that RBW).
-    double bin = 0;
-    Set(1e9, 1e9 + 5e6, 1e6, 1e6, 1e-6);
-    EXPECT_EQ(lxConfigure(h, 1), lxNoError);
-    EXPECT_EQ(lxGetSweepParameters(h, nullptr, nullptr, nullptr, &bin, nullptr), lxNoError);
-    EXPECT_EQ(bin, 240000.0);
-    Set(1e9, 1e9 + 4.9e6, 1e6, 1e6, 1e-6);
-    EXPECT_EQ(lxConfigure(h, 1), lxNoError);
-    EXPECT_EQ(lxGetSweepParameters(h, nullptr, nullptr, nullptr, &bin, nullptr), lxNoError);
-    EXPECT_LT(bin, 240000.0);
-    EXPECT_EQ(lxGetSweepParameters(h, nullptr, nullptr, nullptr, nullptr, nullptr), lxNoError);
+    for (const double span : {5e6, 4.9e6}) {
+        Set(1e9, 1e9 + span, 1e6, 1e6, 1e-6);
+        Trace t;
+        ASSERT_TRUE(Configure(t));
+        EXPECT_EQ(t.bin < 240000.0, span < 5e6) << span;
+    }
     EXPECT_EQ(lxSetGPIOPort(h, 1), lxInvalidConfigurationErr);
     EXPECT_EQ(lxAbort(h), lxNoError);
     EXPECT_EQ(lxGetSweep(h, trace, trace, nullptr), lxInvalidConfigurationErr);
+    double rbw = 0;
     EXPECT_EQ(lxGetSweepParameters(h, &rbw, nullptr, nullptr, nullptr, nullptr), lxInvalidConfigurationErr);
 }
-
-} // namespace
-
-namespace {
 
 // The analyzer's temperature picks the calibration record's bracket: at a
 // temperature point and between two the corrected level of a tone must not

@@ -28,7 +28,6 @@ def test_list_open_first_and_housekeeping(analyzer):
 
 @pytest.mark.parametrize("gps, state", [
     ({"fix": True, "latitude": -33.8568, "longitude": 151.2153, "altitude_m": 58.5}, lx_api.GPSState.FIX),
-    ({"fix": True, "latitude": 64.1466, "longitude": -21.9426, "altitude_m": -12.0}, lx_api.GPSState.FIX),
     ({"fix": False}, lx_api.GPSState.NO_FIX),
 ])
 def test_gps_position_and_time(analyzer, gps, state):

@@ -1,9 +1,7 @@
 # Statuses as Python exceptions and warnings: each error raises its class,
 # with the status code and the C library's text; warnings still deliver.
-import threading
 import warnings
 
-import numpy as np
 import pytest
 
 import lx_api
@@ -56,41 +54,13 @@ def test_refused_scene_names_the_key_and_changes_nothing(analyzer):
     assert abs(s.frequencies[s.max.argmax()] - 1e9) <= params.bin_size + params.rbw / 2
 
 
-def test_second_sweep_while_one_is_pending(analyzer):
-    _, dev = analyzer(tone_scene((1e9, -30), pacing="realtime"))
-    dev.configure_sweep(center=1e9, span=100e6, rbw=10e3, sweep_time=3)
-    started = threading.Event()
-
-    def sweep():
-        started.set()
-        try:
-            dev.get_sweep()
-        except lx_api.InvalidConfigurationError:
-            pass  # ended by the abort below
-
-    t = threading.Thread(target=sweep)
-    t.start()
-    started.wait()
-    with pytest.raises(lx_api.SweepAlreadyActiveError) as info:
-        for _ in range(200):  # until the other thread's sweep is under way
-            threading.Event().wait(0.01)
-            dev.get_sweep()
-    assert info.value.status == -8
-    dev.abort()
-    t.join()
-
-
-@pytest.mark.parametrize("settings, check", [
-    (dict(center=1e9, span=20e6, rbw=1.0), lambda dev, p: p.rbw == pytest.approx(221, abs=1)),
-    (dict(center=1e9, span=20e6, rbw=10e3, vbw=1e6), lambda dev, p: p.vbw == 10e3),
-    (dict(center=1e9, span=20e6, ref_level=100), lambda dev, p: dev.ref_level == 20),
-])
-def test_clamped_settings_warn_and_take_effect(analyzer, settings, check):
+def test_clamped_settings_warn_and_take_effect(analyzer):
     _, dev = analyzer()
+    settings = dict(center=1e9, span=20e6, rbw=10e3, vbw=1e6)
     with pytest.warns(lx_api.SettingClampedWarning) as record:
         params = dev.configure_sweep(**settings)
     assert record[0].category.status == 1 and "Setting clamped (1)" in str(record[0].message)
-    assert check(dev, params)
+    assert params.vbw == 10e3
     # Turned into errors by a warnings filter, the warning is raised.
     with warnings.catch_warnings():
         warnings.simplefilter("error")
