@@ -8,9 +8,7 @@
 #include <atomic>
 #include <csignal>
 #include <functional>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>

@@ -2,13 +2,14 @@
 // come from the record's byte layout written out literally here, not from the
 // library's offset constants.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <bit>
-#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <limits>
 #include <memory>
 #include <vector>
@@ -26,19 +27,16 @@ std::unique_ptr<LX530CalData> NewRecord(uint8_t fill) {
     return r;
 }
 
-void Put32(uint8_t* p, size_t off, uint32_t v) {
-    for (int i = 0; i < 4; ++i) p[off + size_t(i)] = uint8_t(v >> (8 * i));
-}
-void Put64(uint8_t* p, size_t off, uint64_t v) {
-    for (int i = 0; i < 8; ++i) p[off + size_t(i)] = uint8_t(v >> (8 * i));
-}
-void Put16(uint8_t* p, size_t off, uint16_t v) { p[off] = uint8_t(v); p[off + 1] = uint8_t(v >> 8); }
-void PutF(uint8_t* p, size_t off, float f) { uint32_t u; std::memcpy(&u, &f, 4); Put32(p, off, u); }
+// Little-endian fields, as the record holds them (so does this host).
+template <typename T>
+void Put(uint8_t* p, size_t off, T v) { std::memcpy(p + off, &v, sizeof v); }
+void Put32(uint8_t* p, size_t off, uint32_t v) { Put(p, off, v); }
+void Put64(uint8_t* p, size_t off, uint64_t v) { Put(p, off, v); }
+void Put16(uint8_t* p, size_t off, uint16_t v) { Put(p, off, v); }
+void PutF(uint8_t* p, size_t off, float f) { Put(p, off, f); }
 float GetF(const uint8_t* p, size_t off) {
-    const uint32_t u = uint32_t(p[off]) | uint32_t(p[off + 1]) << 8 | uint32_t(p[off + 2]) << 16 |
-                       uint32_t(p[off + 3]) << 24;
     float f;
-    std::memcpy(&f, &u, 4);
+    std::memcpy(&f, p + off, 4);
     return f;
 }
 
@@ -215,22 +213,15 @@ TEST(CalRecord, TempInterpolateEndsAreExact) {
 
 class LoadFromFile : public testing::Test {
 protected:
-    void SetUp() override {
-        dir_ = std::filesystem::temp_directory_path() /
-               ("lx_cal_load_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "_" +
-                std::to_string(reinterpret_cast<uintptr_t>(this)));
-        std::filesystem::create_directories(dir_);
-    }
+    void SetUp() override { std::filesystem::create_directories(dir_); }
     void TearDown() override { std::filesystem::remove_all(dir_); }
     std::string Write(const char* name, size_t bytes, uint8_t fill) {
         const std::string path = (dir_ / name).string();
-        std::FILE* f = std::fopen(path.c_str(), "wb");
-        std::vector<uint8_t> data(bytes, fill);
-        if (bytes) std::fwrite(data.data(), 1, bytes, f);
-        std::fclose(f);
+        std::ofstream(path, std::ios::binary).write(std::string(bytes, char(fill)).data(), std::streamsize(bytes));
         return path;
     }
-    std::filesystem::path dir_;
+    const std::filesystem::path dir_ =
+        std::filesystem::temp_directory_path() / ("lx_cal_load_" + std::to_string(getpid()));
 };
 
 TEST_F(LoadFromFile, WholeRecordOrNothing) {

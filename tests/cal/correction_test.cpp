@@ -5,8 +5,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <limits>
 #include <map>
 #include <numbers>
@@ -92,9 +90,7 @@ TEST(FineMagnitudeAt, FollowsTheLineThroughTheCellMiddles) {
     const auto rec = PatternRecord();
     const CalBracket b{2, 0.25f};
     const auto line = [&](double u) { return 0.75 * (1.2 + 0.02 + 1e-5 * u) + 0.25 * (1.2 + 0.03 + 1e-5 * u); };
-    const struct Case {
-        double hz, u;
-    } cases[] = {
+    const struct Case { double hz, u; } cases[] = {
         {1.0003e9, 1.0003e9 / 3.75e6 - 0.5},                    // off the grid
         {40 * 30.72e6 - 23.04e6, (40 * 30.72e6 - 23.04e6) / 3.75e6 - 0.5}, // a step row's centre
         {11 * 3.75e6, 10.5},                                    // on a cell edge
@@ -133,8 +129,6 @@ TEST(RolloffCurve, FollowsTheFixedPointsAndStopsAt8p7MHz) {
         for (size_t i = 0; i < curve.size(); ++i) EXPECT_NEAR(curve[i], c.expected[i], 2e-7) << i;
     }
 }
-
-// ---- tap design -----------------------------------------------------------------
 
 CalResponse Neutral() {
     CalResponse r;

@@ -59,10 +59,7 @@ TEST(StepTable, RowsAbutAndObeyTheLoRule) {
 }
 
 TEST(StepTable, SweepEndsAndCaptureRows) {
-    const struct {
-        double hz;
-        int first, last, holding;
-    } cases[] = {
+    const struct { double hz; int first, last, holding; } cases[] = {
         {0.0, 1, 1, 1},
         {9e3, 1, 1, 1},
         {38.39e6, 1, 1, 1},

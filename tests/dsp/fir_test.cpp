@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <functional>
-#include <limits>
 #include <random>
 #include <string>
 #include <vector>
@@ -58,11 +57,7 @@ TEST(FirDesign, MatchesScipyFirwin) {
 }
 
 TEST(FirDesign, RefusedDesignsReportAndWriteNothing) {
-    struct Case {
-        int taps;
-        double cutoff;
-        bool cutoffReport;
-    };
+    struct Case { int taps; double cutoff; bool cutoffReport; };
     const Case cases[] = {{31, 0.5, true},   {31, 0.7, true},   {31, std::nan(""), true},
                           {31, 0.0, false},  {31, -0.1, false}, {0, 0.2, false}};
     for (const Case& c : cases) {

@@ -96,11 +96,7 @@ TEST(IirFilter, RefusedDesignsKeepThePreviousFilter) {
     EXPECT_EQ(f.Run(&one, &out, 1), DspStatus::kNotInitialised);
     ASSERT_EQ(f.Design(0.1, 1.0, 4, lx::dsp::kIirLowPass), DspStatus::kOk);
     const std::vector<float> taps(f.taps().span().begin(), f.taps().span().end());
-    struct Case {
-        double cutoff, ripple;
-        int order, kind;
-        bool reported;
-    };
+    struct Case { double cutoff, ripple; int order, kind; bool reported; };
     const Case cases[] = {{0.0, 1, 4, 0, true},  {0.5, 1, 4, 1, true},  {0.1, 0, 4, 0, true},
                           {0.1, 1, 0, 0, true},  {0.1, 1, 33, 0, true}, {std::nan(""), 1, 2, 0, true},
                           {0.1, 1, 4, 2, false}, {0.1, 1, 4, -1, false}};

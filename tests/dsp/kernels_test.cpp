@@ -30,13 +30,6 @@ TEST(ConvertIq16, EveryRawValue) {
         ASSERT_EQ(out[k].imag(), want(raw[2 * k + 1])) << raw[2 * k + 1];
     }
     EXPECT_EQ(out[n], cf32(9, 9));
-    // The edges, spelled out.
-    const int16_t edges[] = {-32768, -32192, -32191, 0, 32767, 576};
-    cf32 e[3];
-    ASSERT_EQ(lx::dsp::ConvertIq16(edges, e, 3), DspStatus::kOk);
-    EXPECT_EQ(e[0], cf32(-1.0f, -1.0f));
-    EXPECT_EQ(e[1], cf32(-32767.0f / 32768, -576.0f / 32768));
-    EXPECT_EQ(e[2], cf32(32191.0f / 32768, 0.0f));
 }
 
 // The fused conversion equals conversion followed by the window multiply, to the

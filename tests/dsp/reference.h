@@ -13,30 +13,25 @@
 
 namespace lx::dsp::test {
 
+// Data set `name` ("windows", "fft", "fir", "cheby"), computed once per test
+// process; ok() is false when Python could not run it.
 class Reference {
 public:
-    // Loads data set `name` ("windows", "fft", "fir", "cheby"); fails the test
-    // (fatal in the caller via ASSERT_TRUE(ref.ok())) when Python is not usable.
     static const Reference& Get(const std::string& name) {
         static std::map<std::string, Reference> loaded;
         auto it = loaded.find(name);
-        if (it == loaded.end()) it = loaded.emplace(name, Load(name)).first;
+        if (it == loaded.end()) it = loaded.emplace(name, Reference{lxtest::RunReference("dsp/reference.py", name + " {dir}/out.txt")}).first;
         return it->second;
     }
-
-    bool ok() const { return !values_.empty(); }
-    bool has(const std::string& key) const { return values_.count(key) != 0; }
-
+    bool ok() const { return !values.empty(); }
+    bool has(const std::string& key) const { return values.count(key) != 0; }
     const std::vector<double>& operator[](const std::string& key) const {
         static const std::vector<double> none;
-        auto it = values_.find(key);
-        if (it == values_.end()) {
-            ADD_FAILURE() << "no reference values for " << key;
-            return none;
-        }
-        return it->second;
+        auto it = values.find(key);
+        if (it != values.end()) return it->second;
+        ADD_FAILURE() << "no reference values for " << key;
+        return none;
     }
-
     // Interleaved re, im pairs as complex values.
     template <typename T = float>
     std::vector<std::complex<T>> Complex(const std::string& key) const {
@@ -45,15 +40,7 @@ public:
         for (size_t i = 0; i < c.size(); ++i) c[i] = {static_cast<T>(v[2 * i]), static_cast<T>(v[2 * i + 1])};
         return c;
     }
-
-private:
-    static Reference Load(const std::string& name) {
-        Reference r;
-        r.values_ = lxtest::RunReference("dsp/reference.py", name + " {dir}/out.txt");
-        return r;
-    }
-
-    std::map<std::string, std::vector<double>> values_;
+    lxtest::ReferenceValues values;
 };
 
 // Largest |a - b| over two complex sequences, relative to the largest |b|.

@@ -39,10 +39,7 @@ double Distance(cf32 a, std::complex<long double> b) {
 }
 
 TEST(FrequencyShifter, FoldsTheFrequencyIntoZeroToOne) {
-    struct Case {
-        double f, stored;
-        bool reported;
-    };
+    struct Case { double f, stored; bool reported; };
     const Case cases[] = {{-0.25, 0.75, false}, {0.3, 0.3, false},  {0.0, 0.0, false}, {1.0, 1.0, false},
                           {1.5, 1.0, true},     {-1.5, 0.0, true}, {std::nan(""), 0.0, true}};
     for (const Case& c : cases) {

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <chrono>
 #include <cmath>
 #include <thread>
 #include <vector>
@@ -95,10 +94,7 @@ TEST_F(SweepEngineLifecycle, StopMidSweepLeavesTheLinkClean) {
 // offset. Then a whole configure and sweep on an unprogrammed analyzer.
 TEST_F(SweepEngineLifecycle, NoBracketWithoutUsableTemperaturePoints) {
     const float nan = NAN;
-    const struct Case {
-        std::array<float, 7> points;
-        float temperature;
-    } cases[] = {
+    const struct Case { std::array<float, 7> points; float temperature; } cases[] = {
         {{nan, nan, nan, nan, nan, nan, nan}, 20.0f},
         {{-30, -15, 0, nan, 30, 45, 60}, 20.0f},
         {{-30, -15, 0, 15, 30, 45, 60}, nan},

@@ -100,11 +100,7 @@ const Fault kFaults[] = {
     {"out_stall", lxSimFaultOutStall, 1},
 };
 
-struct Case {
-    Fault fault;
-    int activity;
-    When when;
-};
+struct Case { Fault fault; int activity; When when; };
 
 std::string Name(const ::testing::TestParamInfo<Case>& i) {
     static const char* const kWhen[] = {"at_open", "at_configure", "running"};

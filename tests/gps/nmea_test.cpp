@@ -9,11 +9,7 @@ namespace {
 
 using lx::gps::NmeaState;
 
-struct CoordCase {
-    const char* field;
-    bool ok;
-    double degrees;
-};
+struct CoordCase { const char* field; bool ok; double degrees; };
 
 class Coordinate : public ::testing::TestWithParam<CoordCase> {};
 

@@ -2,7 +2,6 @@
 // and the power-up sequence (which carries the synthesizer table).
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdint>
 #include <limits>
 #include <utility>
@@ -157,29 +156,6 @@ TEST(StopBlock, NewBlockHoldingOnlyTheStopWord) {
     EXPECT_EQ(list.Words()[512], 0x32000000u);
     for (size_t i = 513; i < 1024; ++i) ASSERT_EQ(list.Words()[i], lx::kFillerWord) << i;
     EXPECT_EQ(list.IqPacketTotals()[1], 0u);
-}
-
-TEST(InitSequence, LengthAndLandmarks) {
-    uint32_t out[lx::kInitSequenceMaxWords + 1];
-    out[lx::kInitSequenceMaxWords] = 0xDEADBEEF;
-    ASSERT_EQ(lx::EncodeInitSequence(out), 227);
-    EXPECT_EQ(out[227], 0xDEADBEEFu);
-    const std::pair<int, uint32_t> landmarks[] = {
-        {0, 0x2CA803CA},  {1, 0x2E00A000},  {6, 0x2E00A000},  {7, 0x1000A000},  {11, 0x230D80A3},
-        {13, 0x10000A00}, {17, 0x230001F4}, {19, 0x1000A000}, {21, 0},
-        {22, 0x40000000}, {38, 0x500041F4}, {53, 0x5F000000}, {54, 0x60000000}, {70, 0x70004000},
-        {85, 0x7F000000}, {86, 0x2A000018}, {87, 0x107F0000}, {91, 0x22000000}, {92, 0x103F0000},
-        {96, 0x22000001}, {99, 0x10000A00}, {103, 0x230001F4}, {104, 0x23060001},
-        {105, 0},         {106, 0x20002496}, {107, 0x10000050}, {141, 0x202C32A3}, {207, 0x10000050},
-        {211, 0x20002494}, {212, 0x100C8000}, {216, 0x2000249C}, {217, 0x10000050}, {220, 0},
-        {221, 0x26000000}, {222, 0x10000A00}, {226, 0x3F000240},
-    };
-    for (auto [i, w] : landmarks) EXPECT_EQ(out[i], w) << "word " << i;
-    // Only taps 16 of the default-tap block are non-zero.
-    for (int i = 22; i < 86; ++i)
-        if (i != 38 && i != 70) {
-            EXPECT_EQ(out[i] & 0xFFFFFF, 0u) << i;
-        }
 }
 
 } // namespace

@@ -84,11 +84,7 @@ INSTANTIATE_TEST_SUITE_P(AllBands, TuneSequence, testing::ValuesIn(kTuneCases),
                                     (c.altPath ? "_alt" : "");
                          });
 
-struct BandCase {
-    double rfHz;
-    bool altPath;
-    int band;
-};
+struct BandCase { double rfHz; bool altPath; int band; };
 
 TEST(TuneBand, BoundariesBelongToTheUpperBand) {
     const BandCase cases[] = {

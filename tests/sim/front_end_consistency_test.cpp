@@ -68,10 +68,7 @@ double HostReadingDbm(const std::vector<uint8_t>& cal, const TuningPlan& plan, d
            (rolloff.empty() ? 0.0 : rolloff[0]);
 }
 
-struct Condition {
-    double tempC;
-    int attenStep;
-};
+struct Condition { double tempC; int attenStep; };
 constexpr Condition kConditions[] = {{-30.0, 0}, {25.0, 3}, {37.0, 6}, {60.0, 1}, {8.5, 0}};
 
 // Tones across the kept band of sweep steps: both edges, the middle, and

@@ -9,7 +9,6 @@ import sys
 
 import numpy as np
 from scipy import signal, stats
-from scipy.io import wavfile
 
 
 def out(name, value):
@@ -64,7 +63,6 @@ def burst(x, rate, a):
     out("rise0", rises[0] if rises else -1)
     out("fall0", falls[0] if falls else -1)
     out("rise1", rises[1] if len(rises) > 1 else -1)
-    out("rises", len(rises))
     out("on_power", 10 * np.log10(np.mean(e[on] ** 2)))
 
 
@@ -96,44 +94,6 @@ def spectrum_lines(x, rate, a):
         out(name, 10 * np.log10(np.sum(s[(np.arange(k - 4, k + 5)) % n]) + 1e-30))  # the window's main lobe
 
 
-def audio(x, rate, a):
-    """Demodulate (am, fm, usb, lsb), bring to the file's rate and correlate with the file,
-    which plays in a loop from device time 0; the capture starts at ADC sample s0."""
-    fs_file, ref = wavfile.read(a["file"])
-    ref = ref.astype(float)
-    y = carrier_removed(x, rate, a["fc"])
-    kind = a["kind"]
-    if kind == "am":
-        parts = [np.abs(y)]
-    elif kind == "fm":
-        parts = [np.concatenate([[0.0], np.diff(np.unwrap(np.angle(y)))])]
-    else:
-        # A sideband's carrier phase is arbitrary: the programme is in both
-        # quadratures, one holding it and the other its Hilbert transform.
-        parts = [y.real, y.imag]
-    # Sample the demodulated programme at the file's own instants.
-    p0 = a["s0"] / 61.44e6 * fs_file  # file position of the capture's first sample
-    ks = np.arange(int(np.ceil(p0)), int(np.floor(p0 + (len(y) - 1) * fs_file / rate)))
-    pick = np.round((ks - p0) * rate / fs_file).astype(int)
-    rr = ref[ks % len(ref)][20:-20]  # the filters' edges
-    rr = rr - np.mean(rr)
-    ds = []
-    for d in parts:
-        d = lowpass(d, rate, 0.45 * fs_file)[pick][20:-20]
-        ds.append(d - np.mean(d))
-
-    def corr(k):
-        return np.sqrt(sum((np.dot(np.roll(d, k), rr) ** 2) / (np.dot(d, d) * np.dot(rr, rr)) for d in ds))
-
-    best = max(range(-3, 4), key=corr)
-    out("lag", best)
-    out("corr", corr(best))
-    # Which side of the carrier holds the programme (dB, upper over lower).
-    f, p = signal.welch(y, fs=rate, nperseg=65536, return_onesided=False)
-    band = (np.abs(f) > 200) & (np.abs(f) < 0.45 * fs_file)
-    out("upper_over_lower", 10 * np.log10(np.sum(p[band & (f > 0)]) / np.sum(p[band & (f < 0)])))
-
-
 def main():
     measure, path, rate = sys.argv[1], sys.argv[2], float(sys.argv[3])
     args = {}
@@ -144,7 +104,7 @@ def main():
         except ValueError:
             args[k] = v
     x = np.fromfile(path, dtype=np.complex64).astype(complex)
-    {"noise": noise, "burst": burst, "am": am, "fm": fm, "lines": spectrum_lines, "audio": audio}[measure](x, rate, args)
+    {"noise": noise, "burst": burst, "am": am, "fm": fm, "lines": spectrum_lines}[measure](x, rate, args)
 
 
 if __name__ == "__main__":

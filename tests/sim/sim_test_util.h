@@ -4,19 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <fftw3.h>
-
+#include <cmath>
 #include <complex>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <memory>
-#include <numbers>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -98,13 +91,17 @@ inline uint32_t U32(const uint8_t* p) { return p[0] | p[1] << 8 | p[2] << 16 | s
 inline uint16_t U16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | p[1] << 8); }
 inline uint64_t U64(const uint8_t* p) { return U32(p) | static_cast<uint64_t>(U32(p + 4)) << 32; }
 
+// A scene of one tone over the noise floor.
+inline std::string ToneScene(double hz, double dbm, double noise = -170) {
+    return R"({"noise_floor_dbm_hz": )" + std::to_string(noise) + R"(, "emitters": [{"kind": "tone", "frequency_hz": )" +
+           std::to_string(hz) + R"(, "power_dbm": )" + std::to_string(dbm) + "}]}";
+}
+
 inline uint64_t VirtualMs() {
     uint64_t ms = 0;
     lxSimGetVirtualTimeMs(&ms);
     return ms;
 }
-
-// ---- a calibrated instrument as a host drives it ------------------------------------
 
 constexpr double kFs = 61.44e6;
 
@@ -202,42 +199,6 @@ inline std::vector<std::complex<double>> Samples(const std::vector<uint8_t>& byt
         x[i] = {(re - 576) / 32768.0, (im - 576) / 32768.0};
     }
     return x;
-}
-
-struct Peak {
-    double frequencyHz; // baseband
-    double powerDbfs;   // tone power, 10 log10 of mean |x|^2
-};
-
-// Strongest component by a Blackman-Harris windowed FFT: frequency from the
-// peak bin refined by the log-parabola, power from the main lobe's energy.
-inline Peak StrongestTone(const std::vector<std::complex<double>>& x, double rate = kFs) {
-    const int n = static_cast<int>(x.size());
-    std::vector<fftwf_complex> buf(static_cast<size_t>(n));
-    double sumW2 = 0;
-    for (int i = 0; i < n; ++i) {
-        const double a = 2 * std::numbers::pi * i / n;
-        const double w = 0.35875 - 0.48829 * std::cos(a) + 0.14128 * std::cos(2 * a) - 0.01168 * std::cos(3 * a);
-        sumW2 += w * w;
-        buf[static_cast<size_t>(i)][0] = static_cast<float>(x[static_cast<size_t>(i)].real() * w);
-        buf[static_cast<size_t>(i)][1] = static_cast<float>(x[static_cast<size_t>(i)].imag() * w);
-    }
-    fftwf_plan p = fftwf_plan_dft_1d(n, buf.data(), buf.data(), FFTW_FORWARD, FFTW_ESTIMATE);
-    fftwf_execute(p);
-    fftwf_destroy_plan(p);
-    auto pw = [&](int k) {
-        const auto& c = buf[static_cast<size_t>((k % n + n) % n)];
-        return static_cast<double>(c[0]) * c[0] + static_cast<double>(c[1]) * c[1];
-    };
-    int best = 0;
-    for (int k = 1; k < n; ++k)
-        if (pw(k) > pw(best)) best = k;
-    double lobe = 0;
-    for (int k = best - 6; k <= best + 6; ++k) lobe += pw(k);
-    const double a = std::log(pw(best - 1)), b = std::log(pw(best)), c = std::log(pw(best + 1));
-    const double delta = 0.5 * (a - c) / (a - 2 * b + c);
-    int signedBin = best > n / 2 ? best - n : best;
-    return {(signedBin + delta) * rate / n, 10 * std::log10(lobe / (n * sumW2))};
 }
 
 // Runs tests/sim/signal_ref.py MEASURE on samples taken at `rate` and returns

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -18,25 +17,7 @@ namespace {
 using namespace std::chrono_literals;
 using lx::Event;
 
-struct Work {
-    int id = 0;
-    int packetsLeft = 0;
-};
-
-TEST(ThreadedDeque, FifoOrderAndInPlaceConsumption) {
-    lx::ThreadedDeque<Work> q;
-    q.push({1, 2});
-    q.push({2, 1});
-    EXPECT_EQ(q.size(), 2u);
-    // The consumer counts packets down in the front record, then pops it.
-    std::vector<int> consumed;
-    while (!q.empty()) {
-        Work& w = q.front();
-        consumed.push_back(w.id);
-        if (--w.packetsLeft == 0) q.pop();
-    }
-    EXPECT_EQ(consumed, (std::vector<int>{1, 1, 2}));
-}
+struct Work { int id = 0; int packetsLeft = 0; };
 
 TEST(ThreadedDeque, FrontOnEmptyAssertsAndDoesNotBlock) {
     lx::ThreadedDeque<Work> q;
@@ -68,7 +49,6 @@ TEST(ThreadedDeque, ProducerConsumerHandsOverEveryRecordOnce) {
     constexpr int kRecords = 20000;
     lx::ThreadedDeque<Work> q;
     Event ready(Event::Mode::AutoReset);
-    std::atomic<bool> done{false};
     long long sum = 0;
     int expectedId = 0;
     bool ordered = true;
@@ -88,25 +68,16 @@ TEST(ThreadedDeque, ProducerConsumerHandsOverEveryRecordOnce) {
                 ++expectedId;
             }
         }
-        done = true;
     });
     for (int i = 0; i < kRecords; ++i) {
         q.push({i, 1 + i % 3});
         ready.Set();
     }
     consumer.join();
-    EXPECT_TRUE(done);
     EXPECT_TRUE(ordered);
     long long expected = 0;
     for (int i = 0; i < kRecords; ++i) expected += static_cast<long long>(i) * (1 + i % 3);
     EXPECT_EQ(sum, expected);
-}
-
-TEST(Event, AutoResetKeepsASignalSetBeforeTheWait) {
-    Event e(Event::Mode::AutoReset);
-    e.Set();
-    EXPECT_TRUE(e.WaitFor(0));  // consumed
-    EXPECT_FALSE(e.WaitFor(10)); // nothing left
 }
 
 TEST(Event, ManualResetReleasesEveryWaiterUntilReset) {

@@ -19,14 +19,8 @@ using testing::SimBus;
 class Enumeration : public SimBus {};
 
 TEST_F(Enumeration, ListsFollowDescriptors) {
-    struct Row {
-        const char* product;
-        const char* serialString;
-        bool inSerialList; // serial list: any product with a valid serial
-        bool inBootList;
-        bool run;          // IsRunFirmware
-        bool boot;         // IsBootLoader
-    };
+    // inSerialList: any product with a valid serial; run, boot: IsRunFirmware, IsBootLoader.
+    struct Row { const char* product; const char* serialString; bool inSerialList, inBootList, run, boot; };
     const Row rows[] = {
         {"LX530", "20000001", true, true, true, false},
         {"LX530 Boot", "20000002", true, true, false, true},
