@@ -4,9 +4,11 @@
 
 namespace lx::sim {
 
+// Never destroyed, for the same reason as the open serials of the transport:
+// a device left open at exit is closed after function statics go.
 Registry& TheRegistry() {
-    static Registry r;
-    return r;
+    static auto* r = new Registry;
+    return *r;
 }
 
 std::vector<std::shared_ptr<SimDevice>> AttachedDevices() {

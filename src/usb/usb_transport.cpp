@@ -52,13 +52,16 @@ AlignedBytes AllocAligned(size_t bytes) {
 // Serials bound to a transport in this process. A multiset: should two
 // transports ever bind the same serial (a boot-mode open beside a normal one),
 // closing one must not make the device look free.
+// Never destroyed: an application that exits with a device open closes it
+// from the device table's destructor, which may run after these would have
+// been destroyed.
 std::mutex& OpenSerialsMutex() {
-    static std::mutex m;
-    return m;
+    static auto* m = new std::mutex;
+    return *m;
 }
 std::multiset<int32_t>& OpenSerials() {
-    static std::multiset<int32_t> s;
-    return s;
+    static auto* s = new std::multiset<int32_t>;
+    return *s;
 }
 void InsertOpenSerial(int32_t serial) {
     std::lock_guard lock(OpenSerialsMutex());

@@ -179,3 +179,20 @@ TEST_F(Registry, FanSetPointComesBackTruncatedToASixteenthOfADegree) {
 }
 
 } // namespace
+
+// An application that exits with an analyzer open and streaming (no close):
+// the library closes it on the way out, after other statics are gone, and
+// must not touch freed memory doing so (the sanitizer builds see it).
+TEST(ExitWithoutClose, StreamingAnalyzerIsClosedCleanly) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            int32_t h = -1;
+            if (lxSimAttach(42000901, R"({"pacing": "realtime"})") != lxNoError ||
+                lxOpenDeviceBySerial(&h, 42000901) != lxNoError || lxSetIQSampleRate(h, 64) != lxNoError ||
+                lxConfigure(h, lxModeIQ) != lxNoError)
+                std::exit(3);
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "");
+}
