@@ -5,13 +5,7 @@
 // pacing at a tenth of the rate), so that a loaded machine keeps up too.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cmath>
-#include <random>
-#include <vector>
-
 #include "api/registry.h"
-#include "dsp/kernels.h"
 #include "engines/realtime_engine.h"
 #include "lx_api.h"
 #include "lx_sim.h"
@@ -76,40 +70,5 @@ TEST_P(RealTimeEngineStream, EverySampleDeliveredIsTransformed) {
 }
 
 INSTANTIATE_TEST_SUITE_P(FftSizes, RealTimeEngineStream, ::testing::Values(1e6, 2e3));
-
-// The density row of the engine's row pass (a logarithm of its own, from the
-// float's exponent and a polynomial) against the row rule in double
-// precision, over a dense sweep of levels through every row of frames coarse
-// and fine: the same row unless the level is within 3e-5 dB of a boundary.
-TEST(RealTimeRows, SweepMatchesTheExactRowAwayFromBoundaries) {
-    const struct {
-        double top, range, gain; // A (dBm), B (dB), step gain (dB)
-    } frames[] = {{0, 100, 0}, {-40, 60, 7.5}, {-90, 10, -3.25}, {30, 250, 1}};
-    std::mt19937 rng(7);
-    std::uniform_real_distribution<double> u(0.0, 1.0);
-    for (const auto& fr : frames) {
-        const double rowsPerDb = 2.56 * 100.0 / fr.range, bottom = fr.top - fr.range - fr.gain;
-        const int n = 256 * 64;
-        std::vector<dsp::cf32> x(n);
-        for (int i = 0; i < n; ++i) { // 2 dB beyond either end
-            const double db = bottom - 2 + (fr.range + 4) * (i + u(rng)) / n;
-            x[size_t(i)] = std::polar(float(std::pow(10.0, db / 20)), float(6.283185307179586 * u(rng)));
-        }
-        std::vector<float> p(n);
-        std::vector<uint8_t> rows(n);
-        ASSERT_EQ(dsp::PowerAndRowsLog(x.data(), p.data(), rows.data(), n, float(rowsPerDb),
-                                       float((fr.gain + fr.range - fr.top) * rowsPerDb)),
-                  dsp::DspStatus::kOk);
-        int edge = 0;
-        for (int i = 0; i < n; ++i) {
-            const double exact = (10 * std::log10(double(p[size_t(i)])) + fr.gain + fr.range - fr.top) * rowsPerDb;
-            const int want = int(std::floor(std::clamp(exact, 0.0, 255.0) + 0.5));
-            if (rows[size_t(i)] == want) continue;
-            ++edge;
-            EXPECT_LT(std::fabs(exact - std::floor(exact) - 0.5) / rowsPerDb, 3e-5) << fr.range << " " << exact;
-        }
-        EXPECT_LE(edge, n / 1000) << fr.range;
-    }
-}
 
 } // namespace
