@@ -1,8 +1,9 @@
 #include "sim/scene.h"
 
-#include <cmath>
-#include <functional>
 #include <climits>
+#include <cmath>
+#include <cstdlib>
+#include <functional>
 #include <map>
 #include <set>
 #include <stdexcept>
@@ -293,6 +294,21 @@ const std::map<std::string, Handler>& SceneKeys() {
     return kKeys;
 }
 
+// LX_SIM_PACE_RATE sets the pace of realtime-paced scenes that name none:
+// the sanitizer test runs slow every such analyzer down together, since an
+// instrumented host is several times slower than the one it stands for. An
+// unusable value is ignored (full pace), never an error of every scene.
+double DefaultPaceRate() {
+    static const double rate = [] {
+        const char* v = std::getenv("LX_SIM_PACE_RATE");
+        if (v == nullptr || *v == '\0') return 1.0;
+        char* end = nullptr;
+        const double r = std::strtod(v, &end);
+        return (*end == '\0' && r >= 0.1 && r <= 1.0) ? r : 1.0;
+    }();
+    return rate;
+}
+
 } // namespace
 
 std::shared_ptr<const Scene> ParseScene(const char* text, std::string* error) {
@@ -306,8 +322,11 @@ std::shared_ptr<const Scene> ParseScene(const char* text, std::string* error) {
             if (it == SceneKeys().end()) throw SceneError("unknown scene key \"" + key + "\"");
             it->second(value, *scene);
         }
-        if (scene->paceRate != 1.0 && scene->pacing != Pacing::Realtime)
+        if (!doc.contains("pace_rate")) {
+            if (scene->pacing == Pacing::Realtime) scene->paceRate = DefaultPaceRate();
+        } else if (scene->paceRate != 1.0 && scene->pacing != Pacing::Realtime) {
             throw SceneError("\"pace_rate\" needs \"pacing\": \"realtime\"");
+        }
         for (const Emitter& e : scene->emitters)
             if (e.gate && e.gate->startUtc && (!scene->gps || scene->gps->source != GpsScene::Source::Synthetic))
                 throw SceneError("\"start_utc\" needs a synthetic \"gps\" receiver in the scene");
