@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdio>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "e2e_support.h"
@@ -228,8 +229,8 @@ TEST_F(RealTime, WarningsFollowTheSceneAndTheFaultsInTheirPrecedence) {
 }
 
 // A paced analyzer whose timeline jumps ahead of the host (100 ms in one go)
-// overruns its buffer: lost samples are reported, and they beat the
-// overload that every packet of this input reports; the stream health
+// overruns its buffer: lost samples are reported, they beat the overload
+// that every packet of this input reports, and a framing error beats them; the stream health
 // counts the status packets that reported each.
 TEST_F(RealTime, LostSamplesAtTheAnalyzerBeatTheOverload) {
     Open(ToneScene(1.001e9, 15.0, -150.0, "\"pacing\": \"realtime\""));
@@ -240,6 +241,12 @@ TEST_F(RealTime, LostSamplesAtTheAnalyzerBeatTheOverload) {
     for (int i = 0; i < 40 && (s = Next().status) != lxUncalData; ++i) {
     }
     EXPECT_EQ(s, lxUncalData);
+    // Samples lost and a packet without its magic since the last read:
+    // framing beats the loss (both have arrived after half a second).
+    ASSERT_EQ(lxSimAdvanceTimeMs(100), lxNoError);
+    ASSERT_EQ(lxSimInjectFault(kSerial, lxSimFaultBadMagic, 1), lxNoError);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_EQ(Next().status, lxFramingErr);
     // The stream's health counts both.
     LxStreamHealth health{};
     ASSERT_EQ(lxGetStreamHealth(h, &health), lxNoError);
