@@ -89,15 +89,16 @@ struct Fault {
     const char* name;
     int32_t fault; // 0: an unplug
     int32_t count;
+    LxStatus running; // what a running measurement reports (lxNoError: not checked)
 };
 
 const Fault kFaults[] = {
-    {"unplug", 0, 0},
-    {"stall", lxSimFaultStall, -1},
-    {"no_answer", lxSimFaultNoAnswer, -1},
-    {"short_transfer", lxSimFaultShortTransfer, 1},
-    {"bad_magic", lxSimFaultBadMagic, 1},
-    {"out_stall", lxSimFaultOutStall, 1},
+    {"unplug", 0, 0, lxNoError},
+    {"stall", lxSimFaultStall, -1, lxNoError},
+    {"no_answer", lxSimFaultNoAnswer, -1, lxNoError},
+    {"short_transfer", lxSimFaultShortTransfer, 1, lxConnectionLostErr},
+    {"bad_magic", lxSimFaultBadMagic, 1, lxFramingErr},
+    {"out_stall", lxSimFaultOutStall, 1, lxNoError},
 };
 
 struct Case { Fault fault; int activity; When when; };
@@ -187,6 +188,9 @@ TEST_P(FaultMatrix, EveryCallReturnsAndTheAnalyzerComesBack) {
         bool failed = s < 0;
         for (int i = 0; i < 40 && s >= 0 && !failed; ++i) failed = (s = Timed([&] { return act.read(h); }, act.name)) < 0;
         RecordProperty("reported", s);
+        if (k.when == When::Running && k.fault.running != lxNoError) {
+            EXPECT_EQ(s, k.fault.running);
+        }
         if (persists) {
             EXPECT_TRUE(failed) << "a persistent fault was never reported";
             if (failed) {
