@@ -33,11 +33,7 @@ Fix ReadFix(int32_t h, int32_t refresh = 1) {
     return f;
 }
 
-uint32_t State(int32_t h) {
-    uint32_t s = 99;
-    EXPECT_EQ(lxGetGPSState(h, &s), lxNoError);
-    return s;
-}
+uint32_t State(int32_t h) { return e2e::Get(lxGetGPSState, h); }
 
 class Gps : public e2e::SimTest {
 protected:
@@ -119,17 +115,15 @@ TEST_F(Gps, NoFixAndLossClearThePosition) {
 }
 
 TEST_F(Gps, TextBufferOfOneByteGetsOnlyItsTerminator) {
-    const int32_t h = AttachAndOpen(30000303, R"({"gps": {"fix": true}})");
+    Open(30000303, R"({"gps": {"fix": true}})");
     NextSecond(h);
     char buf[4] = {'x', 'x', 'x', 'x'};
-    int32_t len = 1;
-    EXPECT_EQ(lxGetGPSInfo(h, 0, nullptr, nullptr, nullptr, nullptr, nullptr, buf, &len), lxNoError);
-    EXPECT_EQ(len, 1);
-    EXPECT_EQ(buf[0], '\0');
-    EXPECT_EQ(buf[1], 'x');
-    len = 0; // nothing asked for: nothing written
-    EXPECT_EQ(lxGetGPSInfo(h, 0, nullptr, nullptr, nullptr, nullptr, nullptr, buf, &len), lxNoError);
-    EXPECT_EQ(len, 0);
+    for (int32_t asked : {1, 0}) { // nothing asked for: nothing written
+        int32_t len = asked;
+        EXPECT_EQ(lxGetGPSInfo(h, 0, nullptr, nullptr, nullptr, nullptr, nullptr, buf, &len), lxNoError);
+        EXPECT_EQ(len, asked);
+        EXPECT_EQ(std::string(buf, 4), std::string("\0xxx", 4));
+    }
 }
 
 struct LogCase {
@@ -179,12 +173,11 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(Gps, DisciplinedTuneWordIsRecordedInTheTimebaseFile) {
     constexpr int32_t serial = 30000320;
-    const int32_t h = AttachAndOpen(serial, R"({"gps": {"fix": true}})");
+    Open(serial, R"({"gps": {"fix": true}})");
     char name[64];
     std::snprintf(name, sizeof name, "/halvorn/cal_files/lx%08dgps.bin", serial);
     const std::string path = std::string(std::getenv("XDG_CACHE_HOME")) + name;
-    uint16_t coarseBefore = 0;
-    ASSERT_EQ(lxAdminGetCoarseTuneVal(h, &coarseBefore), lxNoError);
+    const uint16_t coarseBefore = e2e::Get(lxAdminGetCoarseTuneVal, h);
     uint32_t holdover = 9, when = 9;
     ASSERT_EQ(lxGetGPSHoldoverInfo(h, &holdover, &when), lxNoError);
     EXPECT_EQ(holdover, 0u);
@@ -203,15 +196,12 @@ TEST_F(Gps, DisciplinedTuneWordIsRecordedInTheTimebaseFile) {
     // The word moved by at least 8 counts before it was recorded, in steps of
     // one count per second.
     EXPECT_GE(seconds, 8);
-    std::ifstream in(path, std::ios::binary);
     unsigned char rec[64] = {};
-    in.read(reinterpret_cast<char*>(rec), 64);
-    EXPECT_EQ(std::memcmp(rec, "lxg\0", 4), 0);
-    EXPECT_EQ(rec[4], 1);
+    std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(rec), 64);
+    EXPECT_EQ(std::memcmp(rec, "lxg\0\1", 5), 0);
     int64_t tune = 0;
     std::memcpy(&tune, rec + 16, 8);
-    uint16_t coarseAfter = 0;
-    ASSERT_EQ(lxAdminGetCoarseTuneVal(h, &coarseAfter), lxNoError);
+    const uint16_t coarseAfter = e2e::Get(lxAdminGetCoarseTuneVal, h);
     EXPECT_EQ(tune, coarseAfter);
     EXPECT_GE(int(coarseAfter) - int(coarseBefore), 8);
     ASSERT_EQ(lxGetGPSHoldoverInfo(h, &holdover, &when), lxNoError);
@@ -220,11 +210,8 @@ TEST_F(Gps, DisciplinedTuneWordIsRecordedInTheTimebaseFile) {
 
     // The next open of the same analyzer starts from the recorded value.
     ASSERT_EQ(lxCloseDevice(h), lxNoError);
-    int32_t again = -1;
-    ASSERT_EQ(lxOpenDeviceBySerial(&again, serial), lxNoError);
-    uint16_t coarseReopened = 0;
-    ASSERT_EQ(lxAdminGetCoarseTuneVal(again, &coarseReopened), lxNoError);
-    EXPECT_EQ(coarseReopened, coarseAfter);
+    ASSERT_EQ(lxOpenDeviceBySerial(&h, serial), lxNoError);
+    EXPECT_EQ(e2e::Get(lxAdminGetCoarseTuneVal, h), coarseAfter);
 }
 
 } // namespace
