@@ -29,20 +29,16 @@ class Sweep : public e2e::SimTest {
 protected:
     static constexpr int32_t kSerial = 40000001;
     void Open(const std::string& scene) { SimTest::Open(kSerial, scene); }
-    void Set(double start, double stop, double rbw, double vbw, double sweepTime, int32_t detector = 0,
-             int32_t units = 2, int32_t scale = 0, int32_t window = 0) {
-        e2e::SetSweep(h, start, stop, rbw, vbw, sweepTime, detector, units, scale, window);
-    }
+    template <typename... A>
+    void Set(A... a) { e2e::SetSweep(h, a...); }
     bool Configure(Trace& t) { return e2e::ConfigureSweep(h, t); }
     void Read(Trace& t) { e2e::ReadSweep(h, t); }
     Trace Measure() { return e2e::MeasureSweep(h); }
 };
 
-// 45 tones of -30 dBm over the whole range, measured in one full-span sweep:
-// the 0 Hz band (mirrored, with its rise below 8.7 MHz), the edges between
-// steps (a tone on an edge is seen by both neighbours, and each side of the
-// edge comes from a different step), the edges of the stored low rows, band
-// switching points, and the top of the range.
+// 45 tones of -30 dBm in one full-span sweep: the mirrored 0 Hz band and its
+// rise below 8.7 MHz, edges between steps (each side from a different step),
+// the edges of the stored low rows, band switching points, the top.
 const double kToneHz[] = {
     100e3,    1.5e6,     5e6,      10.3e6,   20e6,      31e6,      38.4e6,   45.1e6,   61.44e6,   75e6,     92.16e6,
     122.88e6, 150e6,     200e6,    276.48e6, 299.52e6,  330.01e6,  500e6,    698.88e6, 800e6,     944.64e6, 975.36e6,
@@ -80,9 +76,9 @@ INSTANTIATE_TEST_SUITE_P(Scales, ToneLevels,
                                            ScaleCase{"LinearVideoLog", 0, 1, 7.0711, 0.161}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// Spans under 5 MHz: one decimated capture. A -30 dBm tone off the span's
-// centre reads -30 dBm within 0.2 dB in the bin of its frequency, and the
-// trace covers the span. Exactly 5 MHz is stepped (bins of 61.44 MHz / 256).
+// Spans under 5 MHz are one decimated capture covering the span (exactly 5
+// MHz is stepped, bins of 61.44 MHz / 256): a tone reads its level within
+// 0.2 dB in the bin of its frequency.
 TEST_F(Sweep, NarrowSpanToneReadsItsPowerAtItsFrequency) {
     struct Case { double centre, span, offset, rbw; };
     const Case cases[] = {
@@ -115,15 +111,12 @@ TEST_F(Sweep, NarrowSpanToneReadsItsPowerAtItsFrequency) {
     }
 }
 
-// The displayed noise of the average detector in power units is the scene's
-// density times the window's noise bandwidth: density + 10 log10(RBW) for
-// the windows whose factor is their noise bandwidth. The Gaussian window's
-// factor (2.65 bins) is above its own noise bandwidth (2.00 bins from its
-// formula), so its noise reads 1.2 dB under density + 10 log10(RBW); the
-// Blackman factor 1.73 against 1.694 is 0.09 dB. Averaging (a narrower VBW, a
-// longer sweep) must not move the level, only shrink the spread: a single
-// periodogram's dB values spread by 5.6 dB (exponential power). Narrow spans
-// split the decimation between device and host in every way.
+// The average detector's noise in power units is the scene's density times
+// the window's own noise bandwidth: density + 10 log10(RBW) where the RBW
+// factor is that bandwidth, 1.2 dB under it for the Gaussian window (factor
+// 2.65 bins, bandwidth 2.00). Averaging (a narrower VBW, a longer sweep)
+// must not move the level, only shrink the spread (5.6 dB for a single
+// periodogram). Narrow spans split the decimation between device and host.
 struct NoiseCase {
     const char* name;
     double centre, span, rbw;
@@ -173,14 +166,12 @@ INSTANTIATE_TEST_SUITE_P(
                       NoiseCase{"NarrowBandZero", 11e6, 2e6, 10e3, 0, 3.7702, 0.1, 1e-6, 0.3, 2.5}),
     [](const auto& info) { return std::string(info.param.name); });
 
-// The detectors on the scene's noise, 61 segments per step (a sweep time of
-// two packets per step). VBW = RBW: the min/max detector keeps the lowest and
-// highest of the segments' power in each bin; of N independent exponentials
-// the median largest is about ln(N / ln 2) times the mean and the median
-// smallest ln 2 / N of it; the 61 overlapping segments count as N = 15 .. 61:
-// +4.9 .. +6.4 dB, -13.4 .. -19.4 dB. VBW = RBW / 10: min/max follows a
-// running mean over about 10 segments, within about 2 dB of the mean.
-// Medians over the span's bins, in dB against the average detector.
+// The detectors on noise, 61 segments per step. VBW = RBW: min/max keeps the
+// extremes of the segments' power; of N exponentials the median largest is
+// ln(N / ln 2) times the mean, the smallest ln 2 / N of it; the overlapping
+// segments count as N = 15 .. 61: +4.9 .. +6.4 dB, -13.4 .. -19.4 dB. VBW =
+// RBW / 10: a running mean over about 10 segments, within about 2 dB. Medians
+// over the span, in dB against the average detector.
 struct DetectorCase { const char* name; double vbwRatio; double maxAboveLo, maxAboveHi, minBelowLo, minBelowHi; };
 void PrintTo(const DetectorCase& c, std::ostream* os) { *os << c.name; }
 
@@ -217,13 +208,10 @@ INSTANTIATE_TEST_SUITE_P(Vbw, Detectors,
                                            DetectorCase{"TenthOfRbw", 0.1, 0.3, 3.0, 0.3, 4.0}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// The warnings of a sweep, from its status packets, strongest first: framing
-// beats overflow beats temperature drift. +10 dBm clips the ADC without
-// attenuation and reads correctly with 30 dB, set directly or chosen by the
-// automatic attenuator from a +10 dBm reference level; the temperature may
-// move 2 degrees from the configure's before it warns. The trace arrives
-// with the warning (stepped and narrow spans alike), and the next sweep
-// reports only what persists.
+// A sweep's warnings, strongest first: framing, overflow, temperature drift.
+// +10 dBm clips the ADC without attenuation, not with 30 dB set or chosen
+// for a +10 dBm reference level; the temperature may move 2 degrees from the
+// configure's. The next sweep reports only what persists.
 struct WarningCase {
     const char* name;
     double dbm, span;
@@ -277,11 +265,10 @@ INSTANTIATE_TEST_SUITE_P(
                                   lxTempDrift}),
     [](const auto& info) { return std::string(info.param.name); });
 
-// The paced analyzer loses samples when the host does not read them in time.
-// A 0.28 s step at 450 Hz RBW is streamed through the store segment by
-// segment (2^19-point FFTs, every sample transformed four times): one work
-// thread needs several times the step's 0.28 s for it, the store (85 ms of
-// samples) fills, and the analyzer's own buffer (34 ms) overflows.
+// A paced analyzer loses samples the host does not read in time: a 0.28 s
+// step at 450 Hz RBW (2^19-point FFTs, every sample transformed four times)
+// takes one work thread several times that, the store (85 ms) fills and the
+// analyzer's buffer (34 ms) overflows.
 TEST_F(Sweep, SlowHostAgainstAPacedAnalyzerLosesSamples) {
     Open(Scene({{1.0125e9, -30.0}}, -150.0, kPaced));
     Set(1.010e9, 1.015e9, 450.0, 450.0, 0.28);
@@ -316,10 +303,9 @@ TEST_F(Sweep, SecondSweepWhileOneIsPendingIsRefused) {
     EXPECT_GE(t.stamp, firstStamp + 200000000ULL);
 }
 
-// What another thread does to a sweep that is waiting: unplugging ends it
-// with the lost link (the steps without samples read as empty); an abort, a
-// configure or a close ends it without touching the outputs. None waits for
-// the rest of the 30 s sweep.
+// Another thread ends a waiting 30 s sweep at once: an unplug with the lost
+// link (steps without samples read empty), an abort, a configure or a close
+// without touching the outputs.
 struct InterruptCase { const char* name; LxStatus expected; void (*act)(int32_t handle, int32_t serial); };
 void PrintTo(const InterruptCase& c, std::ostream* os) { *os << c.name; }
 
@@ -351,9 +337,8 @@ INSTANTIATE_TEST_SUITE_P(
                       InterruptCase{"Close", lxInvalidDeviceErr, [](int32_t h, int32_t) { lxCloseDevice(h); }}),
     [](const auto& info) { return std::string(info.param.name); });
 
-// A user interface polls the analyzer from its own thread while another
-// thread sweeps: every call is answered, the readings are the scene's, the
-// commands go through, and the sweeps still read the scene's tone.
+// A user interface polls from its own thread while another sweeps: every
+// call is answered with the scene's readings, and the sweeps are unharmed.
 TEST_F(Sweep, OtherCallsFromAnotherThreadWhileSweeping) {
     Open(Scene({{1.0125e9, -30.0}}, -150.0, Temperature(41.5)));
     Set(0.99e9, 1.04e9, 100e3, 100e3, 0.02);
@@ -387,9 +372,8 @@ TEST_F(Sweep, OtherCallsFromAnotherThreadWhileSweeping) {
     EXPECT_EQ(setPoint, 40.0f);
 }
 
-// The window length has a ceiling of 2^20 samples: a finer RBW is coarsened
-// to what it allows (3.7702 * 61.44 MHz / 2^20 = 220.9 Hz with the flat-top
-// window), and configure says so with a warning.
+// The window length's ceiling of 2^20 samples coarsens a finer RBW (flat-top:
+// 3.7702 * 61.44 MHz / 2^20 = 220.9 Hz), with a warning.
 TEST_F(Sweep, RbwBeyondTheLongestWindowIsAWarning) {
     Open(Scene({}));
     const struct { double rbw; LxStatus expected; double actual; } cases[] = {
@@ -403,11 +387,9 @@ TEST_F(Sweep, RbwBeyondTheLongestWindowIsAWarning) {
     }
 }
 
-// The analyzer's temperature picks the calibration record's bracket: at a
-// temperature point and between two the corrected level of a tone must not
-// move. (Outside the points, -30 to 60 C, the gain drift of up to 0.08 dB/C
-// is no longer calibrated out, as on a real instrument run outside its
-// calibrated range.)
+// The temperature picks the record's bracket: at and between its points (-30
+// to 60 C; outside them the gain drift is no longer calibrated out) a tone's
+// corrected level does not move.
 class TemperatureBracket : public Sweep, public ::testing::WithParamInterface<double> {};
 
 TEST_P(TemperatureBracket, ToneLevelDoesNotMoveWithTemperature) {
