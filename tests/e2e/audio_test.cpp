@@ -63,12 +63,9 @@ protected:
         ASSERT_EQ(lxSetAudioFMDeemphasis(h, deemphasis), lxNoError);
         ASSERT_EQ(lxConfigure(h, lxModeAudio), lxNoError);
     }
-    // `blocks` consecutive blocks, none reporting a loss, after `settle`
-    // (the AM mean and the sideband level start from 0.1). The stream is
-    // paced in real time: on a busy machine the analyzer may overrun; the
-    // run then starts again after `settle` more blocks (the gap's transient
-    // moves the level trackers, which take that long to come back), for at
-    // most 30 s.
+    // `blocks` consecutive blocks without a loss after `settle` (the level
+    // trackers start from 0.1); after a loss (a busy machine overruns the
+    // paced stream) the run starts again after `settle` more, for up to 30 s.
     static std::vector<double> Record(int32_t h, int settle, int blocks) {
         std::vector<float> b(kBlock);
         std::vector<double> x;

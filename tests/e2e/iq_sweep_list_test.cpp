@@ -74,8 +74,7 @@ protected:
     }
 };
 
-// Steps on the 960 kHz tuning grid (tuned exactly: the step frequency is at
-// 0 Hz of its samples).
+// Steps on the 960 kHz tuning grid: the step frequency is at 0 Hz of its samples.
 std::vector<Step> Spread(int count, double lo, double hi, uint32_t samples) {
     std::vector<Step> v;
     for (int i = 0; i < count; ++i)
@@ -128,12 +127,9 @@ TEST_F(SweepList, UncorrectedFloatsNeedTheReportedFactor) {
     EXPECT_GT(std::abs(20 * std::log10(scale[0])), 1.0); // a real correction, not a neutral one
 }
 
-// Sixteen requests in flight, each into its own buffer, finished in reverse
-// order: every buffer holds the whole list, and the time stamps run on from
-// request to request. Each step starts one step duration (its packets of
-// 2048 at 61.44 MS/s, not just its sample count) plus the retuning after the
-// previous one; between passes the analyzer may also wait for the host's
-// next request.
+// Sixteen requests in flight, finished in reverse order: every buffer holds
+// the whole list; each step starts a step duration (whole packets of 2048)
+// plus the retuning after the previous, the next pass possibly later.
 TEST_F(SweepList, SixteenRequestsInFlightRunInOrder) {
     const std::vector<Step> steps{{99.84e6, 2049}, {915.84e6, 8192}, {5.80224e9, 3000}};
     Open(steps);
@@ -162,11 +158,9 @@ TEST_F(SweepList, SixteenRequestsInFlightRunInOrder) {
     }
 }
 
-// True to the scene's clock: a burst train (one 50 us burst every 200 us)
-// that starts on a GPS second after the host has set the reference's tune
-// word (so that its period in device time is one in UTC too), seen in every
-// step; the time stamp plus the rising edge's sample index lands on a burst
-// start within one sample.
+// Stamps true to the scene's clock: in every step the stamp plus the rising
+// edge's index lands within a sample on a start of a burst train (50 us
+// every 200 us) begun on a GPS second, after the host set the reference.
 TEST_F(SweepList, TimeStampsAreTrueToTheScenesClock) {
     const char* gps = R"({"noise_floor_dbm_hz": -160, "gps": {"fix": true, "utc": "2026-11-21T12:00:00Z"}, "emitters": [%s]})";
     char scene[512];
@@ -243,8 +237,7 @@ TEST_F(SweepList, ArgumentAndStateChecks) {
     EXPECT_NEAR(ToneDbm(f.data() + 2 * 2048, 2048, kToneOffset), -30.0, 0.2);
 }
 
-// Growing the list gives the new steps their defaults (1 GHz, 1000000
-// samples).
+// Growing the list gives new steps their defaults (1 GHz, 1000000 samples).
 TEST_F(SweepList, GrownStepsTakeTheDefaults) {
     Open({{1e9, 0}});
     ASSERT_EQ(lxSetIQSweepListSteps(h, 2), lxNoError);

@@ -134,8 +134,9 @@ TEST_F(RealTime, ToneAtItsFrequencyAndLevel) {
                  {20e6, 27.3e6, 0, -30.0, 1e6},
                  {1e9, 0.9913e9, 0, -30.0, 30e3, 0},
                  {5.8e9, 5.7971e9, 0, -30.0, 1e6, 0}};
+    Open("");
     for (const auto& c : cases) {
-        Open(ToneScene(c.tone, -30.0, -150.0));
+        ASSERT_EQ(lxSimSetScene(kSerial, ToneScene(c.tone, -30.0, -150.0).c_str()), lxNoError);
         Configure(c.centre, 20e6, c.rbw, 0, 0.0, 100.0, c.detector, c.scale);
         Next();
         const Frame f = Next();
@@ -147,8 +148,6 @@ TEST_F(RealTime, ToneAtItsFrequencyAndLevel) {
             EXPECT_NEAR(f.mx[size_t(peak)], c.expected, tol) << c.centre;
             EXPECT_NEAR(f.mn[size_t(peak)], c.expected, tol) << c.centre;
         }
-        lxCloseDevice(h);
-        lxSimDetachAll();
     }
 }
 
