@@ -94,33 +94,27 @@ TEST_F(Registry, PresetSendsTheAnalyzerAwayAndFreesTheHandle) {
     EXPECT_EQ(again, h);
 }
 
-struct SceneCase { const char* name; double temperature, volts, amps; uint32_t major, minor, revision; };
-
-class DiagnosticsScene : public e2e::SimTest, public ::testing::WithParamInterface<SceneCase> {};
-
-TEST_P(DiagnosticsScene, ReadingsEqualTheSceneWithinTheirResolution) {
-    const auto& c = GetParam();
-    char scene[256];
-    std::snprintf(scene, sizeof scene,
-                  R"({"temperature_c": %.4f, "supply_v": %.4f, "supply_a": %.4f, "firmware": [%u, %u, %u]})",
-                  c.temperature, c.volts, c.amps, c.major, c.minor, c.revision);
-    Open(30000081, scene);
-    float v = 0, a = 0, t = 0;
-    EXPECT_EQ(lxGetDeviceDiagnostics(h, &v, &a, &t), lxNoError);
-    EXPECT_NEAR(t, c.temperature, 0.125 + 1e-6);
-    EXPECT_NEAR(v, c.volts, 0.00553 / 2 + 1e-6);
-    EXPECT_NEAR(a, c.amps, 0.002 / 2 + 1e-6);
-    uint32_t v3[3] = {};
-    EXPECT_EQ(lxGetFirmwareVersion(h, &v3[0], &v3[1], &v3[2]), lxNoError);
-    EXPECT_EQ(std::vector<uint32_t>(v3, v3 + 3), (std::vector<uint32_t>{c.major, c.minor, c.revision}));
+// Readings equal the scene's within their resolution, either side of 0 C.
+TEST_F(Registry, DiagnosticsAndFirmwareOfTheScene) {
+    const struct { double temperature, volts, amps; uint32_t major, minor, revision; } cases[] = {
+        {41.3, 12.34, 1.567, 1, 2, 5}, {-7.6, 11.0, 0.9, 2, 0, 17}, {-0.25, 13.8, 2.001, 3, 14, 4}, {-39.9, 9.5, 0.25, 1, 0, 3}};
+    int32_t serial = 30000081;
+    for (const auto& c : cases) {
+        char scene[256];
+        std::snprintf(scene, sizeof scene,
+                      R"({"temperature_c": %.4f, "supply_v": %.4f, "supply_a": %.4f, "firmware": [%u, %u, %u]})",
+                      c.temperature, c.volts, c.amps, c.major, c.minor, c.revision);
+        const int32_t h = AttachAndOpen(serial++, scene);
+        float v = 0, a = 0, t = 0;
+        EXPECT_EQ(lxGetDeviceDiagnostics(h, &v, &a, &t), lxNoError);
+        EXPECT_NEAR(t, c.temperature, 0.125 + 1e-6);
+        EXPECT_NEAR(v, c.volts, 0.00553 / 2 + 1e-6);
+        EXPECT_NEAR(a, c.amps, 0.002 / 2 + 1e-6);
+        uint32_t v3[3] = {};
+        EXPECT_EQ(lxGetFirmwareVersion(h, &v3[0], &v3[1], &v3[2]), lxNoError);
+        EXPECT_EQ(std::vector<uint32_t>(v3, v3 + 3), (std::vector<uint32_t>{c.major, c.minor, c.revision}));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Scenes, DiagnosticsScene,
-                         ::testing::Values(SceneCase{"warm", 41.3, 12.34, 1.567, 1, 2, 5},
-                                           SceneCase{"belowZero", -7.6, 11.0, 0.9, 2, 0, 17},
-                                           SceneCase{"justBelowZero", -0.25, 13.8, 2.001, 3, 14, 4},
-                                           SceneCase{"cold", -39.9, 9.5, 0.25, 1, 0, 3}),
-                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(Registry, ConfiguringModeZeroIsRefusedAndLeavesTheAnalyzerIdleAndOn) {
     const int32_t h = AttachAndOpen(30000092);
