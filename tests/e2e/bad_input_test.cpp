@@ -9,6 +9,7 @@
 #include <cmath>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <limits>
 #include <set>
 #include <sstream>
@@ -218,10 +219,8 @@ std::set<std::string> HeaderExports() {
 bool Listed(int64_t s) { return (s >= -11 && s <= 6) || s == -100 || s == -101; }
 
 std::vector<std::string> Words(const std::string& s) {
-    std::vector<std::string> out;
     std::istringstream in(s);
-    for (std::string w; in >> w;) out.push_back(w);
-    return out;
+    return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
 
 // Everything a refused call must leave alone, as the getters report it.

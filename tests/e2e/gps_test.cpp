@@ -82,7 +82,7 @@ TEST_F(Gps, SyntheticFixComesBackWithPositionAltitudeAndTime) {
     }
 }
 
-TEST_F(Gps, NoFixAndLossClearThePosition) {
+TEST_F(Gps, NoFixAndLossClearThePositionAndTheTextFitsItsBuffer) {
     const int32_t h = AttachAndOpen(30000302, R"({"gps": {"fix": true, "latitude": 10, "longitude": 20}})");
     NextSecond(h); // the first message may still be on its way, by where the open left the pulses
     ASSERT_EQ(NextSecond(h).lat, 10.0);
@@ -106,13 +106,9 @@ TEST_F(Gps, NoFixAndLossClearThePosition) {
     NextSecond(h);
     const Fix lost = NextSecond(h);
     EXPECT_EQ(std::make_tuple(lost.lat, lost.time, State(h)), std::make_tuple(0.0, int64_t{0}, 0u));
-}
-
-TEST_F(Gps, TextBufferOfOneByteGetsOnlyItsTerminator) {
-    Open(30000303, R"({"gps": {"fix": true}})");
-    NextSecond(h);
+    // A text buffer of one byte gets only the terminator; of none, nothing.
     char buf[4] = {'x', 'x', 'x', 'x'};
-    for (int32_t asked : {1, 0}) { // nothing asked for: nothing written
+    for (int32_t asked : {1, 0}) {
         int32_t len = asked;
         EXPECT_EQ(lxGetGPSInfo(h, 0, nullptr, nullptr, nullptr, nullptr, nullptr, buf, &len), lxNoError);
         EXPECT_EQ(len, asked);

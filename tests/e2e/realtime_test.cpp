@@ -47,11 +47,9 @@ protected:
     }
 
     Frame Next() {
-        Frame f;
-        f.density.assign(size_t(width) * size_t(height), NAN);
-        f.alpha.assign(f.density.size(), NAN);
-        f.mn.assign(size_t(length), NAN);
-        f.mx.assign(size_t(length), NAN);
+        const size_t cells = size_t(width) * size_t(height);
+        Frame f{lxNoError, std::vector<float>(cells, NAN), std::vector<float>(cells, NAN),
+                std::vector<float>(size_t(length), NAN), std::vector<float>(size_t(length), NAN)};
         f.status = lxGetRealTimeFrame(h, f.density.data(), f.alpha.data(), f.mn.data(), f.mx.data(), &f.count, &f.stamp);
         return f;
     }
