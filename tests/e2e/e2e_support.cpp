@@ -88,11 +88,9 @@ int64_t Trace::PeakIndex(double hz) const {
 
 void SetSweep(int32_t h, double start, double stop, double rbw, double vbw, double sweepTime, int32_t detector,
               int32_t units, int32_t scale, int32_t window) {
-    EXPECT_EQ(lxSetSweepStartStop(h, start, stop), lxNoError);
-    EXPECT_EQ(lxSetSweepCoupling(h, rbw, vbw, sweepTime), lxNoError);
-    EXPECT_EQ(lxSetSweepDetector(h, detector, units), lxNoError);
-    EXPECT_EQ(lxSetSweepScale(h, scale), lxNoError);
-    EXPECT_EQ(lxSetSweepWindow(h, window), lxNoError);
+    for (LxStatus s : {lxSetSweepStartStop(h, start, stop), lxSetSweepCoupling(h, rbw, vbw, sweepTime),
+                       lxSetSweepDetector(h, detector, units), lxSetSweepScale(h, scale), lxSetSweepWindow(h, window)})
+        EXPECT_EQ(s, lxNoError);
 }
 
 bool ConfigureSweep(int32_t h, Trace& t) {

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -23,7 +24,23 @@ protected:
     std::vector<uint32_t> CommandLog(int32_t serial);
     LxSimCounters Counters(int32_t serial);
     uint64_t VirtualMs();
+    void Open(int32_t serial, const std::string& scene = "") { h = AttachAndOpen(serial, scene); }
+    int32_t h = -1;
 };
+
+// What a one-output getter reports; the test fails when it refuses.
+template <typename T>
+T Get(LxStatus (*get)(int32_t, T*), int32_t h) {
+    T v{};
+    EXPECT_EQ(get(h, &v), lxNoError);
+    return v;
+}
+
+// A loaded host may fall behind a paced analyzer and say so (lxUncalData):
+// the data still arrive, and tests about something else accept it.
+inline bool Delivered(LxStatus s) { return s == lxNoError || s == lxUncalData; }
+
+inline int64_t Strongest(const std::vector<float>& v) { return std::max_element(v.begin(), v.end()) - v.begin(); }
 
 struct Tone { double hz, dbm; };
 

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <fstream>
 #include <string>
+#include <tuple>
 
 #include "e2e_support.h"
 
@@ -33,11 +34,7 @@ Fix ReadFix(int32_t h, int32_t refresh = 1) {
     return f;
 }
 
-uint32_t State(int32_t h) {
-    uint32_t s = 99;
-    EXPECT_EQ(lxGetGPSState(h, &s), lxNoError);
-    return s;
-}
+uint32_t State(int32_t h) { return e2e::Get(lxGetGPSState, h); }
 
 class Gps : public e2e::SimTest {
 protected:
@@ -78,27 +75,22 @@ TEST_F(Gps, SyntheticFixComesBackWithPositionAltitudeAndTime) {
         EXPECT_EQ(State(h), 1u);
 
         // Time moves with the device's seconds; nothing new without a refresh.
-        const Fix g = NextSecond(h);
+        const Fix g = NextSecond(h), same = ReadFix(h, 0);
         EXPECT_EQ(g.time, f.time + 1);
-        const Fix same = ReadFix(h, 0);
-        EXPECT_EQ(same.updated, 0u);
-        EXPECT_EQ(same.time, g.time);
+        EXPECT_EQ(std::make_pair(same.updated, same.time), std::make_pair(0u, g.time));
         lxCloseDevice(h);
     }
 }
 
-TEST_F(Gps, NoFixAndLossClearThePosition) {
+TEST_F(Gps, NoFixAndLossClearThePositionAndTheTextFitsItsBuffer) {
     const int32_t h = AttachAndOpen(30000302, R"({"gps": {"fix": true, "latitude": 10, "longitude": 20}})");
     NextSecond(h); // the first message may still be on its way, by where the open left the pulses
     ASSERT_EQ(NextSecond(h).lat, 10.0);
     // Status V: position and time gone.
     ASSERT_EQ(lxSimSetScene(30000302, R"({"gps": {"fix": false}})"), lxNoError);
-    Fix v = NextSecond(h);
-    v = NextSecond(h);
-    EXPECT_EQ(v.lat, 0.0);
-    EXPECT_EQ(v.lon, 0.0);
-    EXPECT_EQ(v.time, 0);
-    EXPECT_EQ(State(h), 0u);
+    NextSecond(h);
+    const Fix v = NextSecond(h);
+    EXPECT_EQ(std::make_tuple(v.lat, v.lon, v.time, State(h)), std::make_tuple(0.0, 0.0, int64_t{0}, 0u));
 
     // A receiver that goes quiet: the fix holds for under three seconds from
     // the pulse of its last message. (A message reaches the host 0.3 s after
@@ -111,25 +103,17 @@ TEST_F(Gps, NoFixAndLossClearThePosition) {
               lxNoError);
     EXPECT_EQ(NextSecond(h).lat, 10.0);
     NextSecond(h); // two to three seconds: held or lost, by where the reads fall between pulses
-    Fix lost = NextSecond(h);
-    lost = NextSecond(h);
-    EXPECT_EQ(lost.lat, 0.0);
-    EXPECT_EQ(lost.time, 0);
-    EXPECT_EQ(State(h), 0u);
-}
-
-TEST_F(Gps, TextBufferOfOneByteGetsOnlyItsTerminator) {
-    const int32_t h = AttachAndOpen(30000303, R"({"gps": {"fix": true}})");
     NextSecond(h);
+    const Fix lost = NextSecond(h);
+    EXPECT_EQ(std::make_tuple(lost.lat, lost.time, State(h)), std::make_tuple(0.0, int64_t{0}, 0u));
+    // A text buffer of one byte gets only the terminator; of none, nothing.
     char buf[4] = {'x', 'x', 'x', 'x'};
-    int32_t len = 1;
-    EXPECT_EQ(lxGetGPSInfo(h, 0, nullptr, nullptr, nullptr, nullptr, nullptr, buf, &len), lxNoError);
-    EXPECT_EQ(len, 1);
-    EXPECT_EQ(buf[0], '\0');
-    EXPECT_EQ(buf[1], 'x');
-    len = 0; // nothing asked for: nothing written
-    EXPECT_EQ(lxGetGPSInfo(h, 0, nullptr, nullptr, nullptr, nullptr, nullptr, buf, &len), lxNoError);
-    EXPECT_EQ(len, 0);
+    for (int32_t asked : {1, 0}) {
+        int32_t len = asked;
+        EXPECT_EQ(lxGetGPSInfo(h, 0, nullptr, nullptr, nullptr, nullptr, nullptr, buf, &len), lxNoError);
+        EXPECT_EQ(len, asked);
+        EXPECT_EQ(std::string(buf, 4), std::string("\0xxx", 4));
+    }
 }
 
 struct LogCase {
@@ -179,12 +163,11 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(Gps, DisciplinedTuneWordIsRecordedInTheTimebaseFile) {
     constexpr int32_t serial = 30000320;
-    const int32_t h = AttachAndOpen(serial, R"({"gps": {"fix": true}})");
+    Open(serial, R"({"gps": {"fix": true}})");
     char name[64];
     std::snprintf(name, sizeof name, "/halvorn/cal_files/lx%08dgps.bin", serial);
     const std::string path = std::string(std::getenv("XDG_CACHE_HOME")) + name;
-    uint16_t coarseBefore = 0;
-    ASSERT_EQ(lxAdminGetCoarseTuneVal(h, &coarseBefore), lxNoError);
+    const uint16_t coarseBefore = e2e::Get(lxAdminGetCoarseTuneVal, h);
     uint32_t holdover = 9, when = 9;
     ASSERT_EQ(lxGetGPSHoldoverInfo(h, &holdover, &when), lxNoError);
     EXPECT_EQ(holdover, 0u);
@@ -203,15 +186,12 @@ TEST_F(Gps, DisciplinedTuneWordIsRecordedInTheTimebaseFile) {
     // The word moved by at least 8 counts before it was recorded, in steps of
     // one count per second.
     EXPECT_GE(seconds, 8);
-    std::ifstream in(path, std::ios::binary);
     unsigned char rec[64] = {};
-    in.read(reinterpret_cast<char*>(rec), 64);
-    EXPECT_EQ(std::memcmp(rec, "lxg\0", 4), 0);
-    EXPECT_EQ(rec[4], 1);
+    std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(rec), 64);
+    EXPECT_EQ(std::memcmp(rec, "lxg\0\1", 5), 0);
     int64_t tune = 0;
     std::memcpy(&tune, rec + 16, 8);
-    uint16_t coarseAfter = 0;
-    ASSERT_EQ(lxAdminGetCoarseTuneVal(h, &coarseAfter), lxNoError);
+    const uint16_t coarseAfter = e2e::Get(lxAdminGetCoarseTuneVal, h);
     EXPECT_EQ(tune, coarseAfter);
     EXPECT_GE(int(coarseAfter) - int(coarseBefore), 8);
     ASSERT_EQ(lxGetGPSHoldoverInfo(h, &holdover, &when), lxNoError);
@@ -220,11 +200,8 @@ TEST_F(Gps, DisciplinedTuneWordIsRecordedInTheTimebaseFile) {
 
     // The next open of the same analyzer starts from the recorded value.
     ASSERT_EQ(lxCloseDevice(h), lxNoError);
-    int32_t again = -1;
-    ASSERT_EQ(lxOpenDeviceBySerial(&again, serial), lxNoError);
-    uint16_t coarseReopened = 0;
-    ASSERT_EQ(lxAdminGetCoarseTuneVal(again, &coarseReopened), lxNoError);
-    EXPECT_EQ(coarseReopened, coarseAfter);
+    ASSERT_EQ(lxOpenDeviceBySerial(&h, serial), lxNoError);
+    EXPECT_EQ(e2e::Get(lxAdminGetCoarseTuneVal, h), coarseAfter);
 }
 
 } // namespace

@@ -19,9 +19,7 @@ using e2e::SimTest;
 class Setters : public SimTest {
 protected:
     static constexpr int32_t kSerial = 30000101;
-    int32_t h = -1;
-    void SetUp() override { h = AttachAndOpen(kSerial); }
-    void Clear() { lxSimClearCommandLog(kSerial); }
+    void SetUp() override { Open(kSerial); }
 };
 
 // Each row: a set-up (its words not counted), then one call, its status and
@@ -71,15 +69,13 @@ TEST_F(Setters, WordsOfEveryPeripheralSetter) {
     };
     for (const auto& c : cases) {
         if (c.setup) c.setup(h);
-        Clear();
+        lxSimClearCommandLog(kSerial);
         EXPECT_EQ(c.call(h), c.status) << c.what;
         EXPECT_EQ(CommandLog(kSerial), c.words) << c.what;
     }
     // The rate read back is the one the divisor gives.
-    float baud = 0;
     ASSERT_EQ(lxSetUARTBaudRate(h, 9600.0f), lxNoError);
-    ASSERT_EQ(lxGetUARTBaudRate(h, &baud), lxNoError);
-    EXPECT_FLOAT_EQ(baud, static_cast<float>(81.92e6 / 8533));
+    EXPECT_FLOAT_EQ(e2e::Get(lxGetUARTBaudRate, h), static_cast<float>(81.92e6 / 8533));
 }
 
 template <typename T>
@@ -128,9 +124,7 @@ class Bracket : public SimTest, public ::testing::WithParamInterface<BracketCase
 TEST_P(Bracket, ConfigureSendsTheTuneWordOfTheBracket) {
     const auto& c = GetParam();
     constexpr int32_t serial = 30000111;
-    char scene[96];
-    std::snprintf(scene, sizeof scene, R"({"temperature_c": %.2f})", c.temperature);
-    const int32_t h = AttachAndOpen(serial, scene);
+    Open(serial, "{\"temperature_c\": " + std::to_string(c.temperature) + "}");
     auto cal = std::make_unique<LX530CalData>();
     ASSERT_TRUE(e2e::CachedRecord(serial, cal.get()));
     // A wrong bracket only shows when neighbouring points carry different offsets.
@@ -148,9 +142,7 @@ TEST_P(Bracket, ConfigureSendsTheTuneWordOfTheBracket) {
     EXPECT_EQ(last2E & 0xFFFF, ExpectedTune(*cal, c.temperature, c.manualIndex));
     // The coarse value stays the record's last tune entry; only the applied
     // word carries the temperature offset.
-    uint16_t coarse = 0;
-    ASSERT_EQ(lxAdminGetCoarseTuneVal(h, &coarse), lxNoError);
-    EXPECT_EQ(coarse, CoarseEntry(*cal));
+    EXPECT_EQ(e2e::Get(lxAdminGetCoarseTuneVal, h), CoarseEntry(*cal));
 }
 
 // The record's points are -30 .. 60 in steps of 15 degrees.
