@@ -17,6 +17,7 @@
 #include "cal/correction.h"
 #include "lx_command/encoders.h"
 #include "lx_sim.h"
+#include "sim/factory_image.h"
 #include "sim/sim_backend.h"
 
 namespace simtest {
@@ -116,8 +117,8 @@ inline float F32(const uint8_t* p) {
 inline double RowLo(int row) { return row <= 1 ? 61.44e6 : row * 30.72e6; } // rows used here are 1 and >= 11
 inline double RowCentre(int row) { return row <= 1 ? 23.04e6 : RowLo(row) - 23.04e6; }
 
-// A calibrated instrument as a host brings it up: the calibration record is
-// read through the boot loader, then the run image is started.
+// A calibrated instrument with the factory's calibration record (the record
+// read through the boot loader: tests/usb, tests/usb_umockdev).
 struct Instrument {
     std::unique_ptr<UsbDevice> dev;
     std::vector<uint8_t> cal;
@@ -144,18 +145,8 @@ struct Instrument {
 
 inline Instrument Bring(int32_t serial, const std::string& scene) {
     Instrument in;
-    int32_t id = 0;
-    EXPECT_EQ(lxSimAttachRaw("LX530 Boot", std::to_string(serial).c_str(), scene.c_str(), &id), lxNoError);
-    auto boot = Open(serial);
-    EXPECT_NE(boot, nullptr);
-    if (!boot) return in;
-    for (uint32_t i = 0; i < 64; ++i) {
-        EXPECT_TRUE(Send(*boot, {0xFFFD0000u | (4096 + 32 * i)}));
-        const ReadResult r = Read(*boot, 32768);
-        in.cal.insert(in.cal.end(), r.data.begin(), r.data.end());
-    }
-    EXPECT_TRUE(Send(*boot, {0xFFFA0003}));
-    Bus().Sleep(1500);
+    in.cal = lx::sim::BuildFactoryCalRecord();
+    EXPECT_EQ(lxSimAttach(serial, scene.c_str()), lxNoError);
     in.dev = Open(serial);
     EXPECT_NE(in.dev, nullptr);
     int last = 0;
