@@ -30,9 +30,9 @@ using AudioCli = ToolRun;
 TEST_F(RealTimeTool, TheReadmeRunShowsTheScene) {
     const std::string scene = std::string(LX_TEST_SOURCE_DIR) + "/scenes/realtime.json";
     const Result r = RunTool(dir.path, {"rt", "--scene", scene, "--center", "2.44G", "--span", "40M", "--rbw", "30k",
-                                   "--frame-ref", "-20", "--frame-scale", "110", "--frames", "3", "--png",
-                                   "{dir}/density.png", "--waterfall", "{dir}/waterfall.png", "--csv", "{dir}/last.csv",
-                                   "--json"});
+                                        "--frame-ref", "-20", "--frame-scale", "110", "--frames", "3", "--png",
+                                        "{dir}/density.png", "--waterfall", "{dir}/waterfall.png", "--csv",
+                                        "{dir}/last.csv", "--json"});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     const auto doc = json::parse(r.out);
     EXPECT_EQ(doc["frames_read"], 3);
@@ -82,7 +82,7 @@ TEST_F(IqCli, SigmfRecordingOfTheScene) {
         SCOPED_TRACE(format);
         const std::string base = (dir.path / format).string();
         const Result r = RunTool(dir.path, {"iq", "--scene", "{dir}/scene.json", "--center", "1G", "--rate", "60k",
-                                        "--duration", "1.3s", "--json", "--format", format, "--output", base});
+                                            "--duration", "1.3s", "--json", "--format", format, "--output", base});
         ASSERT_EQ(r.exitCode, 0) << r.err;
         const json summary = json::parse(r.out);
         EXPECT_EQ(summary["samples"], 78000);
@@ -121,7 +121,8 @@ TEST_F(AudioCli, WavOfTheScenesAmTone) {
                                         "--output", "{dir}/am.wav", "--duration", "2s", "--json"});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(json::parse(r.out)["samples"], 60000);
-    const Result m = RunPython(dir.path, "tests/e2e/audio_reference.py", "sinad " + Quote(dir.path / "am.wav") + " 1000 1.0");
+    const Result m =
+        RunPython(dir.path, "tests/e2e/audio_reference.py", "sinad " + Quote(dir.path / "am.wav") + " 1000 1.0");
     ASSERT_EQ(m.exitCode, 0) << m.err;
     const json level = json::parse(m.out);
     EXPECT_EQ(level["rate"], 30000);
