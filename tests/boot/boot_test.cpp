@@ -100,9 +100,9 @@ TEST(BootImage, ReadFile) {
     EXPECT_TRUE(capture.saw("f", "src/boot"));
 }
 
-// ProgramImage over a simulated boot loader: pages written and blocks read
-// back (the device's counters), progress, and the debug lines. (Failures:
-// tests/e2e/flash_test.cpp.)
+// ProgramImage over a simulated boot loader: progress, and the debug lines of
+// the pages written and the blocks read back. (What reaches the flash, and
+// failures: tests/e2e/flash_test.cpp.)
 TEST(Programming, PagesBlocksAndProgress) {
     constexpr int32_t kSerial = 71000001;
     lxSimDetachAll();
@@ -110,11 +110,11 @@ TEST(Programming, PagesBlocksAndProgress) {
     ASSERT_EQ(lxSimAttachRaw("LX530 Boot", std::to_string(kSerial).c_str(), nullptr, &id), lxNoError);
     usb::UsbTransport link;
     ASSERT_TRUE(link.BindEndpoints(usb::FindBySerial(kSerial)));
-    const struct { size_t bytes; uint64_t writes, reads; double progress; size_t steps; } cases[] = {
-        {1500, 1, 1, 2 / 1.03125, 2}, {64 * 1024, 64, 2, 1.0, 66}, {33 * 1024, 33, 2, 35 / (33 * 1.03125), 35}};
+    // Pages written, then 32 KiB blocks read back: a line each.
+    const struct { size_t bytes; uint64_t writes; double progress; size_t steps; } cases[] = {
+        {1500, 1, 2 / 1.03125, 2}, {64 * 1024, 64, 1.0, 66}, {33 * 1024, 33, 35 / (33 * 1.03125), 35}};
     for (const auto& c : cases) {
         ASSERT_EQ(link.EraseFlashPage(8192), lxNoError);
-        lxSimResetCounters(kSerial);
         std::vector<uint8_t> data(c.bytes);
         for (size_t i = 0; i < c.bytes; ++i) data[i] = static_cast<uint8_t>(i * 7 + (i >> 10));
         std::vector<std::string> lines;
@@ -122,10 +122,6 @@ TEST(Programming, PagesBlocksAndProgress) {
         double progress = -1;
         EXPECT_EQ(ProgramImage(link, data, 8192 * 1024, &progress), lxNoError) << c.bytes;
         SetDebugSink(nullptr);
-        LxSimCounters n{};
-        lxSimGetCounters(kSerial, &n);
-        EXPECT_EQ(n.flashPageWrites, c.writes) << c.bytes;
-        EXPECT_EQ(n.flashReads, c.reads) << c.bytes;
         EXPECT_NEAR(progress, std::min(1.0, c.progress), 1e-12) << c.bytes; // after the last step
         EXPECT_EQ(lines.size(), c.steps) << c.bytes;
         EXPECT_EQ(lines.front(), "Writing Page 8192\n");

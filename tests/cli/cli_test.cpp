@@ -44,8 +44,6 @@ protected:
     const fs::path dir_ = tmp_.path;
 };
 
-// ---- outputs -----------------------------------------------------------------
-
 struct OutputCase {
     const char* name;
     std::vector<std::string> args;
@@ -80,8 +78,6 @@ TEST_F(CliTest, ListAsJson) {
                                                      "simulated": true}]})"));
     EXPECT_EQ(Parse(Run({"list", "--json"})), json::parse(R"({"devices": []})"));
 }
-
-// ---- info --------------------------------------------------------------------
 
 // The readings themselves are checked against the scene through the library
 // (tests/e2e/device_test.cpp); here, that the report carries each of them.
@@ -133,8 +129,6 @@ TEST_F(CliTest, InfoOfACorruptOrUnprogrammedRecordAndAGpsFix) {
     const std::string out = Run({"--sim={dir}/gps.json", "info"}).out;
     for (const char* s : {"2026-11-21T12:00:", "lat -33.8568", "never programmed"}) EXPECT_THAT(out, HasSubstr(s));
 }
-
-// ---- failures ----------------------------------------------------------------
 
 struct FailureCase {
     const char* name;
@@ -238,8 +232,6 @@ INSTANTIATE_TEST_SUITE_P(
         FailureCase{"AudioNegativeBandwidth", {"audio", "--sim", "--output", "{dir}/a.wav", "--if-bandwidth", "-3k"},
                     nullptr, 2, {}}),
     [](const auto& info) { return std::string(info.param.name); });
-
-// ---- flash ---------------------------------------------------------------------
 
 TEST_F(CliTest, FlashBackupVerifyWriteAndRefusals) {
     Result r = Run({"--sim", "--json", "flash", "backup", "{dir}/bk"});

@@ -64,8 +64,6 @@ Trace MakeTrace(double start, double bin, std::vector<float> max, bool linear = 
     return t;
 }
 
-// ---- quantities on the command line ------------------------------------------
-
 TEST(SweepQuantities, FrequenciesAndTimes) {
     const std::optional<double> no;
     const struct { const char* text; std::optional<double> hz, seconds; } cases[] = {
@@ -81,8 +79,6 @@ TEST(SweepQuantities, FrequenciesAndTimes) {
         EXPECT_EQ(ParseSeconds(c.text), c.seconds) << c.text;
     }
 }
-
-// ---- peak search -------------------------------------------------------------
 
 TEST(SweepPeaks, AgreeWithScipy) {
     const json ref = Reference("peaks");
@@ -142,8 +138,6 @@ TEST(SweepPeaks, EdgesPlateausAndNonNumbers) {
     EXPECT_TRUE(FindPeaks(MakeTrace(0, 1, {-100, -100, -20, -100, -100}), 0).empty());
 }
 
-// ---- trace files ---------------------------------------------------------------
-
 // Lines of 30.72 MHz that abut, each with its date, time, edges, step and
 // sweep count; values in dBm to 0.01 dB, converted from mV on the linear
 // scale (0 dBm is 1 mW into 50 ohm: sqrt(0.05) V = 223.607 mV).
@@ -197,8 +191,6 @@ TEST(SweepFiles, RtlPowerLines) {
     }
 }
 
-// ---- plot ----------------------------------------------------------------------
-
 TEST(SweepPlot, SpikeSurvivesDecimation) {
     struct Case { size_t points, columns, spike; };
     for (const auto& c : {Case{193335, 883, 28928}, Case{193335, 883, 193334}, Case{1000, 883, 0},
@@ -225,7 +217,7 @@ TEST(SweepPlot, SpikeSurvivesDecimation) {
 // background, as the reference script's arguments.
 const char* const kTraceColours = "'[[255, 214, 0], [40, 170, 255], [255, 90, 70]]' '[12, 16, 22]'";
 
-// ---- whole runs on a simulated analyzer (refused command lines: cli_test.cpp) --------
+// Whole runs on a simulated analyzer (refused command lines: cli_test.cpp).
 
 struct Tone { double hz, dbm; };
 const Tone kTones[] = {{500e6, -30.0}, {1.2e9, -55.0}};

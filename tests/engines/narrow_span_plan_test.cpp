@@ -1,5 +1,5 @@
 // Narrow-span plan arithmetic against values worked out by hand from the
-// decimation rule, and the command list read back word by word.
+// decimation rule, and the requests of its command list.
 #include <gtest/gtest.h>
 
 #include "plan_settings.h"
@@ -9,7 +9,6 @@
 
 #include "common/lx_assert.h"
 #include "engines/narrow_span_engine.h"
-#include "../support/device_words.h"
 
 namespace {
 
@@ -96,12 +95,10 @@ TEST(NarrowSpanPlan, ArithmeticMatchesWorkedExamples) {
     }
 }
 
-// The command list, decoded: the tuning (read back through the simulator's
-// own synthesizer model) lands the capture centre next to the requested
-// centre, the equaliser taps and capture code 3 follow, then requests of at
-// most 255 packets that add up to the plan's, each whole in its block, and
-// the end word last.
-TEST(NarrowSpanPlan, CommandListTunesOnceAndRequestsEveryPacket) {
+// The command list: capture code 3, then requests of at most 255 packets
+// that add up to the plan's, each whole in its block, and the end word last.
+// (What the tuning, taps and attenuation do to a tone: tests/e2e.)
+TEST(NarrowSpanPlan, CommandListRequestsEveryPacket) {
     struct Case { double start, stop, rbw, vbw, sweepTime; };
     const Case cases[] = {
         {1e9 - 5e5, 1e9 + 5e5, 1000, 1000, 1e-6}, // a few packets, one block
@@ -134,17 +131,7 @@ TEST(NarrowSpanPlan, CommandListTunesOnceAndRequestsEveryPacket) {
         EXPECT_EQ(packets, n.sweep.packetsPerStep);
         EXPECT_EQ(listed, packets);
         EXPECT_EQ(n.sweep.packetsPerStep % 4, 0);
-        const wordtest::DeviceReading dev = wordtest::ReadWords(w.data(), w.size());
-        EXPECT_EQ(dev.tapWords, 64);
         EXPECT_EQ(capture, 3u);
-        ASSERT_GE(dev.path.band, 0);
-        EXPECT_DOUBLE_EQ(dev.path.attenuationDb, 10.0); // the attenuator setting, 5 dB a step
-        const double centre = dev.centreHz;
-        EXPECT_NEAR(centre, n.capture.captureCentreHz, 1e-3);
-        EXPECT_LE(std::abs(centre - (c.start + c.stop) / 2), n.capture.resolutionHz / 2 + 1.0);
-        EXPECT_EQ(dev.path.band == 0, n.capture.mirrored);
-        // The shifter moves the requested centre to 0 Hz at the device's rate.
-        EXPECT_NEAR(n.ShiftCyclesPerSample() * 61.44e6 / 4, -((c.start + c.stop) / 2 - centre), 1e-3);
     }
 }
 

@@ -1,4 +1,4 @@
-// Probability of intercept on a simulated analyzer: 1000 bursts of exactly
+// Probability of intercept on a simulated analyzer: 500 bursts of exactly
 // the reported POI time, at random times and frequencies in the span, are
 // each seen in the max trace of their frame at their power (flat-top,
 // +-0.5 dB) and in the density and alpha frames at their row; bursts of half
@@ -31,7 +31,7 @@ using namespace lx;
 
 constexpr int32_t kSerial = 41000301;
 constexpr double kFs = 61.44e6;
-constexpr int kTrains = 50, kPerTrain = 20;
+constexpr int kTrains = 50, kPerTrain = 10;
 
 std::string PacedScene() { return R"("pacing": "realtime", "pace_rate": 0.1)"; }
 
@@ -75,7 +75,7 @@ TEST_P(RealTimePoi, BurstsOfThePoiTimeAreAlwaysSeen) {
     const engines::RealTimePlan p = engines::PlanRealTime(dev->realTime, dev->attenuator, dev->refLevel);
     const int64_t n = p.fftSize, half = n / 2, L = p.windowLength, pad = p.ZeroPadBefore(), F = p.spectraPerFrame;
 
-    // 50 trains of 20 bursts, each train at its own frequency and power,
+    // 50 trains of 10 bursts, each train at its own frequency and power,
     // all with one period a little over a frame (never two bursts of a train
     // in one frame), each train at a random time in its own 1/50 of it: no
     // two bursts share a spectrum (a switched burst spreads some of its power

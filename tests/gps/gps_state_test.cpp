@@ -120,16 +120,6 @@ TEST(GpsIntake, BeforeAnyFixTheHostClockAnchors) {
     EXPECT_EQ(lx::gps::TakeStatusPacket(g, later.f, 1, 999), 123456700 + Ns(122880));
 }
 
-TEST(GpsIntake, StatusBitFollowsBitTenOfTheStatusWord) {
-    GpsState g;
-    Packet p("", 0, 0);
-    for (const uint32_t word : {1u << 10, 0x300u}) {
-        p.f.deviceStatusWord = word;
-        lx::gps::TakeStatusPacket(g, p.f, 1, 0);
-        EXPECT_EQ(g.statusBit, word == 1u << 10);
-    }
-}
-
 // Found by fuzzing: a corrupt packet's tick, far from the anchor, made the
 // time arithmetic overflow (undefined behaviour). It now saturates.
 TEST(GpsIntake, TickFarFromTheAnchorSaturatesInsteadOfOverflowing) {

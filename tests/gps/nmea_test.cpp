@@ -9,28 +9,25 @@ namespace {
 
 using lx::gps::NmeaState;
 
-struct CoordCase { const char* field; bool ok; double degrees; };
-
-class Coordinate : public ::testing::TestWithParam<CoordCase> {};
-
-TEST_P(Coordinate, DegreesAndMinutes) {
-    const auto v = lx::gps::ParseCoordinate(GetParam().field);
-    ASSERT_EQ(v.has_value(), GetParam().ok) << GetParam().field;
-    if (v) {
-        EXPECT_NEAR(*v, GetParam().degrees, 1e-12);
+TEST(Coordinate, DegreesAndMinutes) {
+    const struct { const char* field; bool ok; double degrees; } cases[] = {
+        {"4807.038", true, 48 + 7.038 / 60},
+        {"01131.000", true, 11 + 31.0 / 60},
+        {"5212.982135", true, 52 + 12.982135 / 60}, // six-decimal minutes
+        {"000.5", true, 0.5 / 60},                  // three characters before the point
+        {"07.5", false, 0},                         // only two before the point
+        {"4807", false, 0},                         // no point
+        {"", false, 0},
+        {"123456789012345678.5", false, 0},         // point beyond position 17
+    };
+    for (const auto& c : cases) {
+        const auto v = lx::gps::ParseCoordinate(c.field);
+        ASSERT_EQ(v.has_value(), c.ok) << c.field;
+        if (v) {
+            EXPECT_NEAR(*v, c.degrees, 1e-12) << c.field;
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Fields, Coordinate,
-    ::testing::Values(CoordCase{"4807.038", true, 48 + 7.038 / 60},
-                      CoordCase{"01131.000", true, 11 + 31.0 / 60},
-                      CoordCase{"5212.982135", true, 52 + 12.982135 / 60}, // six-decimal minutes
-                      CoordCase{"000.5", true, 0.5 / 60},                  // three characters before the point
-                      CoordCase{"07.5", false, 0},                         // only two before the point
-                      CoordCase{"4807", false, 0},                         // no point
-                      CoordCase{"", false, 0},
-                      CoordCase{"123456789012345678.5", false, 0}));       // point beyond position 17
 
 TEST(Sentence, FoundOnlyWhenTerminatedAndShortEnough) {
     EXPECT_EQ(lx::gps::FindSentence("$GPRMC,1,A\r\n", "RMC").value(), "RMC,1,A");

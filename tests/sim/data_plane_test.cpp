@@ -1,7 +1,6 @@
-// The run firmware's data plane: how answers fill IN transfers, the status
-// packet and the samples. (Faults: tests/faults, tests/usb_umockdev.)
-#include <thread>
-
+// The run firmware's data plane: how answers fill IN transfers, and what the
+// decimating capture lets through. (Faults: tests/faults, tests/usb_umockdev;
+// the overflow and data-loss bits, through the host: tests/e2e.)
 #include "sim_test_util.h"
 
 using namespace simtest;
@@ -52,102 +51,6 @@ TEST_F(DataPlaneTest, AnswersEndTransfersAsTheDeviceSendsThem) {
                 EXPECT_EQ(static_cast<int64_t>(r.data.size()), expected);
             }
         }
-    }
-}
-
-// The stream is one ordered byte stream: I/Q packets first, then the aux
-// packets, across however many transfers the host reads it in. An answer
-// with I/Q packets sends no short packet: it shares its DMA buffer with the
-// next answer.
-TEST_F(DataPlaneTest, PacketsArriveInRequestOrder) {
-    ASSERT_EQ(lxSimAttach(70000100, nullptr), lxNoError);
-    auto d = Open(70000100);
-    ASSERT_NE(d, nullptr);
-    ASSERT_TRUE(Send(*d, Request(2, 1)));
-    EXPECT_EQ(Read(*d, 5000, 50).wait, WaitResult::TimedOut) << "three packets do not fill a buffer";
-    ASSERT_TRUE(Send(*d, Request(0, 1)));
-    std::vector<uint8_t> all;
-    for (auto [len, got] : {std::pair{5000u, 5000u}, {20000u, 20000u}, {8000u, 7768u}}) {
-        const ReadResult r = Read(*d, len);
-        EXPECT_EQ(r.data.size(), got);
-        all.insert(all.end(), r.data.begin(), r.data.end());
-    }
-    ASSERT_EQ(all.size(), 4u * 8192u);
-    EXPECT_NE(U32(&all[0]), 0x41555831u);
-    EXPECT_NE(U32(&all[8192]), 0x41555831u);
-    EXPECT_EQ(U32(&all[2 * 8192]), 0x41555831u);
-    EXPECT_EQ(U32(&all[3 * 8192]), 0x41555831u);
-    EXPECT_EQ(Read(*d, 32768, 50).wait, WaitResult::TimedOut);
-}
-
-// A settle word's count (ticks) passes on the timeline before the next data.
-TEST_F(DataPlaneTest, SettleWordCountElapsesAsDeviceTime) {
-    ASSERT_EQ(lxSimAttach(70000310, nullptr), lxNoError);
-    auto d = Open(70000310);
-    ASSERT_NE(d, nullptr);
-    for (const uint32_t count : {0x50u, 0x801u, 0x7F0000u}) {
-        ASSERT_TRUE(Send(*d, Cat({Request(1, 1), {0x10000000u | count, 0, 0, 0}, Request(1, 1)})));
-        const ReadResult r = Read(*d, 32768);
-        ASSERT_EQ(r.data.size(), 32768u);
-        EXPECT_EQ(U64(&r.data[3 * 8192 + 32]) - U64(&r.data[8192 + 32]), 2u * 2048 + (count + 1) / 2 * 2) << count;
-    }
-}
-
-// Clipping at the 16-bit limits sets bit 0x100 of the status word of the
-// next status packet, once.
-TEST_F(DataPlaneTest, AdcOverflowBitFollowsClipping) {
-    struct Case { double power; bool overflow; };
-    for (const Case& c : {Case{-40.0, false}, Case{-20.0, false}, Case{5.0, true}, Case{20.0, true}}) {
-        SCOPED_TRACE(c.power);
-        const int32_t serial = 73000000 + static_cast<int32_t>(c.power + 100);
-        Instrument in = Bring(serial, ToneScene(RowCentre(40) + 1e6, c.power));
-        ASSERT_NE(in.dev, nullptr);
-        ASSERT_TRUE(Send(*in.dev, TuneAndCapture(in, 40, 0, 3, 1)));
-        ASSERT_TRUE(Send(*in.dev, Request(0, 1)));
-        const ReadResult r = Read(*in.dev, 4 * 8192);
-        ASSERT_EQ(r.data.size(), 4u * 8192u);
-        bool railed = false;
-        for (size_t i = 0; i < 3 * 8192; i += 2) {
-            const auto v = static_cast<int16_t>(U16(&r.data[i]));
-            railed |= v == 32767 || v == -32768;
-        }
-        EXPECT_EQ(railed, c.overflow);
-        EXPECT_EQ((U32(&r.data[3 * 8192 + 48]) & 0x100) != 0, c.overflow);
-        const ReadResult next = Read(*in.dev, 8192);
-        ASSERT_EQ(next.data.size(), 8192u);
-        EXPECT_EQ(U32(&next.data[48]) & 0x100, 0u) << "reported once, then cleared";
-        lxSimDetach(serial);
-    }
-}
-
-// Paced delivery runs no faster than the sample rate.
-TEST_F(DataPlaneTest, RealtimePacingHoldsTheSampleRate) {
-    ASSERT_EQ(lxSimAttach(74000002, R"({"pacing": "realtime"})"), lxNoError);
-    auto d = Open(74000002);
-    ASSERT_NE(d, nullptr);
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < 4; ++i) ASSERT_TRUE(Send(*d, Request(127, 1)));
-    for (int i = 0; i < 4; ++i) ASSERT_EQ(Read(*d, 1048576, 2000).data.size(), 1048576u);
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_GE(seconds, 4 * 127 * 2048 / kFs * 0.98);
-
-    // A host that reads too late finds the data-loss bit (0x200) in the
-    // status packet behind the overwritten samples; one that keeps up does not.
-    for (int i = 0; i < 2; ++i) ASSERT_TRUE(Send(*d, Request(127, 1)));
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-    ReadResult r = Read(*d, 1048576, 2000);
-    ASSERT_EQ(r.data.size(), 1048576u);
-    EXPECT_NE(U32(&r.data[127 * 8192 + 48]) & 0x200, 0u);
-    ASSERT_EQ(Read(*d, 1048576, 2000).data.size(), 1048576u);
-    // The stream ran on without a request for longer than the device's
-    // 34 ms buffer holds: the next one finds its samples gone. After a stop
-    // word a request starts a new capture instead.
-    for (const bool stop : {false, true}) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(80));
-        ASSERT_TRUE(Send(*d, stop ? Cat({{0x32000000u}, Request(127, 1)}) : Request(127, 1)));
-        r = Read(*d, 1048576, 2000);
-        ASSERT_EQ(r.data.size(), 1048576u);
-        EXPECT_EQ((U32(&r.data[127 * 8192 + 48]) & 0x200) != 0, !stop) << stop;
     }
 }
 

@@ -1,7 +1,8 @@
 // What the scene puts at the input, measured in the captured samples by an
 // independent reference (tests/sim/signal_ref.py, NumPy/SciPy): noise
 // statistics, burst edges, each modulation against its textbook definition
-// (a sound file's programme: tests/e2e/audio_test.cpp). Levels are read
+// (a sound file's programme: tests/e2e/audio_test.cpp; trigger edges on
+// bursts: tests/e2e/iq_test.cpp and tests/soapy). Levels are read
 // through the device's own factory calibration, as a host would.
 #include <cmath>
 #include <numbers>
@@ -158,37 +159,6 @@ TEST_F(EmitterTest, BurstEdgesLandOnTheirSamples) {
         EXPECT_EQ(m.at("rise1"), double((rise + p - c.s0 + d - 1) / d));
         EXPECT_NEAR(m.at("on_power") + in.Correction(0, kRow), -35.0, 0.2);
     }
-}
-
-// A trigger edge given the same time as a burst is reported on the burst's
-// first sample; the edge word picks which edge of the pulse is reported.
-TEST_F(EmitterTest, TriggerEdgeAndBurstStartedTogetherLandOnTheSameSample) {
-    const double width = 5e-6;
-    Instrument in = Bring(77000025, Scene(R"({"kind": "burst", "frequency_hz": )" + std::to_string(kCentre + 3e6) +
-                                              R"(, "power_dbm": -35, "start_s": 1.235e-3, "width_s": 2e-5, "period_s": 1e-4})",
-                                          -170, R"(, "trigger": {"start_s": 1.235e-3, "period_s": 1e-4, "width_s": 5e-6})"));
-    ASSERT_NE(in.dev, nullptr);
-    for (const auto& [code, d] : {std::pair{0u, 1}, {3u, 4}})
-        for (const uint32_t edge : {0u, 1u}) {
-            SCOPED_TRACE(std::to_string(code) + (edge ? " falling" : " rising"));
-            ASSERT_TRUE(Send(*in.dev, {lx::TriggerEdgeWord(edge)}));
-            const Capture c = Take(in, 63, code);
-            const auto m = Measure("burst", c.x, kFs / d);
-            const uint8_t* st = c.status.data();
-            ASSERT_EQ(U32(st + lx::kAuxTriggerFlagsOffset) & lx::kAuxTriggerExternal, lx::kAuxTriggerExternal);
-            // Ticks from the block's first sample, 2 per ADC sample: the
-            // delivered sample at or after the edge.
-            const int64_t adc = U32(st + lx::kAuxTriggerPositionOffset) / 2;
-            const int64_t widthSamples = edge ? std::llround(width * kFs) : 0;
-            // A block that starts inside a pulse reports its fall first: the
-            // burst the test sees then rises with the next pulse.
-            int64_t rise = adc - widthSamples;
-            if (rise < 0) rise += std::llround(1e-4 * kFs);
-            EXPECT_EQ(double((rise + d - 1) / d), m.at("rise0"));
-        }
-    // Without pulses on the input the flags stay clear.
-    ASSERT_EQ(lxSimSetScene(77000025, Scene("").c_str()), lxNoError);
-    EXPECT_EQ(U32(Take(in, 63, 0).status.data() + lx::kAuxTriggerFlagsOffset), 0u);
 }
 
 // AM, FM and SSB with a sine programme against their definitions: AM's

@@ -15,6 +15,7 @@
 #include "sim/factory_image.h"
 #include "sim/front_end.h"
 #include "../support/device_words.h"
+#include "sim_test_util.h"
 
 namespace lx {
 namespace {
@@ -23,15 +24,6 @@ namespace fe = sim::fe;
 
 constexpr double kTolDb = 0.12;
 constexpr double kToneDbm = -30.0;
-
-// The device core's bracket over the factory's slot temperatures.
-CalBracket BracketFor(double tempC) {
-    const double slots = (tempC + 30.0) / 15.0;
-    if (slots <= 0.0) return {0, 0.0f};
-    if (slots >= 6.0) return {5, 1.0f};
-    const int k = static_cast<int>(slots);
-    return {k, static_cast<float>(slots - k)};
-}
 
 // What the device makes of the words a set-up sends for one capture.
 using DeviceState = wordtest::DeviceReading;
@@ -58,7 +50,7 @@ double DeviceLevelDbfs(const DeviceState& d, double rfHz, double dbm, double tem
 // The host's reading of that tone: level + step gain + roll-off curve.
 double HostReadingDbm(const std::vector<uint8_t>& cal, const TuningPlan& plan, double rfHz, int attenStep,
                       double tempC) {
-    const CalBracket bracket = BracketFor(tempC);
+    const CalBracket bracket = simtest::FactoryBracket(tempC);
     const StepCorrection corr = BuildStepCorrection(cal.data(), bracket, plan.step, plan.fineCell);
     const DeviceState d = SendToDevice(plan, StepIfLevel(cal.data(), plan.step), attenStep, corr);
     EXPECT_EQ(d.path.band, plan.band);

@@ -17,6 +17,7 @@
 #include "cal/correction.h"
 #include "lx_command/encoders.h"
 #include "lx_sim.h"
+#include "sim/factory_image.h"
 #include "sim/sim_backend.h"
 
 namespace simtest {
@@ -105,57 +106,41 @@ inline uint64_t VirtualMs() {
 
 constexpr double kFs = 61.44e6;
 
-inline float F32(const uint8_t* p) {
-    const uint32_t u = U32(p);
-    float f;
-    std::memcpy(&f, &u, 4);
-    return f;
-}
-
 // Grid rows: LO = row tuning frequency, capture centre = row centre.
 inline double RowLo(int row) { return row <= 1 ? 61.44e6 : row * 30.72e6; } // rows used here are 1 and >= 11
 inline double RowCentre(int row) { return row <= 1 ? 23.04e6 : RowLo(row) - 23.04e6; }
 
-// A calibrated instrument as a host brings it up: the calibration record is
-// read through the boot loader, then the run image is started.
+// The host's temperature bracket over the factory record's slot temperatures
+// (-30 to 60 degrees in steps of 15).
+inline lx::CalBracket FactoryBracket(double tempC) {
+    const double slots = (tempC + 30.0) / 15.0;
+    if (slots <= 0.0) return {0, 0.0f};
+    if (slots >= 6.0) return {5, 1.0f};
+    const int k = static_cast<int>(slots);
+    return {k, static_cast<float>(slots - k)};
+}
+
+// A calibrated instrument with the factory's calibration record (the record
+// read through the boot loader: tests/usb, tests/usb_umockdev).
 struct Instrument {
     std::unique_ptr<UsbDevice> dev;
     std::vector<uint8_t> cal;
     uint16_t tuneWord = 0; // the record's tune value plus its offset at 25 degrees
 
-    // The host's temperature bracket at 25 degrees, between the record's
-    // temperature points.
-    lx::CalBracket Bracket() const {
-        const double t = 25.0;
-        int k = 0;
-        while (k < 7 && F32(&cal[688 + 4 * k]) <= t) ++k;
-        const double p0 = F32(&cal[688 + 4 * (k - 1)]), p1 = F32(&cal[688 + 4 * k]);
-        return {k - 1, static_cast<float>((t - p0) / (p1 - p0))};
-    }
     // The equaliser the host sends for a grid row, and the step gain that
     // goes with it (amplitude table plus the equaliser's level term).
     lx::StepCorrection Equaliser(int stepIndex) const {
-        return lx::BuildStepCorrection(cal.data(), Bracket(), stepIndex, lx::FineCell(RowCentre(stepIndex)));
+        return lx::BuildStepCorrection(cal.data(), FactoryBracket(25.0), stepIndex, lx::FineCell(RowCentre(stepIndex)));
     }
     double Correction(int attenStep, int stepIndex) const {
-        return lx::StepGainDb(cal.data(), Bracket(), attenStep, stepIndex, Equaliser(stepIndex));
+        return lx::StepGainDb(cal.data(), FactoryBracket(25.0), attenStep, stepIndex, Equaliser(stepIndex));
     }
 };
 
 inline Instrument Bring(int32_t serial, const std::string& scene) {
     Instrument in;
-    int32_t id = 0;
-    EXPECT_EQ(lxSimAttachRaw("LX530 Boot", std::to_string(serial).c_str(), scene.c_str(), &id), lxNoError);
-    auto boot = Open(serial);
-    EXPECT_NE(boot, nullptr);
-    if (!boot) return in;
-    for (uint32_t i = 0; i < 64; ++i) {
-        EXPECT_TRUE(Send(*boot, {0xFFFD0000u | (4096 + 32 * i)}));
-        const ReadResult r = Read(*boot, 32768);
-        in.cal.insert(in.cal.end(), r.data.begin(), r.data.end());
-    }
-    EXPECT_TRUE(Send(*boot, {0xFFFA0003}));
-    Bus().Sleep(1500);
+    in.cal = lx::sim::BuildFactoryCalRecord();
+    EXPECT_EQ(lxSimAttach(serial, scene.c_str()), lxNoError);
     in.dev = Open(serial);
     EXPECT_NE(in.dev, nullptr);
     int last = 0;

@@ -1,5 +1,6 @@
-// Unplugging with reads queued, bad slots, and the boot loader's flash words.
-// (Short and stalled transfers: tests/usb_umockdev, tests/faults.)
+// Unplugging with reads queued, and bad slots. (Short and stalled transfers:
+// tests/usb_umockdev, tests/faults; the flash pages, read back and booted
+// from: tests/e2e/flash_test.cpp.)
 #include <chrono>
 #include <thread>
 
@@ -11,9 +12,7 @@
 namespace lx::usb {
 namespace {
 
-using testing::Personality;
 using testing::SimBus;
-using testing::VirtualMs;
 
 using Clock = std::chrono::steady_clock;
 
@@ -83,49 +82,6 @@ TEST_F(Transfers, BadSlotsAndLengthsStartNothing) {
     UsbTransport unbound;
     EXPECT_FALSE(unbound.Send(FourAuxRequest()));
     EXPECT_EQ(unbound.LinkStatus(), lxConnectionLostErr);
-}
-
-// The boot loader's flash words, checked against what the device's flash
-// holds afterwards: page addressing, the erase, and the byte order of a page.
-TEST_F(Transfers, FlashWordsReachTheRightPages) {
-    const int32_t serial = 10000312;
-    int32_t id = 0;
-    ASSERT_EQ(lxSimAttachRaw(kBootLoaderProduct, "10000312", nullptr, &id), lxNoError);
-    ASSERT_EQ(Personality(serial), 0);
-    UsbTransport t;
-    ASSERT_TRUE(t.BindEndpoints(FindBySerial(serial)));
-    ASSERT_TRUE(WaitNotBusy(t.Device()));
-
-    constexpr uint32_t kSector = 8192; // outside every image the device keeps
-    std::vector<uint8_t> before(kFlashPageBytes), after(kFlashPageBytes);
-    for (size_t i = 0; i < before.size(); ++i) {
-        before[i] = static_cast<uint8_t>(i * 7 + 3);
-        after[i] = static_cast<uint8_t>(0xF0 ^ i);
-    }
-    std::vector<uint8_t> block(kFlashReadBytes);
-    auto pageOf = [&](uint32_t p) { return std::vector<uint8_t>(block.begin() + p * 1024, block.begin() + (p + 1) * 1024); };
-    const std::vector<uint8_t> erased(kFlashPageBytes, 0xFF);
-
-    ASSERT_EQ(t.WriteFlashPage(kSector + 1, before.data()), lxNoError);
-    ASSERT_EQ(t.ReadFlash(kSector, block.data()), lxNoError);
-    EXPECT_EQ(pageOf(0), erased);
-    EXPECT_EQ(pageOf(1), before);
-    EXPECT_EQ(pageOf(2), erased);
-
-    const uint64_t v0 = VirtualMs();
-    ASSERT_EQ(t.EraseFlashPage(kSector), lxNoError);
-    EXPECT_GE(VirtualMs() - v0, 2000u) << "the erase pause goes through the backend";
-    ASSERT_EQ(t.WriteFlashPage(kSector + 31, after.data()), lxNoError);
-    ASSERT_EQ(t.ReadFlash(kSector, block.data()), lxNoError);
-    EXPECT_EQ(pageOf(1), erased);
-    EXPECT_EQ(pageOf(31), after);
-
-
-    // Pages travel in 16 bits: a larger one is refused.
-    EXPECT_EQ(t.ReadFlash(0x10000, block.data()), lxInvalidParameterErr);
-    EXPECT_EQ(t.WriteFlashPage(0x10000, after.data()), lxInvalidParameterErr);
-    EXPECT_EQ(t.EraseFlashPage(0x10000), lxInvalidParameterErr);
-    EXPECT_EQ(t.ReadFlash(kSector, nullptr), lxNullPtrErr);
 }
 
 } // namespace
