@@ -62,6 +62,14 @@ uint64_t SimTest::VirtualMs() {
     return ms;
 }
 
+double Pace(double want) {
+    const char* v = std::getenv("LX_SIM_PACE_RATE");
+    const double cap = v != nullptr && *v != '\0' ? std::atof(v) : 1.0;
+    return cap >= 0.1 && cap < want ? cap : want;
+}
+
+std::string PaceKey(double want) { return ", \"pace_rate\": " + std::to_string(Pace(want)); }
+
 std::string SceneOf(const std::vector<Tone>& tones, double noiseDbmHz, const std::string& keys,
                     const std::string& emitters) {
     std::string s = "{\"emitters\": [" + emitters;

@@ -47,6 +47,12 @@ struct Tone { double hz, dbm; };
 std::string SceneOf(const std::vector<Tone>& tones, double noiseDbmHz = -150.0, const std::string& keys = "",
                     const std::string& emitters = "");
 
+// A scene's "pace_rate" key for a test that wants `want`: no faster than
+// LX_SIM_PACE_RATE, the pace a sanitizer run gives every paced analyzer
+// (an instrumented host falls behind a faster one). Pace() is that pace.
+double Pace(double want = 1.0);
+std::string PaceKey(double want);
+
 // The library's cache file of a serial ("" the calibration record, "gps" the
 // timebase record), and the calibration record it holds.
 std::string CacheFile(int32_t serial, const char* suffix = "");

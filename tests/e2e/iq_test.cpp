@@ -124,7 +124,7 @@ TEST_F(Iq, ToneLevelAndPhaseAtEveryDecimation) {
             const int32_t type = (D == 2 || D == 128) ? 1 : 0;
             SCOPED_TRACE(testing::Message() << "centre " << c << " D " << D << " type " << type);
             // Slow motion at the widest rates, which a loaded host cannot take.
-            ASSERT_EQ(lxSimSetScene(kSerial, Scene({{c + f, -30}}, D <= 2 ? R"(, "pace_rate": 0.25)" : "").c_str()),
+            ASSERT_EQ(lxSimSetScene(kSerial, Scene({{c + f, -30}}, D <= 2 ? e2e::PaceKey(0.25) : "").c_str()),
                       lxNoError);
             Start(D, c, 1e9, type);
             const auto x = Measure(D, std::max<int64_t>(4096, BlockOutputs(D) * 5 / 2), type);
@@ -194,7 +194,7 @@ TEST_F(Iq, GpsTimeStampsPlaceBursts) {
         SCOPED_TRACE(testing::Message() << "D " << D);
         const double fs = 61.44e6 / D;
         // Half pace at the widest rates, where an instrumented host falls behind.
-        const std::string keys = gps + std::string(D <= 2 ? R"(, "pace_rate": 0.5)" : "");
+        const std::string keys = gps + (D <= 2 ? e2e::PaceKey(0.5) : "");
         ASSERT_EQ(lxSimSetScene(kSerial, Scene({}, keys).c_str()), lxNoError);
         Start(D, c);
         // Stream until the receiver has sent a fix and the stamps follow it.
@@ -262,8 +262,10 @@ TEST_F(Iq, HostFiltersPassAndStop) {
 // whole backlog at once and is told; purge throws away what is stored.
 TEST_F(Iq, LossAndPurge) {
     const double c = 2e9, fs = 960e3;
-    // Sleeps stand for device time here: full pace, even in sanitizer runs.
-    h = AttachAndOpen(kSerial, Scene({{c + 1e4, -30}}, R"(, "pace_rate": 1)"));
+    // Sleeps stand for device time here: stretched by the pace of a sanitizer run.
+    const double pace = e2e::Pace();
+    const auto sleep = [pace](int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(int(ms / pace))); };
+    h = AttachAndOpen(kSerial, Scene({{c + 1e4, -30}}, e2e::PaceKey(1)));
     Start(64, c);
     uint64_t t0 = 0, t1 = 0;
     int32_t loss = -1, remaining = -1;
@@ -271,7 +273,7 @@ TEST_F(Iq, LossAndPurge) {
     ASSERT_GE(lxGetIQ(h, buf.data(), 1000, nullptr, 0, &t0, 0, &loss, &remaining), lxNoError);
     EXPECT_EQ(loss, 0);
 
-    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    sleep(250);
     ASSERT_GE(lxGetIQ(h, buf.data(), 1, nullptr, 0, nullptr, 0, &loss, &remaining), lxNoError);
     EXPECT_GT(remaining, 0.15 * fs); // a quarter second held, nothing lost
     EXPECT_EQ(loss, 0);
@@ -279,7 +281,7 @@ TEST_F(Iq, LossAndPurge) {
     EXPECT_LT(remaining, 0.05 * fs); // purged: only what came since (the transfers in flight)
     EXPECT_GT(double(t1 - t0), 0.2e9);
 
-    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    sleep(700);
     ASSERT_GE(lxGetIQ(h, buf.data(), 10, nullptr, 0, nullptr, 0, &loss, &remaining), lxNoError);
     EXPECT_EQ(loss, 1);
     EXPECT_LT(remaining, 0.5 * fs);

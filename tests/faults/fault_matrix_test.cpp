@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "e2e_support.h"
 #include "lx_api.h"
 #include "lx_sim.h"
 
@@ -102,15 +103,17 @@ std::string Name(const ::testing::TestParamInfo<Case>& i) {
 class FaultMatrix : public ::testing::TestWithParam<Case> {
 protected:
     void TearDown() override { lxSimDetachAll(); }
-    static constexpr const char* kScene =
-        R"({"noise_floor_dbm_hz": -150, "pacing": "realtime", "pace_rate": 0.5, "emitters": [{"kind": "tone", "frequency_hz": 1.0001e9, "power_dbm": -30}]})";
+    static std::string Scene() {
+        return R"({"noise_floor_dbm_hz": -150, "pacing": "realtime")" + e2e::PaceKey(0.5) +
+               R"(, "emitters": [{"kind": "tone", "frequency_hz": 1.0001e9, "power_dbm": -30}]})";
+    }
 
     // The process's threads once an analyzer has been open and one not there
     // looked for (libusb's context and hotplug thread live on).
     static int Baseline() {
         static const int n = [] {
             int32_t h = -1;
-            lxSimAttach(kSerial, kScene);
+            lxSimAttach(kSerial, Scene().c_str());
             if (lxOpenDeviceBySerial(&h, kSerial) >= 0) lxCloseDevice(h);
             lxSimDetach(kSerial);
             lxOpenDeviceBySerial(&h, kSerial);
@@ -138,7 +141,7 @@ protected:
     }
     void Clear(const Fault& f) {
         faulty = false;
-        ASSERT_EQ(f.fault == 0 ? lxSimAttach(kSerial, kScene) : lxSimInjectFault(kSerial, lxSimFaultNone, 0),
+        ASSERT_EQ(f.fault == 0 ? lxSimAttach(kSerial, Scene().c_str()) : lxSimInjectFault(kSerial, lxSimFaultNone, 0),
                   lxNoError);
     }
     // Reads until a clean result: a fresh stream may start with a warning.
@@ -156,7 +159,7 @@ TEST_P(FaultMatrix, EveryCallReturnsAndTheAnalyzerComesBack) {
     const Activity& act = kActivities[k.activity];
     const bool persists = k.fault.count < 0 || k.fault.fault == 0;
     const int threads = Baseline();
-    ASSERT_EQ(lxSimAttach(kSerial, kScene), lxNoError);
+    ASSERT_EQ(lxSimAttach(kSerial, Scene().c_str()), lxNoError);
 
     int32_t h = -1;
     LxStatus s = lxNoError;
