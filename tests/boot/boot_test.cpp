@@ -100,9 +100,8 @@ TEST(BootImage, ReadFile) {
     EXPECT_TRUE(capture.saw("f", "src/boot"));
 }
 
-// ProgramImage over a simulated boot loader: progress, and the debug lines of
-// the pages written and the blocks read back. (What reaches the flash, and
-// failures: tests/e2e/flash_test.cpp.)
+// ProgramImage's progress and debug lines. (What reaches the flash:
+// tests/e2e/flash_test.cpp.)
 TEST(Programming, PagesBlocksAndProgress) {
     constexpr int32_t kSerial = 71000001;
     lxSimDetachAll();

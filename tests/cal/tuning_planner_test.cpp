@@ -1,6 +1,5 @@
-// The tuning planner against hand-derived rows and edges, and against the
-// simulated instrument's own synthesizer model: what the planner says the
-// device will tune to must be what the device makes of the words.
+// The tuning planner against hand-derived rows, and against what the
+// simulated synthesizer makes of its words.
 #include <gtest/gtest.h>
 
 #include <cmath>

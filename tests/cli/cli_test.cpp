@@ -107,9 +107,8 @@ TEST_F(CliTest, InfoReportsTheScene) {
     EXPECT_THAT(text.out, HasSubstr("31415926 (simulated)"));
 }
 
-// A corrupt record: a warning, and the report all the same. A GPS receiver
-// in the scene: the fix reaches the report straight after the open (no
-// waiting for the next message). A record never programmed says so.
+// A corrupt record warns and reports all the same; a GPS fix is in the
+// report straight after the open.
 TEST_F(CliTest, InfoOfACorruptOrUnprogrammedRecordAndAGpsFix) {
     WriteFile("corrupt.json", R"({"calibration": "corrupt", "temperature_c": 31})");
     const Result text = Run({"--sim={dir}/corrupt.json", "info"});

@@ -1,6 +1,5 @@
-// `lx530 sweep`: its command line, its peak search against SciPy's, the
-// trace files and the plot read back by independent parsers (Pillow for the
-// PNG), and whole runs on a simulated analyzer checked against the scene.
+// `lx530 sweep`: its peak search against SciPy's, whole runs against the
+// scene, their files read back by independent parsers (Pillow for the PNG).
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -106,6 +105,7 @@ TEST(SweepPeaks, AgreeWithScipy) {
     }
 }
 
+// What the SciPy cases cannot pose: plateaus at the end, non-numbers, twins.
 TEST(SweepPeaks, EdgesPlateausAndNonNumbers) {
     // Each pattern sits in a quiet trace of -100 dBm: 50 points before it
     // (`atEnd`: none after it), so that the noise floor is -90 dBm.
@@ -120,11 +120,8 @@ TEST(SweepPeaks, EdgesPlateausAndNonNumbers) {
         {"rising to the last point", {-90, -80, -70, -60}, true, {}},
         {"plateau at the last point", {-90, -60, -60}, true, {}},
         {"shoulder plateau below a higher point", {-60, -60, -40, -100}, false, {2}},
-        {"plateau peak counts once, at its middle", {-40, -40, -40, -40, -100}, false, {1}},
         {"NaN and -inf are no levels", {nan, -100, -40, -inf, -100}, false, {2}},
         {"twins of one height both count", {-50, -53, -50, -100}, false, {0, 2}},
-        {"a dip of 7 dB parts two peaks", {-50, -58, -51, -100}, false, {0, 2}},
-        {"a dip of 4 dB does not", {-50, -55, -51, -100}, false, {0}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

@@ -34,10 +34,8 @@ TEST(NarrowSpanPlan, DecimationFollowsTheSpan) {
 
 using lx::engines::test::Settings;
 
-// Hand-derived plans: split of D between device and host, window and FFT
-// (with both clamps), averaging from VBW and from the sweep time, packets
-// with the FIR's extra packet and whole buffers, bins, even sweep length
-// centred on the centre.
+// Hand-derived plans (D split between device and host, both FFT clamps,
+// averaging from VBW and sweep time, the FIR's extra packet).
 TEST(NarrowSpanPlan, ArithmeticMatchesWorkedExamples) {
     struct Case {
         const char* name;

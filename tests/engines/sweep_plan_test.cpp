@@ -1,6 +1,4 @@
-// Sweep plan arithmetic and command list, against values worked out by hand
-// from the instrument's rules (step table rows, request word layout, band
-// words).
+// Sweep plan arithmetic and command list against hand-worked values.
 #include <gtest/gtest.h>
 
 #include "plan_settings.h"

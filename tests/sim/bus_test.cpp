@@ -1,6 +1,4 @@
-// The simulated device on the bus: enumeration, re-enumeration in virtual
-// time, and the attach calls. (A run image that cannot start leaves the boot
-// loader in place: tests/e2e/flash_test.cpp.)
+// The simulated device on the bus.
 #include "sim_test_util.h"
 
 using namespace simtest;

@@ -1,9 +1,5 @@
-// What the scene puts at the input, measured in the captured samples by an
-// independent reference (tests/sim/signal_ref.py, NumPy/SciPy): noise
-// statistics, burst edges, each modulation against its textbook definition
-// (a sound file's programme: tests/e2e/audio_test.cpp; trigger edges on
-// bursts: tests/e2e/iq_test.cpp and tests/soapy). Levels are read
-// through the device's own factory calibration, as a host would.
+// What the scene puts at the input, measured in the captured samples by
+// NumPy/SciPy (signal_ref.py), levels through the factory calibration.
 #include <cmath>
 #include <numbers>
 

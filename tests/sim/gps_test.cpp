@@ -1,6 +1,4 @@
-// The disciplined reference as a host sees it: the tone's frequency in the
-// samples moves with the tune word. Fixes, a silent receiver, replayed logs
-// and the discipline's walk: tests/e2e/gps_test.cpp, through the host.
+// The disciplined reference: a tone's frequency moves with the tune word.
 #include <complex>
 #include <numbers>
 

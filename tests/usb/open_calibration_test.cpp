@@ -1,6 +1,4 @@
-// Opening a device with its calibration record: where the record comes from
-// (cache or flash), how much flash is read, what is cached, and the settle
-// waits of the boot-loader round trip.
+// Opening with the calibration record: from cache or flash, and the settle waits.
 #include <gtest/gtest.h>
 
 #include <algorithm>

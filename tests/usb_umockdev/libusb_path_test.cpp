@@ -29,9 +29,7 @@ using lx::usb::testing::Bus;
 using Clock = std::chrono::steady_clock;
 
 constexpr double kToneHz = 1.0002e9, kToneDbm = -30.0;
-// One -30 dBm tone. `realtime` pacing captures as hardware does (samples a
-// slow reader lets the device overwrite are reported lost); `fast` delivers
-// as fast as the reader takes.
+// One -30 dBm tone, paced as hardware (`realtime`) or as fast as read.
 std::string Scene(const char* pacing) {
     return std::string("{\"emitters\": [{\"kind\": \"tone\", \"frequency_hz\": 1.0002e9, \"power_dbm\": -30}],"
                        " \"noise_floor_dbm_hz\": -160, \"pacing\": \"") + pacing + "\"}";
@@ -61,9 +59,8 @@ protected:
         UseBackend("libusb");
     }
 
-    // Attaches the simulated device and puts it on the emulated bus. `cached`:
-    // the calibration cache is made first through the simulator backend, so
-    // that an open skips the boot loader's flash reads.
+    // `cached`: an open through the simulator backend first, so that the
+    // next skips the boot loader's flash reads.
     void Plug(int32_t serial, bool cached, const char* pacing) {
         std::remove(lx::CalFilePath(serial).c_str());
         ASSERT_EQ(lxSimAttach(serial, Scene(pacing).c_str()), lxNoError);
@@ -218,9 +215,7 @@ TEST_F(LibusbPath, IqStreamSeesTheSceneTone) {
 #endif
 }
 
-// The plug pulled while a full-rate stream runs (a fast-paced device: as
-// fast as the bus carries it): a read reports the lost connection within
-// 2.5 s, close works, and the analyzer is gone.
+// The plug pulled during a full-rate stream: the loss reported within 2.5 s.
 TEST_F(LibusbPath, UnplugMidStreamEndsTheStream) {
     constexpr int32_t kSerial = 47000003;
     Open(kSerial, true, "fast");
