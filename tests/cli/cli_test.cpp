@@ -1,5 +1,4 @@
-// The lx530 tool, run as a user runs it: a separate process on a simulated
-// analyzer, its output compared with the scene it was given.
+// The lx530 tool's command line, reports and flash commands.
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -79,8 +78,7 @@ TEST_F(CliTest, ListAsJson) {
     EXPECT_EQ(Parse(Run({"list", "--json"})), json::parse(R"({"devices": []})"));
 }
 
-// The readings themselves are checked against the scene through the library
-// (tests/e2e/device_test.cpp); here, that the report carries each of them.
+// That the report carries each reading (their accuracy: tests/e2e).
 TEST_F(CliTest, InfoReportsTheScene) {
     const std::string file = WriteFile("scene.json", R"({"temperature_c": 47.6, "supply_v": 13.7, "supply_a": 2.345,
                                                         "firmware": [3, 14, 159]})");

@@ -173,8 +173,7 @@ void PrintTo(const RunCase& c, std::ostream* os) { *os << c.name; }
 
 struct Outcome { Result result; json doc; std::string csv, rtlPower; fs::path png; };
 
-// One run of the tool per case on the two-tone scene, shared by the checks of
-// that case.
+// One run of the tool per case on the two-tone scene, shared by its checks.
 const Outcome& RunOnce(const RunCase& c) {
     static std::map<std::string, Outcome> runs;
     static TempDir dir;
@@ -305,8 +304,7 @@ TEST_P(SweepRun, TraceFilesHoldEveryPoint) {
     EXPECT_EQ(point, max.size());
 }
 
-// The PNG as Pillow reads it: the size asked for, and the traces and markers
-// in their colours.
+// The PNG as Pillow reads it: its size, the traces and markers in their colours.
 TEST_P(SweepRun, PngOfTheRequestedSize) {
     const Outcome* o = Ran();
     ASSERT_NE(o, nullptr);

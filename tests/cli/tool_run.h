@@ -1,5 +1,4 @@
-// Running the lx530 tool as a user does: a separate process, its exit code,
-// stdout and stderr.
+// Running the lx530 tool as a user does: a process, its exit code and output.
 #pragma once
 
 #include <sys/wait.h>
@@ -65,8 +64,7 @@ inline Result RunTool(const fs::path& dir, std::vector<std::string> args) {
     return RunCommand(dir, cmd);
 }
 
-// Runs one of the tests' Python scripts (path from the source tree) on the
-// Debian interpreter.
+// Runs one of the tests' Python scripts on the Debian interpreter.
 inline Result RunPython(const fs::path& dir, const std::string& script, const std::string& args) {
     return RunCommand(dir, std::string(LX_TEST_PYTHON) + " " + LX_TEST_SOURCE_DIR + "/" + script + " " + args);
 }

@@ -1,5 +1,4 @@
-// The I/Q sweep list's plan, its per-packet conversion against a double
-// precision computation, and where the step shift puts a tone.
+// The I/Q sweep list's plan, conversion and step shift.
 #include <gtest/gtest.h>
 
 #include <cmath>

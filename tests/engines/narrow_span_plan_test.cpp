@@ -1,5 +1,4 @@
-// Narrow-span plan arithmetic against values worked out by hand from the
-// decimation rule, and the requests of its command list.
+// Narrow-span plans against hand-worked values, and their requests.
 #include <gtest/gtest.h>
 
 #include "plan_settings.h"

@@ -186,8 +186,7 @@ inline std::vector<std::complex<double>> Samples(const std::vector<uint8_t>& byt
     return x;
 }
 
-// Runs tests/sim/signal_ref.py MEASURE on samples taken at `rate` and returns
-// the values it prints; empty (and a failure) when Python cannot run it.
+// The values signal_ref.py MEASURE prints for samples taken at `rate`.
 inline std::map<std::string, double> Measure(const std::string& measure, const std::vector<std::complex<double>>& x,
                                              double rate, const std::string& args = "") {
     const std::vector<std::complex<float>> f(x.begin(), x.end());
