@@ -1,5 +1,4 @@
-# Swept spectra and real-time frames through the package, against the scene:
-# a tone is found at its frequency and level on the frequency axis given.
+# Swept spectra and real-time frames through the package, against the scene.
 import numpy as np
 import pytest
 

@@ -121,8 +121,6 @@ TEST_P(OpenWithCalibration, TakesTheRecordFromWhereItIsNewest) {
     const auto wallMs = std::chrono::duration_cast<std::chrono::milliseconds>(
                             std::chrono::steady_clock::now() - wallBefore).count();
 
-    EXPECT_TRUE(t.IsOpen());
-    EXPECT_EQ(t.Serial(), serial);
     EXPECT_EQ(Personality(serial), 1) << "the device must be left in its run firmware";
     EXPECT_EQ(Counters(serial).flashReads, c.flashReads);
     EXPECT_EQ(t.CalInvalid(), c.invalid);
@@ -138,7 +136,6 @@ TEST_P(OpenWithCalibration, TakesTheRecordFromWhereItIsNewest) {
         // A factory record is self-consistent; the corrupt one is the flash's
         // own (damaged) bytes, compared with the cache written from it.
         EXPECT_TRUE(CalIsProgrammed(image.data()));
-        EXPECT_EQ(CalMagicField(image.data()), kCalMagic);
         if (!flash.empty()) {
             EXPECT_TRUE(image == flash);
         }
