@@ -1,5 +1,4 @@
-# Statuses as Python exceptions and warnings: each error raises its class,
-# with the status code and the C library's text; warnings still deliver.
+# Statuses as exceptions of their class (code and text) and as warnings that still deliver.
 import warnings
 
 import pytest

@@ -29,15 +29,11 @@ using lx::usb::WaitResult;
 inline lx::usb::UsbBackend& Bus() { return lx::sim::Backend(); }
 
 // Opens the enumerated device whose serial string is `serial`; null if absent.
-inline std::unique_ptr<UsbDevice> Open(const std::string& serial) {
-    const int n = Bus().DeviceCount();
-    for (int i = 0; i < n; ++i) {
-        auto d = Bus().Open(i);
-        if (d && d->Identity().serial == serial) return d;
-    }
+inline std::unique_ptr<UsbDevice> Open(int32_t serial) {
+    for (int i = 0, n = Bus().DeviceCount(); i < n; ++i)
+        if (auto d = Bus().Open(i); d && d->Identity().serial == std::to_string(serial)) return d;
     return nullptr;
 }
-inline std::unique_ptr<UsbDevice> Open(int32_t serial) { return Open(std::to_string(serial)); }
 
 inline std::vector<std::string> EnumeratedSerials() {
     std::vector<std::string> out;

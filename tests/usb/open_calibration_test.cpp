@@ -167,7 +167,7 @@ TEST_F(OpenFailures, HandshakeWithoutAnswerSendsTheDeviceBackToItsLoader) {
     EXPECT_FALSE(t.IsBound());
     EXPECT_EQ(Personality(serial), 0);
     // The failed open leaves nothing bound: the device is offered again.
-    EXPECT_TRUE(testing::Contains(ListSerials({kProductId}), serial));
+    EXPECT_EQ(std::ranges::count(ListSerials({kProductId}), serial), 1);
 }
 
 TEST_F(OpenFailures, StatusesForDevicesThatCannotBeOpened) {
