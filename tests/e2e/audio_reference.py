@@ -1,10 +1,7 @@
 """Recovered audio against its source, with SciPy as the reference.
 
   audio_reference.py correlate SOURCE.wav RECOVERED [SKIP_S]
-      correlation with the (looped) source at the best lag, both band-limited
-      to 60 Hz .. 11 kHz
   audio_reference.py sinad RECOVERED FREQ [SKIP_S]
-      level and SINAD of a tone at FREQ (least-squares fit over whole cycles)
 
 RECOVERED is a WAV file or raw float32 at 30 kS/s (*.f32); SKIP_S seconds at
 the start are left out. Prints one JSON line.

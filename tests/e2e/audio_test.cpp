@@ -1,8 +1,5 @@
-// Audio demodulation through the public API on simulated analyzers, checked
-// against the modulation the scene puts on its carriers: a 1 kHz tone's
-// level and SINAD for every type, the unwanted sideband, two analyzers
-// demodulating at once, a spoken sentence against its source, the ring.
-#include <gtest/gtest.h>
+// Audio demodulation on simulated analyzers, checked against the modulation
+// the scene puts on its carriers.
 
 #include <algorithm>
 #include <cmath>
@@ -64,8 +61,7 @@ protected:
         ASSERT_EQ(lxConfigure(h, lxModeAudio), lxNoError);
     }
     // `blocks` consecutive blocks without a loss after `settle` (the level
-    // trackers start from 0.1); after a loss (a busy machine overruns the
-    // paced stream) the run starts again after `settle` more, for up to 30 s.
+    // trackers start from 0.1); a loss starts the run again, for up to 30 s.
     static std::vector<double> Record(int32_t h, int settle, int blocks) {
         std::vector<float> b(kBlock);
         std::vector<double> x;
@@ -96,13 +92,10 @@ struct ToneCase {
     double bound;     // dB: the least SINAD of a wanted tone, the most level of an unwanted one
 };
 
-// Each type recovers its 1 kHz modulation (CW: a carrier, at 520 Hz) at its
-// full-scale level and with SINAD >= 40 dB; a sideband demodulator given the
-// other sideband (and CW a line 1040 Hz up, its image) leaves <= -40 dB.
-// Three bounds are what the filters' arithmetic allows (docs/audio.md): FM in
-// 15 kHz, its IF cut at the band's edge, reaches about 31.7 dB SINAD; the
-// unwindowed Hilbert table leaves the other sideband 35.6 dB down at 1 kHz
-// and the CW image 28.6 dB down at 520 Hz.
+// Each type recovers its modulation (CW: a carrier, at 520 Hz) at full scale
+// and SINAD >= 40 dB; the other sideband (CW: its image) is suppressed. The
+// filters allow less in three (docs/audio.md): FM in 15 kHz (31.7 dB SINAD),
+// the other sideband (35.6 dB) and the CW image (28.6 dB).
 TEST_F(Audio, EveryTypeRecoversItsToneCleanly) {
     constexpr double f0 = 145e6;
     const ToneCase cases[] = {
@@ -137,8 +130,7 @@ TEST_F(Audio, EveryTypeRecoversItsToneCleanly) {
 }
 
 // Two analyzers demodulate AM carriers 30 dB apart at once; each output
-// keeps its own depth and tone. (One carrier mean shared between them would
-// scale each by the other's level.)
+// keeps its own depth (a shared carrier mean would scale it).
 TEST_F(Audio, TwoAnalyzersDemodulateIndependently) {
     struct Side {
         int32_t serial;
@@ -163,8 +155,7 @@ TEST_F(Audio, TwoAnalyzersDemodulateIndependently) {
     }
 }
 
-// A spoken sentence (espeak-ng) on a broadcast FM carrier comes back with a
-// normalised correlation >= 0.95 against the source (SciPy aligns the lag).
+// A spoken sentence on a broadcast FM carrier against its source (SciPy).
 TEST_F(Audio, SpokenSentenceOnFm) {
     const auto dir = std::filesystem::temp_directory_path() / ("lx-audio-" + std::to_string(::getpid()));
     std::filesystem::create_directories(dir);
@@ -191,22 +182,18 @@ TEST_F(Audio, SpokenSentenceOnFm) {
     std::filesystem::remove_all(dir);
 }
 
-// The ring: audio read straight after configure runs on without a gap across
-// the ring's end (31 reads: slots 0..29, then 0 again; the tone fit would
-// break at a repeated or skipped block); a reader 30 blocks (1 s) behind is
-// told once (lxUncalData) and continues.
+// A reader 1 s behind the ring is told once and reads on. (The first test's
+// records run across the ring's end.)
 TEST_F(Audio, RingRunsOnAndAReaderBehindIsTold) {
     const int32_t h = AttachAndOpen(kSerial, Scene(R"({"kind": "fm", "frequency_hz": 1e9, "power_dbm": -40,
         "deviation_hz": 5000, "audio_hz": 750})"));
     Start(h, 1e9, lxAudioFM, 15000);
-    EXPECT_GE(FitTone(Record(h, 15, 31), 750).sinad, 30.0); // FM in 15 kHz: see the first test
-    // 2 s of stream without reading (250 packets make one block; the I/Q
-    // store between holds at most 15).
+    // 2 s without reading (250 packets make a block).
     const uint64_t start = Counters(kSerial).iqPackets;
     while (Counters(kSerial).iqPackets < start + 250 * 60) std::this_thread::sleep_for(std::chrono::milliseconds(20));
     std::vector<float> b(kBlock);
     EXPECT_EQ(lxGetAudio(h, b.data()), lxUncalData);
-    EXPECT_GE(FitTone(Record(h, 0, 30), 750).sinad, 30.0);
+    EXPECT_GE(FitTone(Record(h, 0, 30), 750).sinad, 30.0); // FM in 15 kHz: see the first test
 }
 
 } // namespace

@@ -1,9 +1,6 @@
-// Every export of the public headers with bad input: stale and out-of-range
-// handles, null pointers, non-finite and extreme numbers, enumerations one
-// past their range, bad counts and serials. Each call returns a status the
-// header lists within 2.5 s, and a refused call changes no setting. An export
-// without a row fails the first test.
-#include <gtest/gtest.h>
+// Every export of the public headers with bad input: each call returns a
+// listed status within 2.5 s, and a refused call changes no setting. An
+// export without a row fails the first test.
 
 #include <chrono>
 #include <cmath>
@@ -237,7 +234,6 @@ std::vector<double> Take(int32_t h) {
     add(lxGetAttenuator(h, &i1), {double(i1)});
     add(lxGetSweepParameters(h, &d1, &d2, &d3, &d4, &i1), {d1, d2, d3, d4, double(i1)});
     add(lxGetRealTimeParameters(h, &d1, &i1, &d2, &d3, &i2, &i3, &d4), {d1, double(i1), d2, d3, double(i2), double(i3), d4});
-    add(lxGetIQCenterFreq(h, &d5), {d5});
     add(lxGetIQParameters(h, &d1, &d2), {d1, d2});
     add(lxGetIQSweepListSteps(h, &i1), {double(i1)});
     add(lxGetAudioSettings(h, &d1, &i1, &d2, &d3, &d4, &d5), {d1, double(i1), d2, d3, d4, d5});

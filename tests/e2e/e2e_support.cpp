@@ -1,7 +1,5 @@
 #include "e2e_support.h"
 
-#include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <cstdlib>
@@ -78,51 +76,13 @@ std::string SceneOf(const std::vector<Tone>& tones, double noiseDbmHz, const std
     return s + b + (keys.empty() ? "" : ", " + keys) + "}";
 }
 
-int64_t Trace::PeakIndex(double hz) const {
-    const int64_t c = std::llround((hz - start) / bin);
-    int64_t best = std::clamp<int64_t>(c, 0, length - 1);
-    for (int64_t i = std::max<int64_t>(c - 3, 0); i <= std::min<int64_t>(c + 3, length - 1); ++i)
-        if (mx[size_t(i)] > mx[size_t(best)]) best = i;
-    return best;
-}
-
-void SetSweep(int32_t h, double start, double stop, double rbw, double vbw, double sweepTime, int32_t detector,
-              int32_t units, int32_t scale, int32_t window) {
-    for (LxStatus s : {lxSetSweepStartStop(h, start, stop), lxSetSweepCoupling(h, rbw, vbw, sweepTime),
-                       lxSetSweepDetector(h, detector, units), lxSetSweepScale(h, scale), lxSetSweepWindow(h, window)})
-        EXPECT_EQ(s, lxNoError);
-}
-
-bool ConfigureSweep(int32_t h, Trace& t) {
-    EXPECT_EQ(lxConfigure(h, 1), lxNoError);
-    if (lxGetSweepParameters(h, &t.rbw, &t.vbw, &t.start, &t.bin, &t.length) != lxNoError) return false;
-    t.mn.assign(size_t(std::max(t.length, 0)), NAN);
-    t.mx.assign(size_t(std::max(t.length, 0)), NAN);
-    return t.length > 0;
-}
-
-void ReadSweep(int32_t h, Trace& t) { t.status = lxGetSweep(h, t.mn.data(), t.mx.data(), &t.stamp); }
-
-Trace MeasureSweep(int32_t h) {
-    Trace t;
-    if (ConfigureSweep(h, t)) ReadSweep(h, t);
-    return t;
-}
-
-double HalfHeightCrossing(const std::vector<float>& x, int64_t p) {
-    auto mag = [&](int64_t i) { return std::hypot(x[size_t(2 * i)], x[size_t(2 * i + 1)]); };
-    const double top = mag(p + 200);
-    int64_t i = p - 60;
-    while (i < p + 60 && mag(i) < top / 2) ++i;
-    return double(i - 1) + (top / 2 - mag(i - 1)) / (mag(i) - mag(i - 1));
-}
-
-bool CachedRecord(int32_t serial, LX530CalData* out) {
+std::string CacheFile(int32_t serial, const char* suffix) {
     char name[64];
-    std::snprintf(name, sizeof name, "/halvorn/cal_files/lx%08d.bin", serial);
-    const std::string path = std::string(std::getenv("XDG_CACHE_HOME")) + name;
-    return lxCalCorrectionLoadFromFile(path.c_str(), out);
+    std::snprintf(name, sizeof name, "/halvorn/cal_files/lx%08d%s.bin", serial, suffix);
+    return std::string(std::getenv("XDG_CACHE_HOME")) + name;
 }
+
+bool CachedRecord(int32_t serial, LX530CalData* out) { return lxCalCorrectionLoadFromFile(CacheFile(serial).c_str(), out); }
 
 std::string UtcText(int64_t seconds) {
     const time_t secs = static_cast<time_t>(seconds);

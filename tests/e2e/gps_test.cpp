@@ -1,12 +1,7 @@
-// GPS through the public API, fed by the simulated analyzer's receiver: a
-// synthetic fix, loss, replayed real receiver logs, and the timebase record
-// written while the reference is disciplined.
-#include <gtest/gtest.h>
+// GPS fed by the simulated analyzer's receiver.
 
 #include <sys/stat.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
@@ -59,8 +54,7 @@ TEST_F(Gps, SyntheticFixComesBackWithPositionAltitudeAndTime) {
     int32_t serial = 30000300;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.gps);
-        // The receiver's clock starts at the scene's UTC when the analyzer is
-        // plugged in; the open itself spends device seconds in the boot loader.
+        // The receiver's clock starts at the scene's UTC at the attach.
         const uint64_t attachedAtMs = VirtualMs();
         const int32_t h = AttachAndOpen(++serial, std::string(R"({"gps": {"fix": true, )") + c.gps + "}}");
         Fix f = NextSecond(h);
@@ -92,10 +86,8 @@ TEST_F(Gps, NoFixAndLossClearThePositionAndTheTextFitsItsBuffer) {
     const Fix v = NextSecond(h);
     EXPECT_EQ(std::make_tuple(v.lat, v.lon, v.time, State(h)), std::make_tuple(0.0, 0.0, int64_t{0}, 0u));
 
-    // A receiver that goes quiet: the fix holds for under three seconds from
-    // the pulse of its last message. (A message reaches the host 0.3 s after
-    // its pulse, so the one in flight at a scene change still tells the old
-    // state: two seconds for the new one.)
+    // A quiet receiver's fix holds under three seconds from its last pulse.
+    // (The message in flight at a scene change tells the old state.)
     ASSERT_EQ(lxSimSetScene(30000302, R"({"gps": {"fix": true, "latitude": 10, "longitude": 20}})"), lxNoError);
     NextSecond(h);
     ASSERT_EQ(NextSecond(h).lat, 10.0);
@@ -125,13 +117,11 @@ struct LogCase {
 
 class GpsLog : public Gps, public ::testing::WithParamInterface<LogCase> {};
 
-// Values derived by hand from the sentences in the logs (the same sentences
-// are the only replay of real receivers: the parser's own tests use made-up ones).
+// Values derived by hand from the sentences in the logs.
 TEST_P(GpsLog, ReplayedReceiverGivesThePositionAndTimeWrittenInIt) {
     const auto& c = GetParam();
     const std::string scene = std::string(R"({"gps": {"nmea_log": ")") + LX_TEST_DATA_DIR + "/nmea/" + c.file + "\"}}";
-    // The replay starts when the scene is set: after the open, whose boot
-    // loader passage would otherwise play most of a short log away.
+    // Set after the open, whose boot loader passage would play the log away.
     const int32_t h = AttachAndOpen(30000310);
     ASSERT_EQ(lxSimSetScene(30000310, scene.c_str()), lxNoError);
     Fix f;
@@ -164,9 +154,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(Gps, DisciplinedTuneWordIsRecordedInTheTimebaseFile) {
     constexpr int32_t serial = 30000320;
     Open(serial, R"({"gps": {"fix": true}})");
-    char name[64];
-    std::snprintf(name, sizeof name, "/halvorn/cal_files/lx%08dgps.bin", serial);
-    const std::string path = std::string(std::getenv("XDG_CACHE_HOME")) + name;
+    const std::string path = e2e::CacheFile(serial, "gps");
     const uint16_t coarseBefore = e2e::Get(lxAdminGetCoarseTuneVal, h);
     uint32_t holdover = 9, when = 9;
     ASSERT_EQ(lxGetGPSHoldoverInfo(h, &holdover, &when), lxNoError);
@@ -183,8 +171,7 @@ TEST_F(Gps, DisciplinedTuneWordIsRecordedInTheTimebaseFile) {
     ASSERT_EQ(stat(path.c_str(), &st), 0) << "no timebase file after " << seconds << " s";
     EXPECT_TRUE(sawDisciplined);
     EXPECT_EQ(st.st_size, 64);
-    // The word moved by at least 8 counts before it was recorded, in steps of
-    // one count per second.
+    // At least 8 counts moved, one count per second, before the record.
     EXPECT_GE(seconds, 8);
     unsigned char rec[64] = {};
     std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(rec), 64);

@@ -1,10 +1,6 @@
-// What the peripheral setters send, read back from the simulated analyzer's
-// record of the command words it received, against the words the device's
-// command set defines; and the temperature bracket of the corrections, seen
-// through the oscillator tune word that configure sends.
-#include <gtest/gtest.h>
+// The command words the peripheral setters and configure's tune write send,
+// as the simulated analyzer received them.
 
-#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -91,32 +87,16 @@ uint16_t CoarseEntry(const LX530CalData& c) {
     return coarse;
 }
 
-// The tune word configure must send at temperature t (automatic bracket) or
-// at a manual index, worked out from the record's own temperature points
-// (float at 688), tune offsets (int16 at 672) and coarse tune entries (the
-// last before 0xFFFF at 32).
-uint16_t ExpectedTune(const LX530CalData& c, double t, int manualIndex) {
-    int index = 0, k = 0;
-    double frac = 0;
-    while (k < 7 && At<float>(c, 688 + 4 * size_t(k)) <= t) ++k;
-    if (manualIndex >= 0) {
-        index = std::min(manualIndex, 5), frac = manualIndex >= 6;
-    } else if (k == 7) {
-        index = 5, frac = 1.0;
-    } else if (k > 0) {
-        const double lo = At<float>(c, 688 + 4 * size_t(k - 1)), hi = At<float>(c, 688 + 4 * size_t(k));
-        index = k - 1, frac = (t - lo) / (hi - lo);
-    }
-    const double a = At<int16_t>(c, 672 + 2 * size_t(index)), b = At<int16_t>(c, 674 + 2 * size_t(index));
-    const double f = static_cast<float>(frac);
-    const double off = frac == 0 ? a : frac == 1 ? b : a * (1 - f) + f * b;
-    return static_cast<uint16_t>(static_cast<int>(off) + CoarseEntry(c));
-}
-
+// Configure sends the tune word of the temperature's bracket: the record's
+// tune offsets (int16 at 672) interpolated between its points (float at 688:
+// -30 .. 60 C in steps of 15) plus the last coarse tune entry before 0xFFFF
+// (at 32). A manual index takes its slot's offset; 6 is the last point's.
 struct BracketCase {
     const char* name;
     double temperature;
     int manualIndex; // -1: automatic
+    int slot;        // the bracket, worked out by hand from the points
+    double fraction;
 };
 
 class Bracket : public SimTest, public ::testing::WithParamInterface<BracketCase> {};
@@ -127,6 +107,7 @@ TEST_P(Bracket, ConfigureSendsTheTuneWordOfTheBracket) {
     Open(serial, "{\"temperature_c\": " + std::to_string(c.temperature) + "}");
     auto cal = std::make_unique<LX530CalData>();
     ASSERT_TRUE(e2e::CachedRecord(serial, cal.get()));
+    for (size_t k = 0; k < 7; ++k) ASSERT_EQ(At<float>(*cal, 688 + 4 * k), -30.0f + 15.0f * float(k)) << k;
     // A wrong bracket only shows when neighbouring points carry different offsets.
     for (size_t i = 0; i + 1 < 7; ++i) ASSERT_NE(At<int16_t>(*cal, 672 + 2 * i), At<int16_t>(*cal, 674 + 2 * i)) << i;
     if (c.manualIndex >= 0) {
@@ -139,22 +120,22 @@ TEST_P(Bracket, ConfigureSendsTheTuneWordOfTheBracket) {
     for (uint32_t w : CommandLog(serial))
         if ((w >> 24) == 0x2E) last2E = w;
     ASSERT_NE(last2E, 0u);
-    EXPECT_EQ(last2E & 0xFFFF, ExpectedTune(*cal, c.temperature, c.manualIndex));
-    // The coarse value stays the record's last tune entry; only the applied
-    // word carries the temperature offset.
+    const double lo = At<int16_t>(*cal, 672 + 2 * size_t(c.slot)), hi = At<int16_t>(*cal, 674 + 2 * size_t(c.slot));
+    const double f = static_cast<float>(c.fraction); // held as a float
+    EXPECT_EQ(last2E & 0xFFFF, static_cast<uint16_t>(static_cast<int>(lo * (1 - f) + f * hi) + CoarseEntry(*cal)));
+    // The coarse value stays the record's last tune entry.
     EXPECT_EQ(e2e::Get(lxAdminGetCoarseTuneVal, h), CoarseEntry(*cal));
 }
 
-// The record's points are -30 .. 60 in steps of 15 degrees.
 INSTANTIATE_TEST_SUITE_P(Temperatures, Bracket,
-                         ::testing::Values(BracketCase{"belowFirstPoint", -36.5, -1},
-                                           BracketCase{"atFirstPoint", -30.0, -1},
-                                           BracketCase{"betweenP2andP3", 7.25, -1},
-                                           BracketCase{"justBelowP4", 29.75, -1},
-                                           BracketCase{"atLastPoint", 60.0, -1},
-                                           BracketCase{"aboveLastPoint", 71.0, -1},
-                                           BracketCase{"manualIndex2", 50.0, 2},
-                                           BracketCase{"manualIndex6", -10.0, 6}),
+                         ::testing::Values(BracketCase{"belowFirstPoint", -36.5, -1, 0, 0.0},
+                                           BracketCase{"atFirstPoint", -30.0, -1, 0, 0.0},
+                                           BracketCase{"betweenP2andP3", 7.25, -1, 2, 7.25 / 15},
+                                           BracketCase{"justBelowP4", 29.75, -1, 3, 14.75 / 15},
+                                           BracketCase{"atLastPoint", 60.0, -1, 5, 1.0},
+                                           BracketCase{"aboveLastPoint", 71.0, -1, 5, 1.0},
+                                           BracketCase{"manualIndex2", 50.0, 2, 2, 0.0},
+                                           BracketCase{"manualIndex6", -10.0, 6, 5, 1.0}),
                          [](const auto& info) { return std::string(info.param.name); });
 
 } // namespace

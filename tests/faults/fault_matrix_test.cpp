@@ -1,8 +1,8 @@
-// Each transport fault of the simulator, injected at open, at configure, or
-// into a running measurement of every mode: every call returns in time with
-// a status from the table, a persisting fault is reported and never followed
-// by data passed as good, close works, the analyzer measures again once the
-// fault is gone, and no engine thread outlives its handle.
+// Each transport fault, injected at open, at configure or into a running
+// measurement of every mode: every call returns in time with a documented
+// status, a persisting fault is reported and never followed by data passed as
+// good, the analyzer measures again once it is gone, and no engine thread
+// outlives its handle.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -22,11 +22,9 @@ namespace {
 
 constexpr int32_t kSerial = 41000901;
 // The transfer time-out (2 s) and a set-up, with room for a loaded machine:
-// a hang, not a speed, is what this catches (docs/reliability.md has the
-// durations measured).
+// a hang, not a speed, is what this catches.
 constexpr auto kCallBound = std::chrono::milliseconds(5000);
 
-// The names of this process's threads, one per line.
 std::string Threads() {
     std::string out, name;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
@@ -44,7 +42,7 @@ bool Documented(LxStatus s) {
     return std::strcmp(lxGetErrorString(s), lxGetErrorString(static_cast<LxStatus>(-999))) != 0;
 }
 
-// One measurement mode: its settings and its configure, and one result call.
+// One measurement mode: its settings, its configure and one result call.
 struct Activity {
     const char* name;
     std::function<void(int32_t)> set;
@@ -99,18 +97,16 @@ std::string Name(const ::testing::TestParamInfo<Case>& i) {
            kWhen[static_cast<int>(i.param.when)];
 }
 
-// Not among the end-to-end tests that run alone: a loaded host changes how
-// long a fault takes to show, not what is reported. Paced at half the real
-// rate, so that an instrumented host still measures cleanly between faults.
+// Paced at half the real rate: an instrumented host still measures cleanly
+// between faults.
 class FaultMatrix : public ::testing::TestWithParam<Case> {
 protected:
     void TearDown() override { lxSimDetachAll(); }
     static constexpr const char* kScene =
         R"({"noise_floor_dbm_hz": -150, "pacing": "realtime", "pace_rate": 0.5, "emitters": [{"kind": "tone", "frequency_hz": 1.0001e9, "power_dbm": -30}]})";
 
-    // The process's threads with no analyzer open, after one has been and
-    // the bus has been searched for one that is not there (libusb's context,
-    // and its hotplug thread, live as long as the process).
+    // The process's threads once an analyzer has been open and one not there
+    // looked for (libusb's context and hotplug thread live on).
     static int Baseline() {
         static const int n = [] {
             int32_t h = -1;
@@ -125,7 +121,6 @@ protected:
     bool faulty = false; // calls are timed while a fault is active
     std::chrono::steady_clock::duration longest{};
 
-    // Runs a call and checks that it comes back in time with a status of the table.
     LxStatus Timed(const std::function<LxStatus()>& call, const char* what) {
         const auto t0 = std::chrono::steady_clock::now();
         const LxStatus s = call();
@@ -146,8 +141,7 @@ protected:
         ASSERT_EQ(f.fault == 0 ? lxSimAttach(kSerial, kScene) : lxSimInjectFault(kSerial, lxSimFaultNone, 0),
                   lxNoError);
     }
-    // Configures the activity and reads until a clean result (a fresh stream
-    // may start with a warning or two).
+    // Reads until a clean result: a fresh stream may start with a warning.
     LxStatus Measure(int32_t h, const Activity& act) {
         act.set(h);
         LxStatus s = Timed([&] { return lxConfigure(h, act.mode); }, "configure");
@@ -174,8 +168,6 @@ TEST_P(FaultMatrix, EveryCallReturnsAndTheAnalyzerComesBack) {
         }
         if (k.when != When::Open) Inject(k.fault);
         s = k.when == When::Running ? lxNoError : Measure(h, act);
-        // A persistent fault ends the measurement with an error and every
-        // later result says so; a passing one is reported or recovered from.
         bool failed = s < 0;
         for (int i = 0; i < 40 && s >= 0 && !failed; ++i) failed = (s = Timed([&] { return act.read(h); }, act.name)) < 0;
         RecordProperty("reported", s);
@@ -197,7 +189,6 @@ TEST_P(FaultMatrix, EveryCallReturnsAndTheAnalyzerComesBack) {
     RecordProperty("longest_call_ms",
                    static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(longest).count()));
 
-    // The fault gone: open and measure again.
     Clear(k.fault);
     h = -1;
     ASSERT_EQ(lxOpenDeviceBySerial(&h, kSerial), lxNoError);
