@@ -1,5 +1,4 @@
-// Boot-format images (checked against the generator's own layout and sums),
-// image files, and programming with read-back over a simulated boot loader.
+// Boot-format images against the generator's own layout and sums.
 #include <gtest/gtest.h>
 
 #include "boot/boot_image.h"
@@ -100,9 +99,7 @@ TEST(BootImage, ReadFile) {
     EXPECT_TRUE(capture.saw("f", "src/boot"));
 }
 
-// ProgramImage over a simulated boot loader: progress, and the debug lines of
-// the pages written and the blocks read back. (What reaches the flash, and
-// failures: tests/e2e/flash_test.cpp.)
+// ProgramImage's progress and debug lines (the flash: tests/e2e/flash_test.cpp).
 TEST(Programming, PagesBlocksAndProgress) {
     constexpr int32_t kSerial = 71000001;
     lxSimDetachAll();

@@ -1,8 +1,5 @@
-// A small generator of images in the chip maker's boot format for the flash
-// tests: a code section, a descriptor section (product and serial strings,
-// and in a boot image the version marker), the entry section and the
-// checksum, with its own arithmetic. Header-only: the unit and end-to-end
-// tests both use it.
+// Images in the chip maker's boot format, with their own checksum
+// arithmetic, for the unit and end-to-end flash tests.
 #pragma once
 
 #include <gtest/gtest.h>

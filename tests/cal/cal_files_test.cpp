@@ -1,6 +1,4 @@
-// The calibration cache files: folder rule, round trip, short and missing
-// files, unwritable folders, and that no failure ever leaves a torn file under
-// the cache file's name.
+// The calibration cache files: no failure ever leaves a torn file.
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>

@@ -30,10 +30,6 @@ std::unique_ptr<LX530CalData> NewRecord(uint8_t fill) {
 // Little-endian fields, as the record holds them (so does this host).
 template <typename T>
 void Put(uint8_t* p, size_t off, T v) { std::memcpy(p + off, &v, sizeof v); }
-void Put32(uint8_t* p, size_t off, uint32_t v) { Put(p, off, v); }
-void Put64(uint8_t* p, size_t off, uint64_t v) { Put(p, off, v); }
-void Put16(uint8_t* p, size_t off, uint16_t v) { Put(p, off, v); }
-void PutF(uint8_t* p, size_t off, float f) { Put(p, off, f); }
 float GetF(const uint8_t* p, size_t off) {
     float f;
     std::memcpy(&f, p + off, 4);
@@ -54,14 +50,14 @@ TEST(CalRecord, ChecksumAndValidation) {
         {0x000000F0, 1, 6, false},  // magic in the wrong byte order
     };
     auto rec = NewRecord(0);
-    Put32(rec->raw, 4 * 167, 0x12345678);
-    Put32(rec->raw, 4 * 168, 0x80000000);
-    Put32(rec->raw, 4 * 1000, 5);
-    Put32(rec->raw, kSize - 4, 0x80000001);
+    Put<uint32_t>(rec->raw, 4 * 167, 0x12345678);
+    Put<uint32_t>(rec->raw, 4 * 168, 0x80000000);
+    Put<uint32_t>(rec->raw, 4 * 1000, 5);
+    Put<uint32_t>(rec->raw, kSize - 4, 0x80000001);
     for (const Case& c : cases) {
-        Put32(rec->raw, 0, c.magic);
-        Put32(rec->raw, 4, c.format);
-        Put32(rec->raw, 28, c.checksumField);
+        Put<uint32_t>(rec->raw, 0, c.magic);
+        Put<uint32_t>(rec->raw, 4, c.format);
+        Put<uint32_t>(rec->raw, 28, c.checksumField);
         EXPECT_EQ(lx::ValidateCalImage(rec->raw), c.valid) << std::hex << c.magic << " " << c.format;
         EXPECT_EQ(lx::CalChecksum(rec->raw), c.format == 1 ? 6u : 0u);
     }
@@ -78,21 +74,21 @@ TEST(CalRecord, NewestDate) {
     };
     for (const Case& c : cases) {
         auto rec = NewRecord(0);
-        Put64(rec->raw, 16, c.date);
-        for (int i = 0; i < 64; ++i) Put16(rec->raw, 32 + 2 * size_t(i), 0x7000); // all valid ...
+        Put<uint64_t>(rec->raw, 16, c.date);
+        for (int i = 0; i < 64; ++i) Put<uint16_t>(rec->raw, 32 + 2 * size_t(i), 0x7000); // all valid ...
         for (size_t i = 0; i < c.tunes.size(); ++i) {
-            Put16(rec->raw, 32 + 2 * i, c.tunes[i].first);
-            Put64(rec->raw, 160 + 8 * i, c.tunes[i].second);
+            Put<uint16_t>(rec->raw, 32 + 2 * i, c.tunes[i].first);
+            Put<uint64_t>(rec->raw, 160 + 8 * i, c.tunes[i].second);
         }
-        if (c.tunes.back().first != 0xFFFF) Put16(rec->raw, 32 + 2 * c.tunes.size(), 0xFFFF); // ... to an end
+        if (c.tunes.back().first != 0xFFFF) Put<uint16_t>(rec->raw, 32 + 2 * c.tunes.size(), 0xFFFF); // ... to an end
         EXPECT_EQ(lx::CalNewestDate(rec->raw), c.newest);
         EXPECT_EQ(lxCalGetCorrectionCalDate(rec.get()), c.newest);
     }
     // A full list of 64 without an end mark: all 64 times count, nothing beyond.
     auto rec = NewRecord(0);
-    for (int i = 0; i < 64; ++i) Put16(rec->raw, 32 + 2 * size_t(i), 0x8000);
-    Put64(rec->raw, 160 + 8 * 63, 777);
-    Put64(rec->raw, 160 + 8 * 64, 1ull << 60); // where a 65th time would sit
+    for (int i = 0; i < 64; ++i) Put<uint16_t>(rec->raw, 32 + 2 * size_t(i), 0x8000);
+    Put<uint64_t>(rec->raw, 160 + 8 * 63, 777);
+    Put<uint64_t>(rec->raw, 160 + 8 * 64, 1ull << 60); // where a 65th time would sit
     EXPECT_EQ(lx::CalNewestDate(rec->raw), 777u);
     EXPECT_EQ(lxCalGetCorrectionCalDate(nullptr), 0u);
 }
@@ -123,9 +119,9 @@ TEST(CalRecord, DummyRecordEveryRegion) {
     }
     EXPECT_FALSE(kdCalDoesCorrectionsExist(rec.get()));
     EXPECT_EQ(lxCalGetCorrectionCalDate(rec.get()), ~0ull);
-    Put64(rec->raw, 16, 20240101);
+    Put<uint64_t>(rec->raw, 16, 20240101);
     EXPECT_TRUE(kdCalDoesCorrectionsExist(rec.get()));
-    Put64(rec->raw, 16, ~0ull >> 8 | 0xFEull << 56); // one bit clear is programmed
+    Put<uint64_t>(rec->raw, 16, ~0ull >> 8 | 0xFEull << 56); // one bit clear is programmed
     EXPECT_TRUE(kdCalDoesCorrectionsExist(rec.get()));
     EXPECT_FALSE(kdCalDoesCorrectionsExist(nullptr));
     lxCalBuildDummyCorrections(nullptr);
@@ -142,13 +138,13 @@ TEST(CalRecord, PropagateCopiesOneSlot) {
     for (auto [from, to] : {std::pair{2, 5}, std::pair{6, 0}}) {
         auto rec = NewRecord(0);
         for (size_t i = 672; i < kSize; ++i) rec->raw[i] = uint8_t(i * 2654435761u >> 13);
-        for (int s = 0; s < 7; ++s) PutF(rec->raw, 688 + 4 * size_t(s), -31.5f + 15.0f * float(s));
+        for (int s = 0; s < 7; ++s) Put<float>(rec->raw, 688 + 4 * size_t(s), -31.5f + 15.0f * float(s));
         std::vector<uint8_t> before(rec->raw, rec->raw + kSize);
 
         lxCalPropagateSingleTempCal(rec.get(), from, to);
 
         std::vector<uint8_t> expected = before;
-        PutF(expected.data(), 688 + 4 * size_t(to), -31.5f + 15.0f * float(from) + 15.0f * float(to - from));
+        Put<float>(expected.data(), 688 + 4 * size_t(to), -31.5f + 15.0f * float(from) + 15.0f * float(to - from));
         for (const Table& t : kSlotTables)
             std::memcpy(expected.data() + t.offset + t.slotBytes * size_t(to),
                         before.data() + t.offset + t.slotBytes * size_t(from), t.slotBytes);
@@ -176,7 +172,7 @@ TEST(CalRecord, AmplitudeOffsetClampsAndInterpolates) {
     for (int s = 0; s < 7; ++s)
         for (int a = 0; a < 7; ++a)
             for (int f = 0; f < 490; ++f)
-                PutF(rec->raw, 1208 + 4 * size_t((s * 7 + a) * 490 + f), AmplitudeValue(s, a, f));
+                Put<float>(rec->raw, 1208 + 4 * size_t((s * 7 + a) * 490 + f), AmplitudeValue(s, a, f));
     struct Case { int slot; float x; int atten, freqIndex; float expected; };
     const Case cases[] = {
         {2, 0.0f, 3, 1, AmplitudeValue(2, 3, 0)},     // 1-based frequency index

@@ -1,5 +1,4 @@
-// Correction lookups against hand-derived values, and the equaliser tap design
-// against an independent NumPy/SciPy computation (tap_design_reference.py).
+// Correction lookups against hand-derived values, taps against SciPy.
 #include <gtest/gtest.h>
 
 #include <cmath>

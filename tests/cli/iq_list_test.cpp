@@ -1,7 +1,5 @@
-// `lx530 list FREQ...`: whole runs on a simulated analyzer checked against the
-// scene (the tone power in the SigMF data files, calibrated with what the
-// metadata says), the metadata validated against the SigMF schema
-// (iq_check.py), and the command-line failures.
+// `lx530 list FREQ...` against the scene, its SigMF metadata against the
+// schema (iq_check.py), and its refusals.
 #include <cmath>
 #include <complex>
 #include <cstring>
@@ -64,9 +62,7 @@ std::vector<T> ReadSamples(const fs::path& p) {
     return v;
 }
 
-// One recording, a capture per step and pass: valid metadata, every
-// capture's samples hold the scene's tone at -30 dBm, the printed powers
-// agree, the time stamps increase.
+// One recording, a capture per step and pass, each holding the -30 dBm tone.
 TEST_F(IqList, OneRecordingWithACapturePerStep) {
     const Result r = Tool({"list", "19.2M", "915.84M", "5.80224G", "--samples", "10000", "--passes", "2", "--scene", "{dir}/scene.json",
                         "--sigmf", "{dir}/rec", "--json"});

@@ -1,6 +1,5 @@
-// The lx530 tool's streaming subcommands run as a user runs them, on a
-// simulated analyzer: the files they write read back by independent parsers
-// and checked against the scene.
+// The tool's streaming subcommands: their files, read back by independent
+// parsers, against the scene.
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -24,9 +23,7 @@ using RealTimeTool = ToolRun;
 using IqCli = ToolRun;
 using AudioCli = ToolRun;
 
-// `lx530 rt` as the README runs it: the report and the last frame's CSV put
-// the scene's strongest tone at its frequency and level, and the pictures
-// are written.
+// `lx530 rt` as the README runs it.
 TEST_F(RealTimeTool, TheReadmeRunShowsTheScene) {
     const std::string scene = std::string(LX_TEST_SOURCE_DIR) + "/scenes/realtime.json";
     const Result r = RunTool(dir.path, {"rt", "--scene", scene, "--center", "2.44G", "--span", "40M", "--rbw", "30k",
@@ -61,19 +58,12 @@ TEST_F(RealTimeTool, TheReadmeRunShowsTheScene) {
             if (std::fabs(f[i] - hz) < 20e3) best = std::max(best, mx[i]);
         EXPECT_NEAR(best, dbm, 1.0) << hz;
     }
-    for (const char* png : {"density.png", "waterfall.png"}) {
-        std::ifstream in(dir.path / png, std::ios::binary);
-        char magic[8] = {};
-        in.read(magic, 8);
-        EXPECT_EQ(std::string(magic + 1, 3), "PNG") << png;
-        EXPECT_GT(fs::file_size(dir.path / png), 10000u) << png;
-    }
+    // Written (the PNG writer itself is read back by Pillow in sweep_test.cpp).
+    for (const char* png : {"density.png", "waterfall.png"}) EXPECT_GT(fs::file_size(dir.path / png), 10000u) << png;
 }
 
-// `lx530 iq`: the SigMF recording validates against the SigMF schema
-// (python3-jsonschema) and holds the scene's tone at its power (NumPy on the
-// data file), with the position of the scene's GPS receiver and a time stamp
-// to the nanosecond.
+// `lx530 iq`: a valid SigMF recording of the scene's tone, with the GPS
+// position and a time stamp to the nanosecond.
 TEST_F(IqCli, SigmfRecordingOfTheScene) {
     std::ofstream(dir.path / "scene.json") << R"({"emitters": [{"kind": "tone", "frequency_hz": 1000.01e6,
         "power_dbm": -30}], "temperature_c": 45, "pacing": "realtime", "noise_floor_dbm_hz": -170,
@@ -111,9 +101,8 @@ TEST_F(IqCli, SigmfRecordingOfTheScene) {
     }
 }
 
-// `lx530 audio`: the WAV file is 30 kS/s mono of the asked length and
-// carries the scene's AM depth as its level (measured by
-// tests/e2e/audio_reference.py, which reads it with Python's own WAV reader).
+// `lx530 audio`: the scene's AM depth as the WAV's level
+// (tests/e2e/audio_reference.py, Python's own WAV reader).
 TEST_F(AudioCli, WavOfTheScenesAmTone) {
     std::ofstream(dir.path / "scene.json") << R"({"temperature_c": 45, "noise_floor_dbm_hz": -160, "emitters": [
         {"kind": "am", "frequency_hz": 1.2e6, "power_dbm": -40, "depth": 0.5, "audio_hz": 1000}]})";

@@ -1,5 +1,4 @@
-// Running the lx530 tool as a user does: a separate process, its exit code,
-// stdout and stderr.
+// Running the lx530 tool as a user does: a process, its exit code and output.
 #pragma once
 
 #include <sys/wait.h>
@@ -53,10 +52,8 @@ inline Result RunCommand(const fs::path& dir, const std::string& cmd) {
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Slurp(out), Slurp(err)};
 }
 
-// Runs lx530 in `dir` ("{dir}" in an argument stands for it). Every run gets
-// a calibration cache of its own: the cache outlives the simulated analyzer,
-// and a record cached by one run would be used by the next whatever its
-// scene says.
+// Runs lx530 in `dir` ("{dir}" in an argument stands for it), with a cache
+// of its own: a record cached by one run would serve the next, whatever its scene.
 inline Result RunTool(const fs::path& dir, std::vector<std::string> args) {
     static int runs = 0;
     std::string cmd = "XDG_CACHE_HOME=" + Quote(dir / ("cache" + std::to_string(runs++))) + " " + Quote(LX530_PATH);
@@ -67,8 +64,7 @@ inline Result RunTool(const fs::path& dir, std::vector<std::string> args) {
     return RunCommand(dir, cmd);
 }
 
-// Runs one of the tests' Python scripts (path from the source tree) on the
-// Debian interpreter.
+// Runs one of the tests' Python scripts on the Debian interpreter.
 inline Result RunPython(const fs::path& dir, const std::string& script, const std::string& args) {
     return RunCommand(dir, std::string(LX_TEST_PYTHON) + " " + LX_TEST_SOURCE_DIR + "/" + script + " " + args);
 }

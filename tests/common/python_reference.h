@@ -1,6 +1,4 @@
-// Runs one of the tests' NumPy/SciPy reference scripts on the Debian
-// interpreter, in a folder of its own, and reads back what it wrote: lines of
-// a key followed by its numbers ("nan" and "inf" included).
+// Runs a NumPy/SciPy reference script on the Debian interpreter.
 #pragma once
 
 #include <gtest/gtest.h>

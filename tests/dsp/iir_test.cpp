@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <complex>
-#include <numbers>
 #include <string>
 #include <vector>
 
@@ -22,13 +21,12 @@ double MaxAbs(const std::vector<double>& v) {
     return m;
 }
 
-// scipy.signal.cheby1(order, ripple, 2 * cutoff, btype) over low- and high-pass
-// cases of orders 1 to 9: coefficients, the response they give (freqz), and
-// lfilter on the float coefficients against IirFilter run in uneven blocks.
+// scipy.signal.cheby1(order, ripple, 2 * cutoff, btype), low- and high-pass of
+// orders 1 to 9: the coefficients, and lfilter on the float coefficients
+// against IirFilter run in uneven blocks.
 TEST(Chebyshev1, MatchesScipy) {
     const Reference& ref = Reference::Get("cheby");
     ASSERT_TRUE(ref.ok());
-    const auto& freqs = ref["iir/freqs"];
     const auto& xd = ref["iir/x"];
     const std::vector<float> x(xd.begin(), xd.end());
     int cases = 0;
@@ -45,21 +43,6 @@ TEST(Chebyshev1, MatchesScipy) {
         for (int i = 0; i <= order; ++i) {
             EXPECT_NEAR(c[i], b[i], 1e-10 * MaxAbs(b)) << "b" << i;
             EXPECT_NEAR(c[order + 1 + i], a[i], 1e-10 * MaxAbs(a)) << "a" << i;
-        }
-
-        const auto& wantDb = ref[key + "/response_db"];
-        for (size_t f = 0; f < freqs.size(); ++f) {
-            const std::complex<double> z = std::polar(1.0, -2.0 * std::numbers::pi * freqs[f]);
-            std::complex<double> num = 0, den = 0, zi = 1;
-            for (int i = 0; i <= order; ++i, zi *= z) {
-                num += c[i] * zi;
-                den += c[order + 1 + i] * zi;
-            }
-            const double gotDb = 20 * std::log10(std::abs(num / den));
-            if (wantDb[f] > -100)
-                EXPECT_NEAR(gotDb, wantDb[f], 1e-6) << "f=" << freqs[f];
-            else
-                EXPECT_LT(gotDb, -90) << "f=" << freqs[f];
         }
 
         lx::dsp::IirFilter filter;

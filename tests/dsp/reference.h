@@ -1,5 +1,4 @@
-// Reference data for the signal-processing tests, computed by reference.py with
-// NumPy/SciPy at test time (one run per data set and test process).
+// Reference data computed by reference.py with NumPy/SciPy at test time.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,8 +12,7 @@
 
 namespace lx::dsp::test {
 
-// Data set `name` ("windows", "fft", "fir", "cheby"), computed once per test
-// process; ok() is false when Python could not run it.
+// Data set `name`, computed once per process; ok() false when Python failed.
 class Reference {
 public:
     static const Reference& Get(const std::string& name) {

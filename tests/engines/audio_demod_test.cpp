@@ -1,7 +1,5 @@
-// The demodulators on their own: silence must never leave a non-finite value
-// in the audio (the high-pass would carry it for good), and once the AM mean
-// has decayed below any signal level it starts again from 0.1, so a carrier that returns is
-// demodulated at once.
+// Silence must never leave a non-finite value in the audio (the high-pass
+// would carry it for good); a decayed AM mean restarts at 0.1.
 #include <gtest/gtest.h>
 
 #include <cmath>

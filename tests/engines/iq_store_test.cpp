@@ -1,7 +1,4 @@
-// The I/Q sample store between the filter thread and the reader: samples come
-// out in order whatever the pieces, each trigger at its sample relative to the
-// reader's buffer, each read stamped with the time of its first sample, and a
-// writer that would overflow it empties it (the whole backlog) and says so.
+// The I/Q sample store between the filter thread and the reader.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -69,10 +66,9 @@ TEST(IqSampleStore, OrderTriggersAndStamps) {
         EXPECT_NEAR(double(store.Take(out.data(), n, false, 0, nullptr, 0, &written).stamp), stamp, 1.0) << n;
 }
 
-// Every gap is reported by each read that reaches it or the outputs the
-// filters' memory carries it into (20 here): the emptying of an overflowing
-// store, a block the analyzer reported lost, a block that never reached the
-// store (the gap before the next one).
+// A gap (an overflow's emptying, a block reported lost, a block that never
+// came) is reported by every read of the outputs the filters' memory (20)
+// carries it into.
 TEST(IqSampleStore, GapsAreReportedWhereTheyAre) {
     using Loss = IqSampleStore::Loss;
     IqSampleStore store(1000, kNs, 20);

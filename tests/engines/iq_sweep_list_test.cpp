@@ -1,7 +1,4 @@
-// The I/Q sweep list's plan and per-packet conversion: steps of any size fit
-// their command blocks with exactly one status packet each, and the int16
-// output is the shifted float rounded to nearest and saturated, as an
-// independent double-precision computation gives it.
+// The I/Q sweep list's plan, conversion and step shift.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -100,8 +97,7 @@ namespace {
 
 // Off the tuning grid the step shift -(F - C) / 5e7 per 61.44 MS/s sample
 // leaves a tone at F + x at x + (F - C)(1 - 61.44 / 50) in the step's
-// samples, C the capture centre the tuning makes for F. Found by a search
-// on the simulated analyzer's output, expected from the scene and the tuning.
+// samples, C the capture centre the tuning makes for F.
 TEST(SweepListOffset, ToneLandsWhereTheShiftPutsIt) {
     constexpr int32_t kSerial = 41100301;
     constexpr double kFs = 61.44e6, kX = 100e3;

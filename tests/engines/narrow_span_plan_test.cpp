@@ -1,11 +1,11 @@
-// Narrow-span plan arithmetic against values worked out by hand from the
-// decimation rule, and the requests of its command list.
+// Narrow-span plans against hand-worked values, and their requests.
 #include <gtest/gtest.h>
 
 #include "plan_settings.h"
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 
 #include "common/lx_assert.h"
 #include "engines/narrow_span_engine.h"
@@ -34,10 +34,8 @@ TEST(NarrowSpanPlan, DecimationFollowsTheSpan) {
 
 using lx::engines::test::Settings;
 
-// Hand-derived plans: split of D between device and host, window and FFT
-// (with both clamps), averaging from VBW and from the sweep time, packets
-// with the FIR's extra packet and whole buffers, bins, even sweep length
-// centred on the centre.
+// Hand-derived plans (D split between device and host, both FFT clamps,
+// averaging from VBW and sweep time, the FIR's extra packet).
 TEST(NarrowSpanPlan, ArithmeticMatchesWorkedExamples) {
     struct Case {
         const char* name;
@@ -111,27 +109,20 @@ TEST(NarrowSpanPlan, CommandListRequestsEveryPacket) {
         TuningState tuning;
         const CommandList list = BuildNarrowSpanCommands(n, tuning);
         const std::vector<uint32_t>& w = list.Words();
-        ASSERT_EQ(w.size() % CMD_SIZE_WORDS, 0u);
         // Past the end word only fillers.
         const size_t end = std::find(w.begin(), w.end(), 0x32000000u) - w.begin();
         ASSERT_LT(end, w.size());
         EXPECT_TRUE(std::all_of(w.begin() + long(end) + 1, w.end(), [](uint32_t x) { return x == kFillerWord; }));
-        uint32_t capture = 0;
-        int64_t packets = 0, listed = 0;
+        EXPECT_NE(std::find(w.begin(), w.begin() + long(end), 0x30000003u), w.begin() + long(end)) << "capture code";
+        int64_t packets = 0;
         for (size_t i = 0; i < end; ++i) {
-            if (w[i] >> 24 == 0x30) capture = w[i] & 0xFFFFFF;
             if (w[i] >> 24 != 0x31) continue;
             EXPECT_LE(i % CMD_SIZE_WORDS + 5, size_t{CMD_SIZE_WORDS}) << "a request split across blocks";
             packets += w[i] & 0xFF;
         }
-        for (uint32_t b : list.IqPacketTotals()) listed += b;
-        if (packets > 100 * 255) {
-            EXPECT_GT(list.BlockCount(), 1u);
-        }
         EXPECT_EQ(packets, n.sweep.packetsPerStep);
-        EXPECT_EQ(listed, packets);
-        EXPECT_EQ(n.sweep.packetsPerStep % 4, 0);
-        EXPECT_EQ(capture, 3u);
+        EXPECT_EQ(std::accumulate(list.IqPacketTotals().begin(), list.IqPacketTotals().end(), int64_t{0}), packets);
+        EXPECT_EQ(packets % 4, 0);
     }
 }
 

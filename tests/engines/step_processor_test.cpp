@@ -1,9 +1,6 @@
-// The step processor against a NumPy reference (step_reference.py): every
-// detector, video unit and scale, with zero padding and step gain, on two
-// tones (one above the centre, one below, one off-bin) in noise with a level
-// step half-way, so that min and max differ. Levels against the scene, the
-// detectors on a signal that comes and goes and video averaging of noise are
-// checked end to end (tests/e2e/sweep_test.cpp).
+// The step processor against NumPy (step_reference.py): every detector,
+// video unit and scale, padding and gain, on tones in noise with a level step
+// half-way. Levels against the scene: tests/e2e/sweep_test.cpp.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -8,31 +8,15 @@ sides see identical numbers) and the expected min and max traces, computed in
 double precision from the definitions: window normalised to mean 1 over the
 FFT length, DFT / n, halves swapped (numpy.fft.fftshift), detector, scale.
 """
+import os
 import sys
 
 import numpy as np
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "dsp"))
+from reference import out, put, window  # noqa: E402  (the windows from their formulas, the output format)
+
 rng = np.random.default_rng(20240923)
-out = []
-
-
-def put(key, values):
-    arr = np.asarray(values)
-    if np.iscomplexobj(arr):
-        arr = np.column_stack([arr.real, arr.imag]).ravel()
-    out.append(key + " " + " ".join(repr(float(v)) for v in np.ravel(arr)))
-
-
-def window(kind, n):
-    k = np.arange(n, dtype=np.float64)
-    if kind == 0:  # flat-top
-        x = np.pi * k / (n - 1)
-        return 1 - 1.93 * np.cos(2 * x) + 1.29 * np.cos(4 * x) - 0.388 * np.cos(6 * x) + 0.028 * np.cos(8 * x)
-    if kind == 2:  # Blackman
-        return 0.42659 - 0.49656 * np.cos(2 * np.pi * k / (n - 1)) + 0.076849 * np.cos(4 * np.pi * k / (n - 1))
-    if kind == 5:
-        return np.ones(n)
-    raise ValueError(kind)
 
 
 def segment_spectrum(seg, w, n, units):

@@ -1,6 +1,5 @@
-// The sweep engine's lifecycle on a simulated analyzer, from inside the
-// library: a stop in the middle of a sweep, which must leave nothing on the
-// link for its next user, and a record without a usable temperature bracket.
+// The sweep engine from inside the library: a stop mid-sweep, a record
+// without a usable temperature bracket.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -42,12 +41,9 @@ protected:
     engines::SweepEngine* Engine() { return static_cast<engines::SweepEngine*>(dev->engines[kSweepEngine].get()); }
 };
 
-// A 10 s sweep on the paced analyzer, stopped once its samples flow. The
-// engine must finish what it requested (and complete the analyzer's
-// part-filled 32 KiB buffer), or the next reader of the link gets stale
-// samples: the housekeeping read right after would find I/Q data where its
-// status packet should be. It must not wait for the whole sweep either:
-// fewer packets than the sweep's are delivered.
+// A 10 s paced sweep stopped once samples flow: the engine finishes what it
+// requested (or the housekeeping read after finds stale I/Q data), but does
+// not wait for the whole sweep.
 TEST_F(SweepEngineLifecycle, StopMidSweepLeavesTheLinkClean) {
     dev->sweep.sweepTime = 10.0;
     ASSERT_EQ(dev->Configure(1), lxNoError);

@@ -1,6 +1,4 @@
-// Sweep plan arithmetic and command list, against values worked out by hand
-// from the instrument's rules (step table rows, request word layout, band
-// words).
+// Sweep plan arithmetic and command list against hand-worked values.
 #include <gtest/gtest.h>
 
 #include "plan_settings.h"
@@ -118,7 +116,11 @@ std::vector<uint8_t> NeutralCal() {
 // Sweep time that gives exactly `packets` packets to a one-step sweep.
 double TimeFor(int32_t packets) { return packets * kPacketSeconds + kRetuneSeconds; }
 
-struct RequestWord { size_t block; uint32_t word; };
+struct RequestWord {
+    size_t block;
+    uint32_t word;
+    bool operator==(const RequestWord&) const = default;
+};
 
 std::vector<RequestWord> Requests(const CommandList& list) {
     std::vector<RequestWord> out;
@@ -150,12 +152,7 @@ TEST_P(Chunking, RequestsAndBlocks) {
     TuningState tuning;
     const CommandList list = BuildSweepCommands(p, 0, {}, false, tuning);
     EXPECT_EQ(list.BlockCount(), c.blocks);
-    const auto got = Requests(list);
-    ASSERT_EQ(got.size(), c.requests.size());
-    for (size_t i = 0; i < got.size(); ++i) {
-        EXPECT_EQ(got[i].block, c.requests[i].block) << "request " << i;
-        EXPECT_EQ(got[i].word, c.requests[i].word) << "request " << i;
-    }
+    EXPECT_EQ(Requests(list), c.requests);
     const auto& totals = list.IqPacketTotals();
     EXPECT_EQ(std::accumulate(totals.begin(), totals.end(), int64_t{0}), p.TotalPackets());
     EXPECT_EQ(p.TotalPackets() % 4, 0);

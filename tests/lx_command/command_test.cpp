@@ -1,6 +1,5 @@
-// Block rules, the request limits, the filter taps and the status packet's
-// fields. (The words of every request, capture and stop block are held to
-// the scene by tests/e2e: a wrong one loses the stream.)
+// Block rules, request limits, filter taps, status packet fields. (Request,
+// capture and stop words: tests/e2e, where a wrong one loses the stream.)
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,5 +1,4 @@
-# Shared pieces of the Python package's tests: scenes and simulated analyzers
-# opened through the package, closed and unplugged after each test.
+# Scenes, and simulated analyzers opened through the package and unplugged after each test.
 import itertools
 import os
 

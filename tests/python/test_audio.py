@@ -1,6 +1,4 @@
-# Demodulated audio through the package against the scene: the modulating
-# tone at its frequency (and, for AM, at the depth the scene gives it), and
-# the stored settings after clamping under the package's names.
+# Demodulated audio through the package against the scene, and its settings.
 import numpy as np
 import pytest
 

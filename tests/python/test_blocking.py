@@ -1,6 +1,4 @@
-# Blocking reads: other Python threads run while one waits (the GIL is
-# released), and a Ctrl-C (SIGINT to the process) ends the wait with
-# KeyboardInterrupt and leaves the device usable.
+# Blocking reads release the GIL, and a Ctrl-C ends them leaving the device usable.
 import os
 import signal
 import threading

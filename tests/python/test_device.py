@@ -1,5 +1,4 @@
-# Devices, housekeeping and GPS through the package against the scene, and
-# the package as `cmake --install` lays it out.
+# Devices, housekeeping and GPS through the package, and the installed package.
 import json
 import os
 import pathlib

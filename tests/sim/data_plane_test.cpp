@@ -1,6 +1,5 @@
 // The run firmware's data plane: how answers fill IN transfers, and what the
-// decimating capture lets through. (Faults: tests/faults, tests/usb_umockdev;
-// the overflow and data-loss bits, through the host: tests/e2e.)
+// decimating capture lets through.
 #include "sim_test_util.h"
 
 using namespace simtest;
@@ -57,8 +56,7 @@ TEST_F(DataPlaneTest, AnswersEndTransfersAsTheDeviceSendsThem) {
 // What lies beyond the band of capture code 3 is filtered out, never folded
 // in: 9 MHz is inside code 2's 30.72 MS/s but would land at 9 - 15.36 =
 // -6.36 MHz in code 3's. The tone reads about -10 dBFS; without it the stream
-// is the ADC's own noise, near -92 dBFS. (A tone's level and phase at every
-// decimation: tests/e2e/iq_test.cpp.)
+// is the ADC's own noise, near -92 dBFS.
 TEST_F(DataPlaneTest, NothingAliasesIntoTheDecimatedBand) {
     ASSERT_EQ(lxSimAttach(76100000, ToneScene(RowCentre(40) + 9.0e6, -20.0, -200.0).c_str()), lxNoError);
     auto d = Open(76100000);

@@ -1,9 +1,5 @@
-// What the scene puts at the input, measured in the captured samples by an
-// independent reference (tests/sim/signal_ref.py, NumPy/SciPy): noise
-// statistics, burst edges, each modulation against its textbook definition
-// (a sound file's programme: tests/e2e/audio_test.cpp; trigger edges on
-// bursts: tests/e2e/iq_test.cpp and tests/soapy). Levels are read
-// through the device's own factory calibration, as a host would.
+// What the scene puts at the input, measured in the captured samples by
+// NumPy/SciPy (signal_ref.py), levels through the factory calibration.
 #include <cmath>
 #include <numbers>
 
@@ -48,8 +44,7 @@ std::string Args(std::initializer_list<std::pair<const char*, double>> kv) {
     return s;
 }
 
-// Every bad scene is refused by an attach and by a scene change, with a
-// message naming what is wrong; the scene before it stays.
+// A bad scene is refused, naming what is wrong; the scene before it stays.
 TEST_F(EmitterTest, BadScenesAreRefusedNamingTheKeyAndThePreviousSceneStays) {
     const std::string data = LX_TEST_DATA_DIR, wav = data + "/audio/melody_8k.wav", nmea = data + "/nmea/";
     const auto tone = [](const std::string& more) {
@@ -89,6 +84,8 @@ TEST_F(EmitterTest, BadScenesAreRefusedNamingTheKeyAndThePreviousSceneStays) {
         {R"({"gps": {"nmea_log": "/nonexistent/file.log"}})", ""},
         {R"({"gps": {"nmea_log": ")" + nmea + R"(README.md"}})", ""}, // no RMC, GGA or ZDA
         {R"({"gps": {"nmea_log": ")" + nmea + R"(bu353s4.log", "latitude": 10}})", "nmea_log"},
+        {R"({"pacing": "realtime", "pace_rate": 0.05})", "pace_rate"}, {R"({"pace_rate": 0.5})", "pace_rate"},
+        {R"({"pacing": "realtime", "pace_rate": 1.5})", "pace_rate"},
     };
     const std::string good = Scene(R"({"kind": "tone", "frequency_hz": )" + std::to_string(kCentre + 2e6) +
                                    R"(, "power_dbm": -30})");
@@ -115,8 +112,7 @@ TEST_F(EmitterTest, BadScenesAreRefusedNamingTheKeyAndThePreviousSceneStays) {
     EXPECT_NEAR(lines.at("carrier") + in.Correction(0, kRow), -30.0, 0.2);
 }
 
-// Fresh Gaussian noise in every packet, at the scene's density across the
-// capture and in a decimated one.
+// Fresh Gaussian noise in every packet, at the scene's density, decimated too.
 TEST_F(EmitterTest, NoiseIsGaussianIndependentAndAtTheScenesDensity) {
     const struct { uint32_t code; double rate; const char* freqs; } cases[] = {
         {0, kFs, "-14e6,-11e6,-8e6,-5e6,-2e6,2e6,5e6,8e6,11e6,14e6"},
@@ -136,8 +132,7 @@ TEST_F(EmitterTest, NoiseIsGaussianIndependentAndAtTheScenesDensity) {
     }
 }
 
-// A burst train switches on and off on the ADC samples its times name, at
-// its power, at the full rate and decimated.
+// Burst edges on the ADC samples their times name, at full rate and decimated.
 TEST_F(EmitterTest, BurstEdgesLandOnTheirSamples) {
     const double start = 1.235e-3, width = 20e-6, period = 100e-6;
     Instrument in = Bring(77000020, Scene(R"({"kind": "burst", "frequency_hz": )" + std::to_string(kCentre + 3e6) +

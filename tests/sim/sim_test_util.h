@@ -29,15 +29,11 @@ using lx::usb::WaitResult;
 inline lx::usb::UsbBackend& Bus() { return lx::sim::Backend(); }
 
 // Opens the enumerated device whose serial string is `serial`; null if absent.
-inline std::unique_ptr<UsbDevice> Open(const std::string& serial) {
-    const int n = Bus().DeviceCount();
-    for (int i = 0; i < n; ++i) {
-        auto d = Bus().Open(i);
-        if (d && d->Identity().serial == serial) return d;
-    }
+inline std::unique_ptr<UsbDevice> Open(int32_t serial) {
+    for (int i = 0, n = Bus().DeviceCount(); i < n; ++i)
+        if (auto d = Bus().Open(i); d && d->Identity().serial == std::to_string(serial)) return d;
     return nullptr;
 }
-inline std::unique_ptr<UsbDevice> Open(int32_t serial) { return Open(std::to_string(serial)); }
 
 inline std::vector<std::string> EnumeratedSerials() {
     std::vector<std::string> out;
@@ -186,8 +182,7 @@ inline std::vector<std::complex<double>> Samples(const std::vector<uint8_t>& byt
     return x;
 }
 
-// Runs tests/sim/signal_ref.py MEASURE on samples taken at `rate` and returns
-// the values it prints; empty (and a failure) when Python cannot run it.
+// The values signal_ref.py MEASURE prints for samples taken at `rate`.
 inline std::map<std::string, double> Measure(const std::string& measure, const std::vector<std::complex<double>>& x,
                                              double rate, const std::string& args = "") {
     const std::vector<std::complex<float>> f(x.begin(), x.end());

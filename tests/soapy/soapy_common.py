@@ -1,5 +1,4 @@
-"""Shared pieces of the SoapySDR tests: scenes written to temporary files,
-the device opened through SoapySDR, samples read, a tone measured."""
+"""Shared pieces of the SoapySDR tests: scene files, the device, reads, tone levels."""
 import json
 import os
 import tempfile

@@ -1,6 +1,4 @@
-"""A simulated analyzer on another "host": SoapySDRServer (soapyremote-server)
-on the loopback address serves it, and this process streams from it
-through driver=remote."""
+"""Streaming through SoapySDRServer on the loopback address (driver=remote)."""
 import os
 import signal
 import socket

@@ -1,6 +1,4 @@
-"""The LX530 through SoapySDR's Python API (python3-soapysdr): samples,
-levels, time stamps, losses, trigger edges, sensors and refused input, each
-against what the simulated scene holds."""
+"""The LX530 through SoapySDR's Python API, against the simulated scene."""
 import calendar
 import math
 import os

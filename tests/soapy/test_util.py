@@ -1,6 +1,4 @@
-"""SoapySDRUtil (soapysdr-tools) on simulated analyzers: --find and --probe,
-as a user runs them. (Streaming without loss or made-up samples:
-test_stream.py, test_remote.py.)"""
+"""SoapySDRUtil --find and --probe on simulated analyzers, as a user runs them."""
 import re
 import subprocess
 import unittest

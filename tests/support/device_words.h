@@ -1,8 +1,5 @@
-// What the simulated device makes of a run of command words, through the
-// simulator's own models: the path of the band word, the LO and capture
-// centre of the synthesizer words, the IF level and the filter taps. Shared by
-// the unit tests that judge the host's words by the device's reading of them
-// (header only: no test executable of its own).
+// What the simulated device makes of command words (band path, LO, capture
+// centre, IF level, taps), for tests that judge the host's words by it.
 #pragma once
 
 #include <cstddef>

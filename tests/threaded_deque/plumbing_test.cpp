@@ -43,8 +43,7 @@ TEST(ThreadedDeque, GrowingPastMaximumThrowsLengthError) {
     EXPECT_NO_THROW(q.push({9, 1})); // drained room is usable again
 }
 
-// One producer, one consumer, the consumer editing the front in place while
-// the producer keeps pushing: every packet is consumed exactly once, in order.
+// The consumer edits the front in place while the producer pushes.
 TEST(ThreadedDeque, ProducerConsumerHandsOverEveryRecordOnce) {
     constexpr int kRecords = 20000;
     lx::ThreadedDeque<Work> q;

@@ -1,6 +1,4 @@
-// Opening a device with its calibration record: where the record comes from
-// (cache or flash), how much flash is read, what is cached, and the settle
-// waits of the boot-loader round trip.
+// Opening with the calibration record: from cache or flash, and the settle waits.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -123,8 +121,6 @@ TEST_P(OpenWithCalibration, TakesTheRecordFromWhereItIsNewest) {
     const auto wallMs = std::chrono::duration_cast<std::chrono::milliseconds>(
                             std::chrono::steady_clock::now() - wallBefore).count();
 
-    EXPECT_TRUE(t.IsOpen());
-    EXPECT_EQ(t.Serial(), serial);
     EXPECT_EQ(Personality(serial), 1) << "the device must be left in its run firmware";
     EXPECT_EQ(Counters(serial).flashReads, c.flashReads);
     EXPECT_EQ(t.CalInvalid(), c.invalid);
@@ -140,7 +136,6 @@ TEST_P(OpenWithCalibration, TakesTheRecordFromWhereItIsNewest) {
         // A factory record is self-consistent; the corrupt one is the flash's
         // own (damaged) bytes, compared with the cache written from it.
         EXPECT_TRUE(CalIsProgrammed(image.data()));
-        EXPECT_EQ(CalMagicField(image.data()), kCalMagic);
         if (!flash.empty()) {
             EXPECT_TRUE(image == flash);
         }
@@ -172,7 +167,7 @@ TEST_F(OpenFailures, HandshakeWithoutAnswerSendsTheDeviceBackToItsLoader) {
     EXPECT_FALSE(t.IsBound());
     EXPECT_EQ(Personality(serial), 0);
     // The failed open leaves nothing bound: the device is offered again.
-    EXPECT_TRUE(testing::Contains(ListSerials({kProductId}), serial));
+    EXPECT_EQ(std::ranges::count(ListSerials({kProductId}), serial), 1);
 }
 
 TEST_F(OpenFailures, StatusesForDevicesThatCannotBeOpened) {

@@ -30,13 +30,6 @@ inline int32_t Personality(int32_t serial) {
     return run;
 }
 
-template <typename T>
-bool Contains(const std::vector<T>& v, const T& x) {
-    for (const T& e : v)
-        if (e == x) return true;
-    return false;
-}
-
 // Every test starts and ends with an empty simulated bus. Serials are unique
 // per test so that tests running in parallel never share a cache file.
 class SimBus : public ::testing::Test {
