@@ -20,7 +20,6 @@ import lx_api
 CONFIGURE_S = 10.0
 TURN_S = 60.0
 POLL_S = 0.1
-SAMPLE_S = 5.0
 
 
 def resident_kib():
@@ -48,7 +47,7 @@ def main():
         scene = json.load(f)
     totals = dict(seconds=0.0, configures=0, iq_samples=0, frames=0, samples_dropped=0, spectra_lost=0,
                   data_loss_events=0, transport_errors=0, polls=0, poll_errors=0)
-    memory, counts = [], []
+    memory, counts, incidents = [], [], []
     with lx_api.Simulator(10000777, scene) as sim, lx_api.open(sim.serial) as dev:
         stop = threading.Event()
 
@@ -65,7 +64,6 @@ def main():
         poller.start()
         buf = np.empty(131072, np.complex64)  # 1 MiB
         start = time.monotonic()
-        next_sample = start
         try:
             while time.monotonic() - start < a.minutes * 60:
                 elapsed = time.monotonic() - start
@@ -83,13 +81,19 @@ def main():
                     else:
                         dev.get_realtime_frame()
                         totals["frames"] += 1
-                    if time.monotonic() >= next_sample:
-                        next_sample += SAMPLE_S
-                        memory.append((time.monotonic() - start, iq, resident_kib()))
-                        counts.append((iq, threads()))
+                # Memory at the same point of every configure's life: just
+                # after one, buffers are still being touched for the first
+                # time, which is churn, not growth.
+                memory.append((time.monotonic() - start, iq, resident_kib()))
+                counts.append((iq, threads()))
                 h = dev.stream_health()  # counts since this configure
+                bad = {}
                 for k in ("samples_dropped", "spectra_lost", "data_loss_events", "transport_errors"):
                     totals[k] += getattr(h, k)
+                    if getattr(h, k):
+                        bad[k] = getattr(h, k)
+                if bad:  # where in the run it happened says more than the total
+                    incidents.append(dict(at_s=round(elapsed, 1), mode="iq" if iq else "realtime", **bad))
             dev.abort()
         finally:
             stop.set()
@@ -109,7 +113,7 @@ def main():
     spread = max(spreads.values(), default=0.0)
     totals.update(resident_mib=ranges, resident_spread_pct=spread,
                   threads={m: sorted({n for i, n in counts if i == (m == "iq")}) for m in ("iq", "realtime")},
-                  load_average=os.getloadavg()[0])
+                  load_average=os.getloadavg()[0], incidents=incidents)
     ok = (totals["samples_dropped"] == 0 and totals["spectra_lost"] == 0 and totals["data_loss_events"] == 0
           and totals["transport_errors"] == 0 and totals["poll_errors"] == 0 and spread <= 1.0
           and all(len(v) <= 1 for v in totals["threads"].values()))
@@ -120,6 +124,8 @@ def main():
           f"device data-loss events {totals['data_loss_events']}, transport errors {totals['transport_errors']}")
     print(f"resident memory (MiB) {ranges} (widest spread {spread:.2f} %), threads while streaming "
           f"{totals['threads']}, load average {totals['load_average']:.1f}")
+    for i in incidents:
+        print("  at " + ", ".join(f"{k} {v}" for k, v in i.items()))
     print("soak: " + ("passed" if ok else "FAILED"))
     if a.json:
         with open(a.json, "w") as f:
