@@ -84,7 +84,7 @@ TEST_F(Gps, NoFixAndLossClearThePositionAndTheTextFitsItsBuffer) {
     ASSERT_EQ(lxSimSetScene(30000302, R"({"gps": {"fix": false}})"), lxNoError);
     NextSecond(h);
     const Fix v = NextSecond(h);
-    EXPECT_EQ(std::make_tuple(v.lat, v.lon, v.time, State(h)), std::make_tuple(0.0, 0.0, int64_t{0}, 0u));
+    EXPECT_EQ(std::make_tuple(v.lat, v.lon, v.alt, v.time, State(h)), std::make_tuple(0.0, 0.0, 0.0, int64_t{0}, 0u));
 
     // A quiet receiver's fix holds under three seconds from its last pulse.
     // (The message in flight at a scene change tells the old state.)

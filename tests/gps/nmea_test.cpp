@@ -9,7 +9,8 @@ namespace {
 
 using lx::gps::NmeaState;
 
-// Well-formed fields through the whole path: tests/e2e/gps_test.cpp.
+// Well-formed sentences, a void fix and the time of a fix through the whole
+// path: tests/e2e/gps_test.cpp.
 TEST(Coordinate, DegreesAndMinutes) {
     const struct { const char* field; bool ok; double degrees; } cases[] = {
         {"5212.982135", true, 52 + 12.982135 / 60}, // six-decimal minutes
@@ -42,35 +43,6 @@ TEST(Sentence, SplitKeepsEmptyFieldsAndCaps) {
     const auto f = lx::gps::SplitFields("RMC,a,,c,", 12);
     EXPECT_EQ(f, (std::vector<std::string>{"a", "", "c", ""}));
     EXPECT_EQ(lx::gps::SplitFields("GGA,1,2,3,4", 2).size(), 2u);
-}
-
-TEST(Rmc, ActiveFixSetsPositionAndTimeOneSecondLater) {
-    NmeaState s;
-    lx::gps::ApplyNmea("$GPRMC,123519,A,4807.038,N,01131.000,E,022.4,084.4,230394,003.1,W*6A\r\n"
-                       "$GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,*47\r\n",
-                       s);
-    EXPECT_TRUE(s.fixValid);
-    EXPECT_NEAR(s.latitude, 48.1173, 1e-9);
-    EXPECT_NEAR(s.longitude, 11.516666666666667, 1e-9);
-    EXPECT_DOUBLE_EQ(s.altitude, 545.4);
-    // 2094-03-23 12:35:20 UTC: two-digit years are taken as 20yy.
-    EXPECT_EQ(s.gpsSeconds, 3920186120LL);
-    EXPECT_EQ(s.gpsTimeNs, 3920186120LL * 1000000000LL);
-}
-
-TEST(Rmc, VoidStatusClearsPositionButKeepsTheTime) {
-    NmeaState s;
-    lx::gps::ApplyNmea("$GPRMC,123519,A,4807.038,S,01131.000,W,0,0,230394,,*00\r\n$GPGGA,1,2,3,4,5,6,7,8,100.0\r\n", s);
-    ASSERT_TRUE(s.fixValid);
-    EXPECT_LT(s.latitude, 0);
-    EXPECT_LT(s.longitude, 0);
-    lx::gps::ApplyNmea("$GPRMC,123520,V,4807.038,N,01131.000,E,0,0,230394,,*00\r\n", s);
-    EXPECT_FALSE(s.fixValid);
-    EXPECT_EQ(s.latitude, 0.0);
-    EXPECT_EQ(s.longitude, 0.0);
-    EXPECT_EQ(s.altitude, 0.0);
-    EXPECT_EQ(s.gpsSeconds, 0);
-    EXPECT_EQ(s.gpsTimeNs, 3920186121LL * 1000000000LL); // time of the void sentence, kept
 }
 
 TEST(Rmc, BadCoordinateKeepsThePreviousPosition) {
