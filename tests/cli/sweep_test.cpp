@@ -8,7 +8,6 @@
 #include <fstream>
 #include <limits>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -29,13 +28,6 @@ using ::testing::Not;
 using namespace lx::cli;
 using namespace clitest;
 
-std::vector<std::string> Lines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string l; std::getline(in, l);) lines.push_back(l);
-    return lines;
-}
-
 std::vector<std::string> Split(const std::string& line, const std::string& sep) {
     std::vector<std::string> out;
     size_t at = 0;
@@ -43,6 +35,13 @@ std::vector<std::string> Split(const std::string& line, const std::string& sep) 
         out.push_back(line.substr(at, next - at));
     out.push_back(line.substr(at));
     return out;
+}
+
+// The lines of a text that ends each with a newline.
+std::vector<std::string> Lines(const std::string& text) {
+    auto lines = Split(text, "\n");
+    lines.pop_back();
+    return lines;
 }
 
 // Runs the reference script; its JSON answer, or null after a failure.
