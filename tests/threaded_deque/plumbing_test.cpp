@@ -43,42 +43,6 @@ TEST(ThreadedDeque, GrowingPastMaximumThrowsLengthError) {
     EXPECT_NO_THROW(q.push({9, 1})); // drained room is usable again
 }
 
-// The consumer edits the front in place while the producer pushes.
-TEST(ThreadedDeque, ProducerConsumerHandsOverEveryRecordOnce) {
-    constexpr int kRecords = 20000;
-    lx::ThreadedDeque<Work> q;
-    Event ready(Event::Mode::AutoReset);
-    long long sum = 0;
-    int expectedId = 0;
-    bool ordered = true;
-    std::thread consumer([&] {
-        int seen = 0;
-        while (seen < kRecords) {
-            if (q.empty()) {
-                ready.WaitFor(100);
-                continue;
-            }
-            Work& w = q.front();
-            if (w.id != expectedId) ordered = false;
-            sum += w.id;
-            if (--w.packetsLeft == 0) {
-                q.pop();
-                ++seen;
-                ++expectedId;
-            }
-        }
-    });
-    for (int i = 0; i < kRecords; ++i) {
-        q.push({i, 1 + i % 3});
-        ready.Set();
-    }
-    consumer.join();
-    EXPECT_TRUE(ordered);
-    long long expected = 0;
-    for (int i = 0; i < kRecords; ++i) expected += static_cast<long long>(i) * (1 + i % 3);
-    EXPECT_EQ(sum, expected);
-}
-
 TEST(Event, ManualResetReleasesEveryWaiterUntilReset) {
     Event e(Event::Mode::ManualReset);
     std::atomic<int> woke{0};
