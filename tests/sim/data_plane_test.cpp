@@ -62,9 +62,7 @@ TEST_F(DataPlaneTest, NothingAliasesIntoTheDecimatedBand) {
     auto d = Open(76100000);
     ASSERT_NE(d, nullptr);
     const auto powerDb = [&](uint32_t code, uint32_t packets) {
-        lx::TuningState st;
-        uint32_t w[lx::kTuneMaxWords];
-        std::vector<uint32_t> words(w, w + lx::EncodeTune(st, w, RowLo(40), RowCentre(40), 4, 0, 24, false));
+        std::vector<uint32_t> words = TuneWords(40);
         words.push_back(0x30000000u | code);
         for (uint32_t r : Request(packets, 0)) words.push_back(r);
         EXPECT_TRUE(Send(*d, words));

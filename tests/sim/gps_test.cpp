@@ -2,7 +2,6 @@
 #include <complex>
 #include <numbers>
 
-#include "lx_command/encoders.h"
 #include "sim_test_util.h"
 
 using namespace simtest;
@@ -14,16 +13,14 @@ using GpsTest = SimTest;
 // The samples come from the reference the tune word sets, whether the host
 // wrote the word or the discipline walked it there.
 TEST_F(GpsTest, DisciplinedWordRetunesTheReference) {
-    const double lo = RowLo(300), centre = RowCentre(300), tone = centre + 1e6;
+    const double tone = RowCentre(300) + 1e6;
     const uint16_t target = 0x8040 + 1000;
     std::string scene = ToneScene(tone, -20, -200);
     scene.insert(scene.size() - 1, R"(, "gps": {"disciplined_tune": )" + std::to_string(target) + "}");
     ASSERT_EQ(lxSimAttach(80000600, scene.c_str()), lxNoError);
     auto d = Open(80000600);
     ASSERT_NE(d, nullptr);
-    lx::TuningState st;
-    uint32_t tune[lx::kTuneMaxWords];
-    std::vector<uint32_t> words(tune, tune + lx::EncodeTune(st, tune, lo, centre, 4, 0, 24, false));
+    std::vector<uint32_t> words = TuneWords(300);
     words.push_back(0x2E008040u);
     ASSERT_TRUE(Send(*d, words));
     // Baseband frequency of a clean tone: least-squares slope of its unwrapped phase.

@@ -148,19 +148,18 @@ inline Instrument Bring(int32_t serial, const std::string& scene) {
 }
 
 // Words that tune to grid row `row` (LO = row tuning frequency, capture
-// centre = row centre) with attenuation step `atten`, as the host's encoders
-// write them, followed by the row's equaliser taps, the tune word and a
-// request.
+// centre = row centre), as the host's encoders write them.
+inline std::vector<uint32_t> TuneWords(int row, uint8_t ifLevel = 4, uint32_t gainField = 0) {
+    lx::TuningState st;
+    uint32_t w[lx::kTuneMaxWords];
+    return {w, w + lx::EncodeTune(st, w, RowLo(row), RowCentre(row), ifLevel, gainField, 24, false)};
+}
 
+// The row's tune words with attenuation step `atten` and the record's IF
+// level, then its equaliser taps, the tune word and a request.
 inline std::vector<uint32_t> TuneAndCapture(const Instrument& in, int row, int atten, uint32_t iq, uint32_t aux,
                                             uint32_t captureCode = 0) {
-    const double lo = RowLo(row);
-    const double centre = RowCentre(row);
-    lx::TuningState st;
-    uint32_t words[lx::kTuneMaxWords];
-    const int ifLevelIndex = row - 1;
-    const int n = lx::EncodeTune(st, words, lo, centre, in.cal[716 + ifLevelIndex], 5 * atten, 24, false);
-    std::vector<uint32_t> out(words, words + n);
+    std::vector<uint32_t> out = TuneWords(row, in.cal[716 + row - 1], 5 * uint32_t(atten));
     lx::CommandList taps;
     taps.BeginBlock();
     lx::EncodeFilterTaps(taps, in.Equaliser(row).taps);
