@@ -59,10 +59,9 @@ TEST_F(Registry, PresetSendsTheAnalyzerAwayAndFreesTheHandle) {
     const uint64_t t0 = VirtualMs();
     EXPECT_EQ(lxPresetDevice(h), lxNoError);
     EXPECT_GE(VirtualMs() - t0, 6000u);
-    int32_t mode = 0, run = -1, again = -1;
+    int32_t mode = 0, again = -1;
     EXPECT_EQ(lxGetCurrentMode(h, &mode), lxInvalidDeviceErr);
-    ASSERT_EQ(lxSimGetPersonality(30000061, &run), lxNoError);
-    EXPECT_EQ(run, 0); // in its boot loader until opened again
+    EXPECT_EQ(Get(lxSimGetPersonality, 30000061), 0); // in its boot loader until opened again
     EXPECT_EQ(lxOpenDeviceBySerial(&again, 30000061), lxNoError);
     EXPECT_EQ(again, h);
 }

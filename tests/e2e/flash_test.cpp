@@ -159,9 +159,7 @@ TEST_F(Flash, EveryRegionRoundTripsAndTheAnalyzerRestartsWithIt) {
 
     // Restarted, the analyzer is what its flash now says.
     ASSERT_EQ(lxBootCloseDevice(0), lxNoError);
-    int32_t personality = -1;
-    ASSERT_EQ(lxSimGetPersonality(kOld, &personality), lxNoError);
-    EXPECT_EQ(personality, 0);
+    EXPECT_EQ(e2e::Get(lxSimGetPersonality, kOld), 0);
     ASSERT_EQ(lxOpenDeviceBySerial(&h, kNew), lxNoError);
     EXPECT_EQ(e2e::Get(lxGetSerialNumber, h), static_cast<uint32_t>(kNew));
     uint32_t major = 0, minor = 0, revision = 0;
@@ -234,10 +232,9 @@ TEST_P(FlashFaults, ReportedRecoverableAndNeverTakenAsValid) {
 
     // It still reaches a boot loader: its own, or through the ROM loader (no
     // serial, not listed) when the boot image is broken.
-    int32_t personality = -1, count = 8, serials[8];
+    int32_t count = 8, serials[8];
     if (lxBootOpenDeviceBySerial(&h, serial) != lxNoError) {
-        ASSERT_EQ(lxSimGetPersonality(serial, &personality), lxNoError);
-        EXPECT_EQ(personality, 2);
+        EXPECT_EQ(e2e::Get(lxSimGetPersonality, serial), 2);
         EXPECT_TRUE(c.damaged && c.region == kBoot);
         ASSERT_EQ(lxGetDeviceList(serials, &count), lxNoError);
         EXPECT_EQ(count, 0);

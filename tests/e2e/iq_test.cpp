@@ -327,9 +327,7 @@ TEST_F(Iq, FullBandCapture) {
     h = AttachAndOpen(kSerial, Scene({{tone, -20}}));
     std::vector<float> v(16384, NAN);
     ASSERT_EQ(lxAdminGetFullBandIQ(h, lo, v.data()), lxNoError);
-    int32_t mode = -1;
-    ASSERT_EQ(lxGetCurrentMode(h, &mode), lxNoError);
-    EXPECT_EQ(mode, lxModeIdle);
+    EXPECT_EQ(e2e::Get(lxGetCurrentMode, h), lxModeIdle);
     std::vector<cd> x(8192);
     for (size_t i = 0; i < x.size(); ++i) x[i] = cd(v[2 * i] - 576.0 / 32768, v[2 * i + 1] - 576.0 / 32768);
     double best = -400, bestF = 0;

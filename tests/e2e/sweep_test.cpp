@@ -295,13 +295,6 @@ TEST_F(Sweep, SlowHostAgainstAPacedAnalyzerLosesSamples) {
     EXPECT_NEAR(t.mx[size_t(t.PeakIndex(1.0125e9))], -30.0, 1.0); // still a spectrum
 }
 
-// Waits until the analyzer has delivered samples: a sweep is under way.
-void AwaitSamples(int32_t serial) {
-    LxSimCounters c{};
-    ASSERT_EQ(lxSimResetCounters(serial), lxNoError);
-    while (lxSimGetCounters(serial, &c) == lxNoError && c.iqPackets == 0) std::this_thread::yield();
-}
-
 // Another thread ends a waiting 30 s sweep at once; only an unplug touches
 // the outputs (steps without samples read empty).
 struct InterruptCase { const char* name; LxStatus expected; void (*act)(int32_t handle, int32_t serial); };
@@ -314,8 +307,9 @@ TEST_P(Interrupted, APendingSweepEndsAtOnce) {
     Set(1.010e9, 1.015e9, 1e6, 1e6, 30.0);
     Trace t;
     ASSERT_TRUE(Configure(t));
+    ASSERT_EQ(lxSimResetCounters(kSerial), lxNoError);
     std::thread sweeper([&] { Read(t); });
-    AwaitSamples(kSerial);
+    while (Counters(kSerial).iqPackets == 0) std::this_thread::yield(); // the sweep is under way
     GetParam().act(h, kSerial);
     sweeper.join();
     EXPECT_EQ(t.status, GetParam().expected);
