@@ -191,8 +191,8 @@ TEST_F(Audio, RingRunsOnAndAReaderBehindIsTold) {
         "deviation_hz": 5000, "audio_hz": 750})"));
     Start(h, 1e9, lxAudioFM, 15000);
     // 2 s without reading (250 packets make a block).
-    const uint64_t start = Counters(kSerial).iqPackets;
-    while (Counters(kSerial).iqPackets < start + 250 * 60) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const uint64_t start = Get(lxSimGetCounters, kSerial).iqPackets;
+    while (Get(lxSimGetCounters, kSerial).iqPackets < start + 250 * 60) std::this_thread::sleep_for(std::chrono::milliseconds(20));
     std::vector<float> b(kBlock);
     EXPECT_EQ(lxGetAudio(h, b.data()), lxUncalData);
     EXPECT_GE(FitTone(Record(h, 0, 30), 750).sinad, 30.0); // FM in 15 kHz: see the first test

@@ -50,18 +50,6 @@ std::vector<uint32_t> SimTest::CommandLog(int32_t serial) {
     return words;
 }
 
-LxSimCounters SimTest::Counters(int32_t serial) {
-    LxSimCounters c{};
-    EXPECT_EQ(lxSimGetCounters(serial, &c), lxNoError);
-    return c;
-}
-
-uint64_t SimTest::VirtualMs() {
-    uint64_t ms = 0;
-    EXPECT_EQ(lxSimGetVirtualTimeMs(&ms), lxNoError);
-    return ms;
-}
-
 double Pace(double want) {
     const char* v = std::getenv("LX_SIM_PACE_RATE");
     const double cap = v != nullptr && *v != '\0' ? std::atof(v) : 1.0;

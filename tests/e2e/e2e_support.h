@@ -8,8 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "lx_api.h"
-#include "lx_sim.h"
+#include "../support/sim_readings.h"
 
 namespace e2e {
 
@@ -21,19 +20,11 @@ protected:
     int32_t AttachAndOpen(int32_t serial, const std::string& scene = "",
                           LxStatus expected = lxNoError);
     std::vector<uint32_t> CommandLog(int32_t serial);
-    LxSimCounters Counters(int32_t serial);
-    uint64_t VirtualMs();
     void Open(int32_t serial, const std::string& scene = "") { h = AttachAndOpen(serial, scene); }
     int32_t h = -1;
 };
 
-// What a one-output getter reports; the test fails when it refuses.
-template <typename T>
-T Get(LxStatus (*get)(int32_t, T*), int32_t h) {
-    T v{};
-    EXPECT_EQ(get(h, &v), lxNoError);
-    return v;
-}
+using ::Get;
 
 // A loaded host may fall behind a paced analyzer and say so: the data still arrive.
 inline bool Delivered(LxStatus s) { return s == lxNoError || s == lxUncalData; }

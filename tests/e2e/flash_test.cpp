@@ -114,8 +114,8 @@ TEST_F(Flash, ChecksInOrder) {
         {lxInvalidParameterErr, [&] { return lxBootWriteFlashPage(0, 0x10000, buf); }},
     };
     for (size_t i = 0; i < std::size(refused); ++i) EXPECT_EQ(refused[i].second(), refused[i].first) << i;
-    EXPECT_EQ(Counters(75000001).flashPageWrites, 0u);
-    EXPECT_EQ(Counters(75000001).flashPageErases, 0u);
+    EXPECT_EQ(Get(lxSimGetCounters, 75000001).flashPageWrites, 0u);
+    EXPECT_EQ(Get(lxSimGetCounters, 75000001).flashPageErases, 0u);
     EXPECT_EQ(e2e::Get(lxBootGetSerial, 0), 75000001);
 }
 

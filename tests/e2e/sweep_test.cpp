@@ -309,7 +309,7 @@ TEST_P(Interrupted, APendingSweepEndsAtOnce) {
     ASSERT_TRUE(Configure(t));
     ASSERT_EQ(lxSimResetCounters(kSerial), lxNoError);
     std::thread sweeper([&] { Read(t); });
-    while (Counters(kSerial).iqPackets == 0) std::this_thread::yield(); // the sweep is under way
+    while (Get(lxSimGetCounters, kSerial).iqPackets == 0) std::this_thread::yield(); // the sweep is under way
     GetParam().act(h, kSerial);
     sweeper.join();
     EXPECT_EQ(t.status, GetParam().expected);

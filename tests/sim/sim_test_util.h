@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "../common/python_reference.h"
+#include "../support/sim_readings.h"
 #include "cal/correction.h"
 #include "lx_command/encoders.h"
 #include "lx_sim.h"
@@ -92,12 +93,6 @@ inline uint64_t U64(const uint8_t* p) { return U32(p) | static_cast<uint64_t>(U3
 inline std::string ToneScene(double hz, double dbm, double noise = -170) {
     return R"({"noise_floor_dbm_hz": )" + std::to_string(noise) + R"(, "emitters": [{"kind": "tone", "frequency_hz": )" +
            std::to_string(hz) + R"(, "power_dbm": )" + std::to_string(dbm) + "}]}";
-}
-
-inline uint64_t VirtualMs() {
-    uint64_t ms = 0;
-    lxSimGetVirtualTimeMs(&ms);
-    return ms;
 }
 
 constexpr double kFs = 61.44e6;

@@ -99,9 +99,9 @@ TEST_F(Enumeration, WaitNotBusyGivesUpAfterTenSeconds) {
     std::unique_ptr<UsbDevice> dev = FindBySerial(serial);
     ASSERT_NE(dev, nullptr);
     ASSERT_EQ(lxSimInjectFault(serial, lxSimFaultStayBusy, -1), lxNoError);
-    const uint64_t v0 = testing::VirtualMs();
+    const uint64_t v0 = VirtualMs();
     EXPECT_FALSE(WaitNotBusy(dev.get()));
-    const uint64_t waited = testing::VirtualMs() - v0;
+    const uint64_t waited = VirtualMs() - v0;
     EXPECT_GE(waited, 10000u);
     EXPECT_LE(waited, 10100u);
     ASSERT_EQ(lxSimInjectFault(serial, lxSimFaultNone, 0), lxNoError);

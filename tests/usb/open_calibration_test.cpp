@@ -14,10 +14,7 @@
 namespace lx::usb {
 namespace {
 
-using testing::Counters;
-using testing::Personality;
 using testing::SimBus;
-using testing::VirtualMs;
 
 using Image = std::vector<uint8_t>;
 
@@ -99,7 +96,7 @@ TEST_P(OpenWithCalibration, TakesTheRecordFromWhereItIsNewest) {
         first.Close();
         if (c.cache == Cache::None) std::remove(CalFilePath(serial).c_str());
     }
-    ASSERT_EQ(Personality(serial), c.start == Start::RunFirmware ? 1 : 0);
+    ASSERT_EQ(Get(lxSimGetPersonality, serial), c.start == Start::RunFirmware ? 1 : 0);
 
     Image cached;
     if (c.cache != Cache::None) {
@@ -121,8 +118,8 @@ TEST_P(OpenWithCalibration, TakesTheRecordFromWhereItIsNewest) {
     const auto wallMs = std::chrono::duration_cast<std::chrono::milliseconds>(
                             std::chrono::steady_clock::now() - wallBefore).count();
 
-    EXPECT_EQ(Personality(serial), 1) << "the device must be left in its run firmware";
-    EXPECT_EQ(Counters(serial).flashReads, c.flashReads);
+    EXPECT_EQ(Get(lxSimGetPersonality, serial), 1) << "the device must be left in its run firmware";
+    EXPECT_EQ(Get(lxSimGetCounters, serial).flashReads, c.flashReads);
     EXPECT_EQ(t.CalInvalid(), c.invalid);
     EXPECT_GE(elapsed, c.minVirtualMs);
     // The settle waits are the simulator's virtual time: one real 3000 ms
@@ -165,7 +162,7 @@ TEST_F(OpenFailures, HandshakeWithoutAnswerSendsTheDeviceBackToItsLoader) {
     EXPECT_EQ(t.OpenWithCalibration(serial), lxConnectionLostErr);
     EXPECT_FALSE(t.IsOpen());
     EXPECT_FALSE(t.IsBound());
-    EXPECT_EQ(Personality(serial), 0);
+    EXPECT_EQ(Get(lxSimGetPersonality, serial), 0);
     // The failed open leaves nothing bound: the device is offered again.
     EXPECT_EQ(std::ranges::count(ListSerials({kProductId}), serial), 1);
 }

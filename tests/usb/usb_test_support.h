@@ -7,28 +7,10 @@
 #include <cstdio>
 #include <vector>
 
+#include "../support/sim_readings.h"
 #include "lx_lib/cal_files.h"
-#include "lx_sim.h"
 
 namespace lx::usb::testing {
-
-inline uint64_t VirtualMs() {
-    uint64_t ms = 0;
-    EXPECT_EQ(lxSimGetVirtualTimeMs(&ms), lxNoError);
-    return ms;
-}
-
-inline LxSimCounters Counters(int32_t serial) {
-    LxSimCounters c{};
-    EXPECT_EQ(lxSimGetCounters(serial, &c), lxNoError);
-    return c;
-}
-
-inline int32_t Personality(int32_t serial) {
-    int32_t run = -1;
-    EXPECT_EQ(lxSimGetPersonality(serial, &run), lxNoError);
-    return run;
-}
 
 // Every test starts and ends with an empty simulated bus. Serials are unique
 // per test so that tests running in parallel never share a cache file.
