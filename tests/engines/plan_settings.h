@@ -7,14 +7,7 @@ namespace lx::engines::test {
 
 inline SweepSettings Settings(double start, double stop, double rbw, double vbw, double sweepTime,
                               int32_t window = 0) {
-    SweepSettings s;
-    s.start = start;
-    s.stop = stop;
-    s.rbw = rbw;
-    s.vbw = vbw;
-    s.sweepTime = sweepTime;
-    s.window = window;
-    return s;
+    return {.start = start, .stop = stop, .rbw = rbw, .vbw = vbw, .window = window, .sweepTime = sweepTime};
 }
 
 } // namespace lx::engines::test
