@@ -58,12 +58,8 @@ protected:
 
 TEST_P(RealTimePoi, BurstsOfThePoiTimeAreAlwaysSeen) {
     const double widthOfPoi = GetParam().widthOfPoi;
-    dev->realTime.centre = 1e9;
-    dev->realTime.span = 40e6;
-    dev->realTime.rbw = GetParam().rbw;
-    dev->realTime.window = GetParam().window;
-    dev->realTime.frameRefLevel = 0;
-    dev->realTime.frameScale = 100;
+    dev->realTime = {.centre = 1e9, .span = 40e6, .rbw = GetParam().rbw, .frameRefLevel = 0,
+                     .frameScale = 100, .window = GetParam().window};
     // The plan first: the predictions take seconds of a core, which a
     // loaded machine cannot spare while the stream runs.
     const engines::RealTimePlan p = engines::PlanRealTime(dev->realTime, dev->attenuator, dev->refLevel);
