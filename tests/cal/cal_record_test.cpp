@@ -8,10 +8,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "cal/cal_record.h"
@@ -207,35 +207,29 @@ TEST(CalRecord, TempInterpolateEndsAreExact) {
     EXPECT_EQ(lx::TempInterpolate(a, b, x), 17.89886474609375f);
 }
 
-class LoadFromFile : public testing::Test {
-protected:
-    void SetUp() override { std::filesystem::create_directories(dir_); }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
-    std::string Write(const char* name, size_t bytes, uint8_t fill) {
-        const std::string path = (dir_ / name).string();
-        std::ofstream(path, std::ios::binary).write(std::string(bytes, char(fill)).data(), std::streamsize(bytes));
-        return path;
-    }
-    const std::filesystem::path dir_ =
-        std::filesystem::temp_directory_path() / ("lx_cal_load_" + std::to_string(getpid()));
-};
-
-TEST_F(LoadFromFile, WholeRecordOrNothing) {
+TEST(CalRecord, LoadFromFileTakesAWholeRecordOrNothing) {
+    const std::string base = ::testing::TempDir() + "lx_cal_load_" + std::to_string(getpid()) + "_";
+    const auto write = [&](const char* name, size_t bytes, uint8_t fill) {
+        const std::string data(bytes, char(fill));
+        std::ofstream(base + name, std::ios::binary).write(data.data(), std::streamsize(bytes));
+        return base + name;
+    };
     auto rec = NewRecord(0x11);
     struct Case { const char* name; size_t bytes; bool ok; };
     for (const Case& c : {Case{"short.bin", kSize - 1, false}, Case{"empty.bin", 0, false},
                           Case{"exact.bin", kSize, true}, Case{"long.bin", kSize + 100, true}}) {
         std::memset(rec->raw, 0x11, kSize);
-        const std::string path = Write(c.name, c.bytes, 0x22);
-        EXPECT_EQ(lxCalCorrectionLoadFromFile(path.c_str(), rec.get()), c.ok) << c.name;
+        EXPECT_EQ(lxCalCorrectionLoadFromFile(write(c.name, c.bytes, 0x22).c_str(), rec.get()), c.ok) << c.name;
         const uint8_t want = c.ok ? 0x22 : 0x11; // a failed load leaves the record alone
         EXPECT_EQ(rec->raw[0], want) << c.name;
         EXPECT_EQ(rec->raw[kSize - 1], want) << c.name;
     }
-    EXPECT_FALSE(lxCalCorrectionLoadFromFile((dir_ / "missing.bin").c_str(), rec.get()));
-    EXPECT_FALSE(lxCalCorrectionLoadFromFile(dir_.c_str(), rec.get())); // a directory
+    EXPECT_FALSE(lxCalCorrectionLoadFromFile((base + "missing.bin").c_str(), rec.get()));
+    EXPECT_FALSE(lxCalCorrectionLoadFromFile(::testing::TempDir().c_str(), rec.get())); // a directory
     EXPECT_FALSE(lxCalCorrectionLoadFromFile(nullptr, rec.get()));
-    EXPECT_FALSE(lxCalCorrectionLoadFromFile(Write("x.bin", kSize, 1).c_str(), nullptr));
+    EXPECT_FALSE(lxCalCorrectionLoadFromFile(write("x.bin", kSize, 1).c_str(), nullptr));
+    for (const char* name : {"short.bin", "empty.bin", "exact.bin", "long.bin", "x.bin"})
+        std::remove((base + name).c_str());
 }
 
 } // namespace
