@@ -49,8 +49,6 @@ struct OutputCase {
     std::vector<std::string> expected; // on stdout
 };
 
-void PrintTo(const OutputCase& c, std::ostream* os) { *os << c.name; }
-
 class OutputTest : public CliTest, public ::testing::WithParamInterface<OutputCase> {};
 
 TEST_P(OutputTest, Succeeds) {
@@ -134,8 +132,6 @@ struct FailureCase {
     int exitCode;
     std::vector<std::string> messages;
 };
-
-void PrintTo(const FailureCase& c, std::ostream* os) { *os << c.name; }
 
 class FailureTest : public CliTest, public ::testing::WithParamInterface<FailureCase> {};
 

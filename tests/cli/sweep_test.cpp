@@ -168,8 +168,6 @@ const Tone kTones[] = {{500e6, -30.0}, {1.2e9, -55.0}};
 
 struct RunCase { const char* name; std::vector<std::string> args; };
 
-void PrintTo(const RunCase& c, std::ostream* os) { *os << c.name; }
-
 struct Outcome { Result result; json doc; std::string csv, rtlPower; fs::path png; };
 
 // One run of the tool per case on the two-tone scene, shared by its checks.

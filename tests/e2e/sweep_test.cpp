@@ -194,7 +194,6 @@ INSTANTIATE_TEST_SUITE_P(
 // RBW / 10: a running mean over about 10 segments, within about 2 dB. Medians
 // over the span, in dB against the average detector.
 struct DetectorCase { const char* name; double vbwRatio; double maxAboveLo, maxAboveHi, minBelowLo, minBelowHi; };
-void PrintTo(const DetectorCase& c, std::ostream* os) { *os << c.name; }
 
 class Detectors : public Sweep, public ::testing::WithParamInterface<DetectorCase> {};
 
@@ -298,7 +297,6 @@ TEST_F(Sweep, SlowHostAgainstAPacedAnalyzerLosesSamples) {
 // Another thread ends a waiting 30 s sweep at once; only an unplug touches
 // the outputs (steps without samples read empty).
 struct InterruptCase { const char* name; LxStatus expected; void (*act)(int32_t handle, int32_t serial); };
-void PrintTo(const InterruptCase& c, std::ostream* os) { *os << c.name; }
 
 class Interrupted : public Sweep, public ::testing::WithParamInterface<InterruptCase> {};
 

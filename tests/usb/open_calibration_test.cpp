@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <ostream>
 #include <vector>
 
 #include "cal/cal_record.h"
@@ -64,8 +63,6 @@ const OpenCase kOpenCases[] = {
     {"Unprogrammed", 10000109, kUnprogrammed, Start::RunFirmware, Cache::None, 1, 0, Expect::Blank, 6000},
     {"Corrupt", 10000110, kCorrupt, Start::RunFirmware, Cache::None, 1 + kWholeRecord, 1, Expect::Flash, 6000},
 };
-
-void PrintTo(const OpenCase& c, std::ostream* os) { *os << c.name; }
 
 class OpenWithCalibration : public SimBus, public ::testing::WithParamInterface<OpenCase> {};
 

@@ -139,8 +139,6 @@ TEST_F(LibusbPath, BootStrapThroughTheRomLoader) {
 // discard), and either loses the link.
 struct WireCase { const char* name; int32_t fault; bool timedOut; uint32_t transferred; LxStatus link; };
 
-void PrintTo(const WireCase& c, std::ostream* os) { *os << c.name; }
-
 class LibusbWire : public LibusbPath, public ::testing::WithParamInterface<WireCase> {};
 
 TEST_P(LibusbWire, LinkStatusFollowsWhatTheWireDelivered) {
