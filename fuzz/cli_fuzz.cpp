@@ -2,7 +2,8 @@
 // bytes), parsed and checked as the tool does before it touches an analyzer
 // or a file. Nothing may crash, and an exit code is one of the three. Run
 // with -close_fd_mask=3 (as ./dev fuzz does): help and usage text would
-// drown the fuzzer's own output.
+// drown the fuzzer's own output. One parser serves every input, as the
+// fuzzer's speed needs: each parse starts from the defaults again.
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -26,7 +27,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<const char*> argv;
     for (const auto& a : args) argv.push_back(a.c_str());
     argv.push_back(nullptr);
-    const int code = lx::cli::Main(static_cast<int>(args.size()), argv.data(), true);
+    static lx::cli::CommandLine commandLine;
+    const int code = commandLine.Check(static_cast<int>(args.size()), argv.data());
     if (code != lx::cli::kExitOk && code != lx::cli::kExitFailure && code != lx::cli::kExitUsage) std::abort();
     return 0;
 }

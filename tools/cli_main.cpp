@@ -34,8 +34,35 @@ int UsageError(const std::string& message) {
 
 } // namespace
 
-int Main(int argc, const char* const* argv, bool parseOnly) {
+// Everything the command line sets, and the parser bound to it. CLI11 writes
+// only the options given, so a parse starts from the defaults again (Reset).
+struct CommandLine::Parts {
+    struct Values {
+        int32_t simSerial = kDefaultSimSerial;
+        bool json = false;
+        std::string scene;
+        std::optional<int32_t> serial;
+        IqListOptions iqList;
+        SweepOptions sweep;
+        RealTimeOptions rt;
+        FlashOptions flash;
+        IqOptions iq;
+        AudioOptions audio;
+    } v;
     CLI::App app{"Finds, inspects and measures with LX530 spectrum analyzers.", "lx530"};
+    CLI::Option* sim = nullptr;
+    CLI::App *list = nullptr, *info = nullptr, *sweep = nullptr, *rt = nullptr, *flash = nullptr, *iq = nullptr,
+             *audio = nullptr;
+    // After a parse that leaves something to run: the scene file, if any,
+    // and whether to attach a simulated analyzer.
+    std::optional<std::string> sceneFile;
+    bool simulate = false;
+
+    Parts();
+    std::optional<int> Parse(int argc, const char* const* argv);
+};
+
+CommandLine::Parts::Parts() {
     app.footer("Exit status: 0 done, 1 the library or an analyzer refused, 2 wrong command line.\n"
                "Without hardware: 'lx530 --sim info' or 'lx530 sweep --scene scenes/demo.json' run on a\n"
                "simulated LX530 (docs/simulator.md).");
@@ -45,46 +72,40 @@ int Main(int argc, const char* const* argv, bool parseOnly) {
     app.set_version_flag("--version", std::string("lx530 ") + LX530_VERSION + " (lx_api " + lxGetAPIVersion() + ")",
                          "Print the tool and library versions and exit");
 
-    std::optional<std::string> sceneFile;
-    int32_t simSerial = kDefaultSimSerial;
-    bool json = false;
-    std::string scene;
-    auto* sim = app.add_option("--sim", scene,
-                               "Attach a simulated LX530 first, with the scene in SCENE.json "
-                               "(the default scene without a file). Give a file as --sim=FILE.")
-                    ->expected(0, 1)
-                    ->type_name("[SCENE.json]");
-    app.add_option("--sim-serial", simSerial,
+    sim = app.add_option("--sim", v.scene,
+                         "Attach a simulated LX530 first, with the scene in SCENE.json "
+                         "(the default scene without a file). Give a file as --sim=FILE.")
+              ->expected(0, 1)
+              ->type_name("[SCENE.json]");
+    app.add_option("--sim-serial", v.simSerial,
                    "Serial number of the simulated LX530 (default " + std::to_string(kDefaultSimSerial) + ")")
         ->type_name("SERIAL")
         ->check(CLI::Range(10000000, 99999999));
-    app.add_flag("--json", json, "Print a JSON document instead of text");
+    app.add_flag("--json", v.json, "Print a JSON document instead of text");
 
-    auto* list = app.add_subcommand(
+    list = app.add_subcommand(
         "list", "List the attached analyzers; with frequencies, capture I/Q at each of them (an I/Q sweep list)");
-    IqListOptions iqListOptions;
-    AddIqListOptions(*list, iqListOptions);
-    auto* info = app.add_subcommand(
+    AddIqListOptions(*list, v.iqList);
+    info = app.add_subcommand(
         "info", "Open an analyzer (the first, or --serial) and print its identity, housekeeping and GPS state");
-    std::optional<int32_t> serial;
-    info->add_option("--serial", serial, "Serial number of the analyzer to open")->type_name("SERIAL");
+    info->add_option("--serial", v.serial, "Serial number of the analyzer to open")->type_name("SERIAL");
     info->footer(kGlobalFooter);
-    SweepOptions sweepOptions;
-    auto* sweep = AddSweepCommand(app, sweepOptions);
-    RealTimeOptions rtOptions;
-    auto* rt = AddRealTimeCommand(app, rtOptions);
-    FlashOptions flashOptions;
-    auto* flash = AddFlashCommand(app, flashOptions);
-    IqOptions iqOptions;
-    auto* iq = AddIqCommand(app, iqOptions);
-    AudioOptions audioOptions;
-    auto* audio = AddAudioCommand(app, audioOptions);
+    sweep = AddSweepCommand(app, v.sweep);
+    rt = AddRealTimeCommand(app, v.rt);
+    flash = AddFlashCommand(app, v.flash);
+    iq = AddIqCommand(app, v.iq);
+    audio = AddAudioCommand(app, v.audio);
 
     // Leftovers are reported here rather than by the parser, so that a
     // mistyped subcommand is named as one.
     app.allow_extras();
     app.require_subcommand(0, 1);
+}
 
+std::optional<int> CommandLine::Parts::Parse(int argc, const char* const* argv) {
+    v = Values{};
+    sceneFile.reset();
+    simulate = false;
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -107,48 +128,62 @@ int Main(int argc, const char* const* argv, bool parseOnly) {
         return UsageError("unexpected argument '" + extras.front() + "'");
     }
     if (!haveSubcommand) return UsageError("a subcommand is required: 'list', 'info', 'sweep', 'rt', 'iq', 'audio' or 'flash'");
-    if (list->parsed() && !iqListOptions.Requested() && iqListOptions.AnyGiven(*list))
+    if (list->parsed() && !v.iqList.Requested() && v.iqList.AnyGiven(*list))
         return UsageError("list: the sweep-list options need frequencies or --csv");
-    if (sim->count() > 0 && !scene.empty()) sceneFile = scene;
+    if (sim->count() > 0 && !v.scene.empty()) sceneFile = v.scene;
     // `sweep --scene FILE` is --sim=FILE spelt the way a measurement reads.
     const std::optional<std::string> noScene;
-    const std::optional<std::string>& sceneGiven = sweep->parsed() ? sweepOptions.scene
-                                                   : rt->parsed()  ? rtOptions.scene
-                                                   : iq->parsed()  ? iqOptions.scene
-                                                   : audio->parsed() ? audioOptions.scene
-                                                   : list->parsed() ? iqListOptions.scene
+    const std::optional<std::string>& sceneGiven = sweep->parsed() ? v.sweep.scene
+                                                   : rt->parsed()  ? v.rt.scene
+                                                   : iq->parsed()  ? v.iq.scene
+                                                   : audio->parsed() ? v.audio.scene
+                                                   : list->parsed() ? v.iqList.scene
                                                                     : noScene;
     const bool sceneOption = sceneGiven.has_value();
     if (sceneOption) {
         if (sim->count() > 0) return UsageError("give the scene either as --sim=FILE or as --scene FILE");
         sceneFile = sceneGiven;
     }
-    const bool simulate = sim->count() > 0 || sceneOption;
+    simulate = sim->count() > 0 || sceneOption;
     if (app.get_option("--sim-serial")->count() > 0 && !simulate)
         return UsageError("--sim-serial needs --sim (or --scene)");
-    if (parseOnly) return kExitOk;
+    return std::nullopt;
+}
+
+CommandLine::CommandLine() : p_(std::make_unique<Parts>()) {}
+CommandLine::~CommandLine() = default;
+
+int CommandLine::Check(int argc, const char* const* argv) { return p_->Parse(argc, argv).value_or(kExitOk); }
+
+int Main(int argc, const char* const* argv) {
+    CommandLine cl;
+    auto& p = *cl.p_;
+    if (const auto refused = p.Parse(argc, argv)) return *refused;
+    const auto& v = p.v;
+    const bool json = v.json;
+    const auto *list = p.list, *info = p.info, *rt = p.rt, *flash = p.flash, *iq = p.iq, *audio = p.audio;
 
     int code = kExitOk;
     try {
         // Declared first, so unplugged only after the analyzer was closed.
         std::optional<SimulatedAnalyzer> simulated;
-        if (simulate) simulated.emplace(simSerial, sceneFile);
-        if (list->parsed() && iqListOptions.Requested())
-            code = RunIqList(iqListOptions, json);
+        if (p.simulate) simulated.emplace(v.simSerial, p.sceneFile);
+        if (list->parsed() && v.iqList.Requested())
+            code = RunIqList(v.iqList, json);
         else if (list->parsed())
             code = RunList(json);
         else if (info->parsed())
-            code = RunInfo(serial, json);
+            code = RunInfo(v.serial, json);
         else if (rt->parsed())
-            code = RunRealTime(rtOptions, json);
+            code = RunRealTime(v.rt, json);
         else if (flash->parsed())
-            code = RunFlash(flashOptions, json);
+            code = RunFlash(v.flash, json);
         else if (iq->parsed())
-            code = RunIq(iqOptions, json);
+            code = RunIq(v.iq, json);
         else if (audio->parsed())
-            code = RunAudio(audioOptions, json);
+            code = RunAudio(v.audio, json);
         else
-            code = RunSweep(sweepOptions, json);
+            code = RunSweep(v.sweep, json);
     } catch (const Failure& f) {
         std::fprintf(stderr, "lx530: %s\n", f.what());
         if (!f.Hint().empty()) std::fprintf(stderr, "lx530: %s\n", f.Hint().c_str());

@@ -1,4 +1,5 @@
 // The lx530 tool's command line, reports and flash commands.
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +13,7 @@
 
 #include "lx_api.h"
 #include "../boot/test_image.h"
+#include "main.h"
 #include "report.h"
 #include "tool_run.h"
 
@@ -161,9 +163,7 @@ std::vector<std::string> Sweep(std::vector<std::string> more) {
 }
 const char* const kEmpty = R"({"emitters": []})";
 
-INSTANTIATE_TEST_SUITE_P(
-    Cli, FailureTest,
-    ::testing::Values(
+const FailureCase kFailures[] = {
         FailureCase{"MissingSceneFile", {"--sim={dir}/missing.json", "list"}, nullptr, 2, {"missing.json", "No such file"}},
         FailureCase{"SceneIsADirectory", {"--sim={dir}", "list"}, nullptr, 2, {"cannot read scene file"}},
         FailureCase{"SceneNotJson", {"--sim={dir}/scene.json", "info"}, "{\"temperature_c\": }", 1,
@@ -220,8 +220,41 @@ INSTANTIATE_TEST_SUITE_P(
         FailureCase{"AudioZeroDuration", {"audio", "--sim", "--output", "{dir}/a.wav", "--duration", "0s"}, nullptr, 2, {}},
         FailureCase{"AudioBadCentre", {"audio", "--sim", "--output", "{dir}/a.wav", "--center", "x"}, nullptr, 2, {}},
         FailureCase{"AudioNegativeBandwidth", {"audio", "--sim", "--output", "{dir}/a.wav", "--if-bandwidth", "-3k"},
-                    nullptr, 2, {}}),
-    [](const auto& info) { return std::string(info.param.name); });
+                    nullptr, 2, {}}};
+INSTANTIATE_TEST_SUITE_P(Cli, FailureTest, ::testing::ValuesIn(kFailures),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// One parser reused, as the fuzz target uses it, answers every command line
+// as a fresh one does whatever it parsed before (a scene, a serial or a span
+// left over from the last line would change the answer).
+TEST(CommandLine, ReusedAnswersAsAFreshOne) {
+    std::vector<std::vector<std::string>> lines = {{"sweep", "--scene", "s.json", "--start", "1G", "--stop", "2G"},
+                                                   {"--sim", "sweep"},
+                                                   {"sweep", "--center", "1G", "--span", "1M"},
+                                                   {"list", "--sim", "--sim-serial", "23456789"}};
+    for (const auto& c : kFailures) lines.push_back(c.args);
+    const auto check = [](lx::cli::CommandLine& cl, const std::vector<std::string>& args) {
+        std::vector<const char*> argv{"lx530"};
+        for (const auto& a : args) argv.push_back(a.c_str());
+        return cl.Check(static_cast<int>(argv.size()), argv.data());
+    };
+    std::vector<int> fresh;
+    testing::internal::CaptureStderr(); // the refusals' messages
+    for (const auto& b : lines) {
+        lx::cli::CommandLine cl;
+        fresh.push_back(check(cl, b));
+    }
+    lx::cli::CommandLine reused;
+    for (const auto& a : lines) {
+        for (size_t k = 0; k < lines.size(); ++k) {
+            check(reused, a);
+            EXPECT_EQ(check(reused, lines[k]), fresh[k]) << lines[k][0] << " after " << a[0];
+        }
+    }
+    testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::count(fresh.begin(), fresh.end(), 0), 0); // both kinds are in the table
+    EXPECT_NE(std::count(fresh.begin(), fresh.end(), 2), 0);
+}
 
 TEST_F(CliTest, FlashBackupVerifyWriteAndRefusals) {
     Result r = Run({"--sim", "--json", "flash", "backup", "{dir}/bk"});
