@@ -2,7 +2,8 @@
 //
 // Valid argument ranges
 //   resize(count)      count >= 0. A negative count reports "false" and leaves the
-//                      vector as it was. Contents never survive a resize. A block
+//                      vector as it was. A resized vector holds zeros (its pages
+//                      are in place before a streaming thread writes it). A block
 //                      that cannot be allocated throws std::bad_alloc and leaves
 //                      the vector empty (set-up code runs under the API guard).
 //   operator[](pos)    0 <= pos < size(). Anything else reports
