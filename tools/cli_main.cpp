@@ -35,7 +35,7 @@ int UsageError(const std::string& message) {
 } // namespace
 
 // Everything the command line sets, and the parser bound to it. CLI11 writes
-// only the options given, so a parse starts from the defaults again (Reset).
+// only the options given, so every parse first puts the defaults back.
 struct CommandLine::Parts {
     struct Values {
         int32_t simSerial = kDefaultSimSerial;
