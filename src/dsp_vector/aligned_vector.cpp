@@ -19,7 +19,7 @@ void AlignedVector<T>::resize(int64_t count) {
     mem_ = static_cast<T*>(::operator new(bytes, std::align_val_t{kSampleAlignment}));
     capacity_ = count;
     // Touched now, at set-up: the first write to a fresh page is a page
-    // fault, and a stream's first pass through a 300 MB sample store put the
+    // fault, and a stream's first pass through a 245 MB sample store put the
     // filter thread more than its 20-block ring behind at 61.44 MS/s.
     zero();
 }
