@@ -260,6 +260,10 @@ std::vector<FaultCase> AllFaults() {
         v.push_back({lxSimFaultFlashProgram, r, write, true});
         v.push_back({lxSimFaultFlashBitFlip, r, write, true});
         v.push_back({lxSimFaultPowerLoss, r, write, true});
+        // Link faults meet the read-back, the only IN transfers of a write:
+        // the region is whole, but the call cannot know it.
+        v.push_back({lxSimFaultShortTransfer, r, write, false});
+        v.push_back({lxSimFaultStall, r, write, false});
     }
     return v;
 }
@@ -267,7 +271,10 @@ std::vector<FaultCase> AllFaults() {
 std::string CaseName(const ::testing::TestParamInfo<FaultCase>& info) {
     const char* region[] = {"Boot", "Run", "Cal"};
     const char* fault[] = {"Program", "Erase", "OutStall", "BitFlip", "PowerLoss"};
-    return std::string(region[info.param.region]) + fault[info.param.fault - lxSimFaultFlashProgram];
+    const int32_t f = info.param.fault;
+    return std::string(region[info.param.region]) + (f == lxSimFaultShortTransfer ? "ShortRead"
+                                                      : f == lxSimFaultStall       ? "StalledRead"
+                                                                                   : fault[f - lxSimFaultFlashProgram]);
 }
 
 INSTANTIATE_TEST_SUITE_P(Matrix, FlashFaults, ::testing::ValuesIn(AllFaults()), CaseName);

@@ -180,6 +180,14 @@ struct Bus::Impl {
         usbSerial = id.serial;
     }
 
+    // Whether the enumeration the node stands for is still on the bus.
+    bool StillHere() {
+        auto d = sim::FindBySerial(serial);
+        DeviceIdentity id;
+        uint64_t gen = 0;
+        return !unplugged && d && d->PresentNow(&id, &gen) && gen == generation;
+    }
+
     void Hide() {
         if (devnode.empty()) return;
         umockdev_testbed_remove_device(Testbed(), "/sys/devices/usb1");
@@ -222,7 +230,9 @@ struct Bus::Impl {
                     continue;
                 }
                 u.actual = r == WaitResult::Completed ? c->dev->FinishBulk(*u.t) : 0;
-                u.status = r == WaitResult::Completed ? 0 : -ESHUTDOWN;
+                // A transfer the device refused (a failed flash command) is a
+                // stall; one that failed because the device left is a shutdown.
+                u.status = r == WaitResult::Completed ? 0 : StillHere() ? -EPIPE : -ESHUTDOWN;
                 if (u.ep == Endpoint::BulkIn) inBytes += u.actual;
                 c->done.push_back(std::move(*it));
                 it = c->pending.erase(it);
