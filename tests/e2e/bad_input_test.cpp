@@ -355,4 +355,106 @@ TEST_F(BadInput, EveryCallReturnsAListedStatusAndARefusalChangesNothing) {
     }
 }
 
+// A heap buffer of exactly the length an export's comment gives, then a guard,
+// all filled with a pattern: a call may write its whole length and nothing
+// past it (ASan sees the heap; this guard catches it in every build).
+template <typename T>
+class Exact {
+public:
+    explicit Exact(size_t n) : n_(n), bytes_((n + 64) * sizeof(T), kPattern) {}
+    T* get() { return reinterpret_cast<T*>(bytes_.data()); }
+    bool WroteLast() const { return !Untouched(n_ - 1, n_); }
+    bool WrotePast() const { return !Untouched(n_, n_ + 64); }
+
+private:
+    static constexpr uint8_t kPattern = 0xA5;
+    bool Untouched(size_t from, size_t to) const {
+        return std::all_of(bytes_.begin() + std::ptrdiff_t(from * sizeof(T)), bytes_.begin() + std::ptrdiff_t(to * sizeof(T)),
+                           [](uint8_t b) { return b == kPattern; });
+    }
+    size_t n_;
+    std::vector<uint8_t> bytes_;
+};
+
+template <typename... B>
+void ExpectExactlyFilled(const char* what, const B&... buffers) {
+    int k = 0;
+    for (const bool ok : {(buffers.WroteLast() && !buffers.WrotePast())...})
+        EXPECT_TRUE(ok) << what << ", buffer " << k++;
+}
+
+// Every export that fills an array the caller sized from the documentation:
+// whole, and not a byte beyond. Lengths that are not a whole packet or block
+// of the device's are the ones that would show a copy rounded up.
+TEST_F(BadInput, BuffersOfTheDocumentedLengthAreFilledAndNotOverrun) {
+    Open(kSerial, e2e::SceneOf({{1.0001e9, -30.0}}));
+
+    ASSERT_EQ(lxSetSweepCenterSpan(h, 1e9, 20e6), lxNoError);
+    ASSERT_EQ(lxConfigure(h, lxModeSweep), lxNoError);
+    int32_t length = 0;
+    ASSERT_EQ(lxGetSweepParameters(h, nullptr, nullptr, nullptr, nullptr, &length), lxNoError);
+    Exact<float> sweepMin{size_t(length)}, sweepMax{size_t(length)};
+    ASSERT_TRUE(e2e::Delivered(lxGetSweep(h, sweepMin.get(), sweepMax.get(), nullptr)));
+    ExpectExactlyFilled("sweep", sweepMin, sweepMax);
+
+    ASSERT_EQ(lxConfigure(h, lxModeRealTime), lxNoError);
+    int32_t width = 0, height = 0;
+    ASSERT_EQ(lxGetRealTimeParameters(h, nullptr, &length, nullptr, nullptr, &width, &height, nullptr), lxNoError);
+    const size_t cells = size_t(width) * size_t(height);
+    Exact<float> frame{cells}, alpha{cells}, rtMin{size_t(length)}, rtMax{size_t(length)};
+    ASSERT_TRUE(e2e::Delivered(lxGetRealTimeFrame(h, frame.get(), alpha.get(), rtMin.get(), rtMax.get(), nullptr, nullptr)));
+    ExpectExactlyFilled("real-time frame", frame, alpha, rtMin, rtMax);
+
+    const uint32_t steps[] = {2048, 1000, 4095};
+    ASSERT_EQ(lxSetIQSweepListSteps(h, 3), lxNoError);
+    for (int32_t s = 0; s < 3; ++s) ASSERT_EQ(lxSetIQSweepListSampleCount(h, s, steps[s]), lxNoError);
+    for (const int32_t type : {0, 1}) {
+        ASSERT_EQ(lxSetIQSweepListDataType(h, type), lxNoError);
+        ASSERT_EQ(lxConfigure(h, lxModeIQSweepList), lxNoError);
+        Exact<uint8_t> pass((2048 + 1000 + 4095) * (type == 0 ? 8u : 4u));
+        Exact<uint64_t> stamps(3);
+        Exact<float> corrections(3);
+        ASSERT_TRUE(e2e::Delivered(lxIQSweepListGetSweep(h, pass.get(), stamps.get())));
+        ASSERT_EQ(lxIQSweepListGetCorrections(h, corrections.get()), lxNoError);
+        ExpectExactlyFilled(type == 0 ? "sweep list, float" : "sweep list, int16", pass, stamps, corrections);
+    }
+
+    for (const int32_t type : {0, 1}) {
+        ASSERT_EQ(lxSetIQDataType(h, type), lxNoError);
+        ASSERT_EQ(lxSetIQSampleRate(h, 64), lxNoError);
+        ASSERT_EQ(lxConfigure(h, lxModeIQ), lxNoError);
+        Exact<uint8_t> iq(1001 * (type == 0 ? 8u : 4u));
+        Exact<double> triggers(1);
+        ASSERT_TRUE(e2e::Delivered(lxGetIQ(h, iq.get(), 1001, triggers.get(), 1, nullptr, 0, nullptr, nullptr)));
+        ExpectExactlyFilled(type == 0 ? "I/Q, float" : "I/Q, int16", iq, triggers);
+    }
+
+    ASSERT_EQ(lxConfigure(h, lxModeAudio), lxNoError);
+    Exact<float> audio(1000);
+    ASSERT_TRUE(e2e::Delivered(lxGetAudio(h, audio.get())));
+    ExpectExactlyFilled("audio", audio);
+
+    Exact<float> band(16384);
+    ASSERT_EQ(lxAdminGetFullBandIQ(h, 1e9, band.get()), lxNoError);
+    ExpectExactlyFilled("full-band I/Q", band);
+
+    // A list shorter than the analyzers attached: as many as it holds.
+    ASSERT_EQ(lxSimAttach(kSerial + 1, nullptr), lxNoError);
+    ASSERT_EQ(lxSimAttach(kSerial + 2, nullptr), lxNoError);
+    Exact<int32_t> serials(2);
+    int32_t count = 2;
+    ASSERT_EQ(lxGetDeviceList(serials.get(), &count), lxNoError);
+    EXPECT_EQ(count, 2);
+    ExpectExactlyFilled("device list", serials);
+
+    ASSERT_EQ(lxCloseDevice(h), lxNoError);
+    h = -1;
+    int32_t boot = -1;
+    ASSERT_EQ(lxBootOpenDeviceBySerial(&boot, kSerial), lxNoError);
+    Exact<uint8_t> flash(32768);
+    ASSERT_EQ(lxBootReadFlashPage(boot, 4096, flash.get()), lxNoError);
+    ExpectExactlyFilled("flash read", flash);
+    EXPECT_EQ(lxBootCloseDevice(boot), lxNoError);
+}
+
 } // namespace
