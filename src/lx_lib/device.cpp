@@ -250,6 +250,8 @@ void Device::ClaimTransport() {
     std::unique_lock<std::mutex> lock(claimMutex_);
     claimCv_.wait(lock, [&] { return !claimed_.load(); });
     claimed_.store(true);
+    // Before the engine's threads start: a stream must not allocate.
+    transport_->ReserveReadSlots();
 }
 
 void Device::ReleaseTransport() {

@@ -23,7 +23,8 @@
 //    it returns without touching the outputs.
 // 2. The transport is driven by one thread at a time: the holder of the
 //    control lock, unless an engine has claimed it. An engine claims it
-//    (ClaimTransport, control lock held) when an acquisition begins and
+//    (ClaimTransport, control lock held; it also reserves the transport's
+//    read buffers) when an acquisition begins and
 //    releases it (ReleaseTransport, from any of its threads, no lock
 //    needed) when the last transfer of that acquisition has finished; a
 //    streaming engine holds it from its start to its stop. StopEngine

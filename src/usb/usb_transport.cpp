@@ -171,8 +171,9 @@ bool WaitNotBusy(UsbDevice* dev) {
 // ---- transport ---------------------------------------------------------------------
 
 // OUT slot buffers (64 KiB in all) are allocated at bind. IN slot buffers are
-// 1 MiB each and allocated on a slot's first read, then kept until Close:
-// the open path only ever uses slot 0, so a device that is opened but never
+// 1 MiB each, allocated when an engine first claims the transport
+// (ReserveReadSlots) or on a slot's first read, then kept until Close: the
+// open path only ever uses slot 0, so a device that is opened but never
 // streams costs 1 MiB instead of 32.
 struct UsbTransport::Slot {
     Endpoint ep = Endpoint::BulkIn;
@@ -240,6 +241,19 @@ bool UsbTransport::BeginTransfer(bool in, int slot, uint32_t length, uint32_t ti
     s.timeoutMs = timeoutMs;
     s.transfer = device_->BeginBulk(s.ep, s.buffer.get(), length);
     return s.transfer != nullptr;
+}
+
+bool UsbTransport::ReserveReadSlots() {
+    if (!device_) return false;
+    bool ok = true;
+    for (int i = 0; i < kSlotCount; ++i) {
+        Slot& s = inSlots_[i];
+        if (s.buffer || s.transfer) continue;
+        s.buffer = AllocAligned(kInSlotBytes);
+        if (s.buffer) std::memset(s.buffer.get(), 0, kInSlotBytes);
+        ok = ok && s.buffer;
+    }
+    return ok;
 }
 
 bool UsbTransport::BeginRead(int slot, uint32_t length, uint32_t timeoutMs) {

@@ -123,6 +123,12 @@ public:
     // finishing such a slot then reports a lost connection.
     bool BeginRead(int slot, uint32_t length, uint32_t timeoutMs);
     bool BeginWrite(int slot, std::span<const uint32_t> words, uint32_t timeoutMs);
+    // Allocates every IN slot's buffer that is still missing and writes it
+    // once, so that a stream never allocates or takes a page fault in its
+    // first transfers (a 1 MiB buffer faulted in page by page costs the
+    // acquisition thread milliseconds at the start of a stream). False when an
+    // allocation failed; BeginRead then tries again and fails that read.
+    bool ReserveReadSlots();
 
     // Waits for the slot's transfer for its time-out; on a time-out or failed
     // wait aborts the endpoint and waits up to 2000 ms more. A time-out or a
