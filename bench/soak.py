@@ -113,7 +113,10 @@ def main():
     spread = max(spreads.values(), default=0.0)
     totals.update(resident_mib=ranges, resident_spread_pct=spread,
                   threads={m: sorted({n for i, n in counts if i == (m == "iq")}) for m in ("iq", "realtime")},
-                  load_average=os.getloadavg()[0], incidents=incidents)
+                  load_average=os.getloadavg()[0], incidents=incidents,
+                  # The whole series: a range alone cannot tell growth from a swing.
+                  resident_series=[dict(at_s=round(t, 1), mode="iq" if m else "realtime", mib=round(k / 1024, 1))
+                                   for t, m, k in memory])
     ok = (totals["samples_dropped"] == 0 and totals["spectra_lost"] == 0 and totals["data_loss_events"] == 0
           and totals["transport_errors"] == 0 and totals["poll_errors"] == 0 and spread <= 1.0
           and all(len(v) <= 1 for v in totals["threads"].values()))
