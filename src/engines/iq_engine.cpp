@@ -1,7 +1,5 @@
 #include "engines/iq_engine.h"
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -137,13 +135,6 @@ CommandList BuildIqSetupCommands(const IqPlan& p, TuningState& tuning) {
 
 // ---- sample store -------------------------------------------------------------------
 
-PopulatedSamples::PopulatedSamples(int64_t count) : bytes_(sizeof(cf32) * static_cast<size_t>(std::max<int64_t>(count, 1))) {
-    void* p = mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
-    if (p == MAP_FAILED) throw std::bad_alloc();
-    data_ = static_cast<cf32*>(p);
-}
-
-PopulatedSamples::~PopulatedSamples() { munmap(data_, bytes_); }
 
 IqSampleStore::IqSampleStore(int64_t capacity, double nsPerSample, int64_t settle)
     : capacity_(std::max<int64_t>(capacity, 1)), nsPerSample_(nsPerSample), settle_(std::max<int64_t>(settle, 0)),

@@ -134,23 +134,6 @@ void FillIqCorrection(IqPlan& plan, const uint8_t* cal, CalBracket bracket);
 // Tuning, equaliser taps, capture control, trigger edge: sent once at set-up.
 CommandList BuildIqSetupCommands(const IqPlan& plan, TuningState& tuning);
 
-// Sample memory whose pages the kernel maps in one go at construction
-// (mmap with MAP_POPULATE): a stream must not fault a page in per 4 KiB in
-// its first pass, and faulting 245 MB page by page takes seconds on a busy
-// machine where populating it takes a tenth of that. Throws std::bad_alloc.
-class PopulatedSamples {
-public:
-    explicit PopulatedSamples(int64_t count);
-    ~PopulatedSamples();
-    PopulatedSamples(const PopulatedSamples&) = delete;
-    PopulatedSamples& operator=(const PopulatedSamples&) = delete;
-    cf32* data() const { return data_; }
-
-private:
-    cf32* data_ = nullptr;
-    size_t bytes_ = 0;
-};
-
 // The bounded store between the processing thread and the reader: half a
 // second of output; a writer that finds it would overflow empties it (the
 // whole backlog goes at once). Every gap in the stream - that emptying, a
@@ -194,7 +177,7 @@ private:
     const int64_t capacity_;
     const double nsPerSample_;
     const int64_t settle_;
-    PopulatedSamples ring_;
+    AlignedVector<cf32> ring_; // mapped and faulted in at construction (large blocks are)
     int64_t write_ = 0, read_ = 0, available_ = 0;
     int64_t readIndex_ = 0;          // stream index of the oldest stored sample
     std::vector<double> triggers_;   // stream indices, ascending
@@ -241,7 +224,7 @@ private:
     dsp::FrequencyShifter shifter_;
     dsp::FirFilter fir1_;
     dsp::DecimatingFir fir2_, fir3_;
-    PopulatedSamples ring_;
+    AlignedVector<cf32> ring_; // mapped and faulted in at construction (large blocks are)
     ComplexVector workA_, workB_;
     std::array<double, kIqRingSlots> slotTrigger_{};  // < 0: none
     std::array<IqSampleStore::Loss, kIqRingSlots> slotLoss_{}; // samples missing before or in the slot

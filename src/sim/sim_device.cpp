@@ -471,8 +471,11 @@ void SimDevice::RenderItem(OutItem& it, uint8_t* dst) {
 // ---- command interpreter ------------------------------------------------------
 
 void SimDevice::Log(uint32_t w) {
-    log_.push_back(w);
-    if (log_.size() > kCommandLogWords) log_.pop_front();
+    log_[(logHead_ + logCount_) % kCommandLogWords] = w;
+    if (logCount_ < kCommandLogWords)
+        ++logCount_;
+    else
+        logHead_ = (logHead_ + 1) % kCommandLogWords;
 }
 
 void SimDevice::ExecuteBlock(const uint8_t* data, uint32_t length) {
@@ -949,14 +952,14 @@ bool SimDevice::RomLoader() {
 
 size_t SimDevice::CommandLog(uint32_t* words, size_t capacity) {
     std::lock_guard lk(mu_);
-    const size_t n = std::min(capacity, log_.size());
-    if (words) std::copy_n(log_.begin(), n, words);
-    return log_.size();
+    const size_t n = std::min(capacity, logCount_);
+    for (size_t i = 0; words && i < n; ++i) words[i] = log_[(logHead_ + i) % kCommandLogWords];
+    return logCount_;
 }
 
 void SimDevice::ClearCommandLog() {
     std::lock_guard lk(mu_);
-    log_.clear();
+    logHead_ = logCount_ = 0;
 }
 
 size_t SimDevice::GpsInput(uint8_t* bytes, size_t capacity) {

@@ -275,7 +275,10 @@ private:
     std::shared_ptr<const Scene> scene_;
     RunState run_;
     LxSimCounters counters_{};
-    std::deque<uint32_t> log_;
+    // The last kCommandLogWords words, oldest at logHead_: a ring taken at
+    // attach, so that a long stream's log does not grow the process.
+    std::vector<uint32_t> log_ = std::vector<uint32_t>(kCommandLogWords);
+    size_t logHead_ = 0, logCount_ = 0;
 
     int32_t faultStall_ = 0, faultShort_ = 0, faultBadMagic_ = 0, faultNoAnswer_ = 0, faultStayBusy_ = 0;
     int32_t faultProgram_ = 0, faultErase_ = 0, faultOutStall_ = 0, faultBitFlip_ = 0, faultPowerLoss_ = 0;

@@ -14,30 +14,38 @@ class AlignedVectorTest : public ::testing::Test {};
 using ElementTypes = ::testing::Types<std::complex<float>, float, double, uint8_t>;
 TYPED_TEST_SUITE(AlignedVectorTest, ElementTypes);
 
+// A small block from the heap and one large enough to be mapped.
 TYPED_TEST(AlignedVectorTest, ResizeReleaseAndMoveKeepTheInvariant) {
     lx::AssertionCapture cap;
-    lx::AlignedVector<TypeParam> v;
-    EXPECT_TRUE(v.empty());
-    v.resize(1001);
-    ASSERT_EQ(v.size(), 1001);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(v.span().data()) % lx::kSampleAlignment, 0u);
-    for (int64_t i = 0; i < v.size(); ++i) v[i] = static_cast<TypeParam>(i % 100);
-    EXPECT_EQ(v[1000], static_cast<TypeParam>(0));
+    for (const int64_t n : {int64_t{1001}, static_cast<int64_t>((1 << 20) / sizeof(TypeParam) + 3)}) {
+        lx::AlignedVector<TypeParam> v;
+        EXPECT_TRUE(v.empty());
+        for (int pass = 0; pass < 2; ++pass) { // the second reuses freed memory: still zeros
+            v.resize(n);
+            ASSERT_EQ(v.size(), n);
+            EXPECT_EQ(reinterpret_cast<uintptr_t>(v.span().data()) % lx::kSampleAlignment, 0u);
+            int64_t nonzero = 0;
+            for (int64_t i = 0; i < n; ++i) nonzero += v[i] != TypeParam{};
+            EXPECT_EQ(nonzero, 0);
+            for (int64_t i = 0; i < n; ++i) v[i] = static_cast<TypeParam>(i % 100 + 1);
+        }
+        EXPECT_EQ(v[1000], static_cast<TypeParam>(1));
 
-    lx::AlignedVector<TypeParam> w(std::move(v));
-    EXPECT_TRUE(v.empty());
-    EXPECT_EQ(v.span().data(), nullptr);
-    EXPECT_EQ(w.size(), 1001);
-    EXPECT_EQ(w[999], static_cast<TypeParam>(99));
+        lx::AlignedVector<TypeParam> w(std::move(v));
+        EXPECT_TRUE(v.empty());
+        EXPECT_EQ(v.span().data(), nullptr);
+        EXPECT_EQ(w.size(), n);
+        EXPECT_EQ(w[n - 1], static_cast<TypeParam>((n - 1) % 100 + 1));
 
-    v = std::move(w);
-    EXPECT_EQ(v.size(), 1001);
-    v.resize(0);
-    EXPECT_TRUE(v.empty());
-    EXPECT_EQ(v.span().data(), nullptr);
-    v.resize(3);
-    v.release();
-    EXPECT_TRUE(v.empty());
+        v = std::move(w);
+        EXPECT_EQ(v.size(), n);
+        v.resize(0);
+        EXPECT_TRUE(v.empty());
+        EXPECT_EQ(v.span().data(), nullptr);
+        v.resize(3);
+        v.release();
+        EXPECT_TRUE(v.empty());
+    }
     EXPECT_EQ(cap.count(), 0u);
 }
 

@@ -59,4 +59,21 @@ TEST_F(BusTest, PersonalityChangeReEnumeratesInVirtualTime) {
     EXPECT_FALSE(run->SelectAltSetting0());
 }
 
+// The log keeps the most recent 262144 words, oldest first, across its wrap.
+TEST_F(BusTest, CommandLogKeepsTheNewestWordsInOrder) {
+    ASSERT_EQ(lxSimAttach(50000001, nullptr), lxNoError);
+    auto d = Open(50000001);
+    ASSERT_TRUE(d);
+    constexpr uint32_t kKept = 262144, kSent = kKept + 1000;
+    std::vector<uint32_t> words(kSent);
+    for (uint32_t k = 0; k < kSent; ++k) words[k] = 0x80000000u + k; // words the device ignores
+    ASSERT_EQ(lxSimClearCommandLog(50000001), lxNoError);
+    ASSERT_TRUE(Send(*d, words));
+    std::vector<uint32_t> log(kKept + 1);
+    int32_t count = 0;
+    ASSERT_EQ(lxSimGetCommandLog(50000001, log.data(), static_cast<int32_t>(log.size()), &count), lxNoError);
+    ASSERT_EQ(count, static_cast<int32_t>(kKept));
+    EXPECT_TRUE(std::equal(words.end() - kKept, words.end(), log.begin()));
+}
+
 } // namespace
