@@ -267,6 +267,7 @@ std::unique_ptr<usb::BulkTransfer> SimDevice::BeginBulk(uint64_t generation, usb
         t->state_ = SimTransfer::State::Failed;
         return t;
     }
+    t->submitted_ = Clock::now();
     if (ep == usb::Endpoint::BulkOut) {
         if (TakeFault(faultOutStall_)) {
             t->stalled_ = true; // never taken: the host times out and aborts it
@@ -321,7 +322,7 @@ void SimDevice::AbortEndpoint(uint64_t generation, usb::Endpoint ep) {
             uint64_t n = avail > delivered_ ? avail - delivered_ : 0;
             n = std::min<uint64_t>(n, t->length_);
             if (!shortPackets_.empty()) n = std::min(n, shortPackets_.front() - delivered_);
-            Deliver(t->buffer_, n);
+            Deliver(t->buffer_, n, t->submitted_);
             t->actual_ = static_cast<uint32_t>(n);
         }
         first = false;
@@ -365,7 +366,7 @@ SimDevice::Clock::time_point SimDevice::Pump() {
             }
         }
         const uint64_t n = target - delivered_;
-        Deliver(t->buffer_, n);
+        Deliver(t->buffer_, n, t->submitted_);
         t->actual_ = static_cast<uint32_t>(t->shortFault_ ? (n >= 8 ? n - 8 : 0) : n);
         t->state_ = SimTransfer::State::Done;
         ++counters_.inTransfers;
@@ -374,7 +375,7 @@ SimDevice::Clock::time_point SimDevice::Pump() {
     return Clock::time_point::max();
 }
 
-void SimDevice::Deliver(uint8_t* dst, uint64_t n) {
+void SimDevice::Deliver(uint8_t* dst, uint64_t n, Clock::time_point submitted) {
     while (n > 0 && !items_.empty()) {
         OutItem& it = items_.front();
         const uint64_t off = delivered_ - it.start;
@@ -382,11 +383,11 @@ void SimDevice::Deliver(uint8_t* dst, uint64_t n) {
         const bool whole = off == 0 && take == it.size;
         if (whole && it.bytes.empty() && it.kind == OutItem::Kind::Iq &&
             reinterpret_cast<uintptr_t>(dst) % alignof(int16_t) == 0) {
-            RenderItem(it, dst);
+            RenderItem(it, dst, submitted);
         } else {
             if (it.bytes.empty()) {
                 it.bytes.resize(it.size);
-                RenderItem(it, it.bytes.data());
+                RenderItem(it, it.bytes.data(), submitted);
             }
             std::memcpy(dst, it.bytes.data() + off, take);
         }
@@ -404,7 +405,7 @@ void SimDevice::Deliver(uint8_t* dst, uint64_t n) {
     }
 }
 
-void SimDevice::RenderItem(OutItem& it, uint8_t* dst) {
+void SimDevice::RenderItem(OutItem& it, uint8_t* dst, Clock::time_point submitted) {
     const Scene& scene = *scene_;
     switch (it.kind) {
     case OutItem::Kind::Bytes:
@@ -415,8 +416,13 @@ void SimDevice::RenderItem(OutItem& it, uint8_t* dst) {
         // (QueueTransferRequest).
         if (RenderIqPacket(plan, it.sampleIndex, NextRandom(rng_), reinterpret_cast<int16_t*>(dst)))
             pendingStatus_ |= fe::kStatusAdcOverflow;
+        // The FIFO drains into a transfer as soon as the host has queued
+        // one (DMA needs no host thread): a packet is lost only if it waited
+        // in the FIFO longer than the FIFO lasts for a buffer to go to. When
+        // the host thread comes to reap, which is when it is rendered here,
+        // does not matter.
         if (scene.pacing == Pacing::Realtime &&
-            Clock::now() - it.readyAt >
+            submitted - it.readyAt >
                 std::chrono::duration<double>(DeviceBufferSeconds(plan.decimation) / scene.paceRate))
             pendingStatus_ |= fe::kStatusDataLoss;
         return;

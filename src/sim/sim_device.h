@@ -39,6 +39,10 @@
 //   packets; each spans 2 or 4 times the ADC samples, and its first sample
 //   sits on an ADC sample index divisible by the factor (the decimator's
 //   phase is fixed to the timeline).
+//   Paced, a packet waits in the FIFO from its capture until a transfer the
+//   host queued can take it; it is lost (data-loss bit) if that wait is
+//   longer than the FIFO lasts. The wait ends at the transfer's submission,
+//   not when the host's thread reaps it: DMA fills queued transfers alone.
 //   Packets are synthesised when an IN transfer takes them (the tuning in
 //   force when they were requested, the scene in force when they are
 //   delivered), straight into the caller's buffer.
@@ -116,6 +120,7 @@ private:
     State state_ = State::Pending;
     bool stalled_ = false; // IN: never answered; OUT: never taken
     bool shortFault_ = false;
+    std::chrono::steady_clock::time_point submitted_{}; // IN: when the host queued it
 };
 
 // The tuning of the receiver as the device's registers say, captured when a
@@ -242,9 +247,10 @@ private:
     // Delivers what it can to the queued IN transfers, in order. Returns the
     // time at which more could be delivered (paced stream), or max().
     Clock::time_point Pump();
-    // Bytes [delivered_, delivered_ + n) into dst.
-    void Deliver(uint8_t* dst, uint64_t n);
-    void RenderItem(OutItem& item, uint8_t* dst);
+    // Bytes [delivered_, delivered_ + n) into dst, a transfer the host
+    // queued at `submitted`.
+    void Deliver(uint8_t* dst, uint64_t n, Clock::time_point submitted);
+    void RenderItem(OutItem& item, uint8_t* dst, Clock::time_point submitted);
     uint64_t ReadyEnd(Clock::time_point now) const;
     void Log(uint32_t w);
     bool TakeFault(int32_t& fault);

@@ -1,5 +1,8 @@
 // The run firmware's data plane: how answers fill IN transfers, and what the
 // decimating capture lets through.
+#include <chrono>
+#include <thread>
+
 #include "sim_test_util.h"
 
 using namespace simtest;
@@ -76,6 +79,30 @@ TEST_F(DataPlaneTest, NothingAliasesIntoTheDecimatedBand) {
     const double withTone = powerDb(3, 16);
     ASSERT_EQ(lxSimSetScene(76100000, R"({"noise_floor_dbm_hz": -200})"), lxNoError);
     EXPECT_NEAR(withTone, powerDb(3, 16), 0.2);
+}
+
+// Paced, the FIFO (34 ms) drains into any transfer the host has queued: a
+// block whose transfer was queued in time is whole however late the host
+// comes to reap it; one whose transfer is queued 100 ms late lost samples.
+// The status packet behind the block says which (status bit 9).
+TEST_F(DataPlaneTest, PacedLossFollowsWhenTheTransferWasQueuedNotWhenItWasReaped) {
+    int32_t serial = 76200000;
+    for (const bool queuedLate : {false, true}) {
+        SCOPED_TRACE(queuedLate ? "queued late" : "queued at once, reaped late");
+        ASSERT_EQ(lxSimAttach(++serial, R"({"pacing": "realtime"})"), lxNoError);
+        auto d = Open(serial);
+        ASSERT_NE(d, nullptr);
+        constexpr uint32_t kBytes = 64 * 8192; // 63 I/Q packets and the status packet
+        std::vector<uint8_t> buf(kBytes);
+        ASSERT_TRUE(Send(*d, Request(63, 1)));
+        std::unique_ptr<lx::usb::BulkTransfer> t;
+        if (!queuedLate) t = d->BeginBulk(Endpoint::BulkIn, buf.data(), kBytes);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (queuedLate) t = d->BeginBulk(Endpoint::BulkIn, buf.data(), kBytes);
+        ASSERT_EQ(d->WaitBulk(*t, 2000), WaitResult::Completed);
+        ASSERT_EQ(d->FinishBulk(*t), kBytes);
+        EXPECT_EQ((U32(buf.data() + 63 * 8192 + 48) >> 9) & 1, queuedLate ? 1u : 0u);
+    }
 }
 
 } // namespace
