@@ -135,7 +135,6 @@ CommandList BuildIqSetupCommands(const IqPlan& p, TuningState& tuning) {
 
 // ---- sample store -------------------------------------------------------------------
 
-
 IqSampleStore::IqSampleStore(int64_t capacity, double nsPerSample, int64_t settle)
     : capacity_(std::max<int64_t>(capacity, 1)), nsPerSample_(nsPerSample), settle_(std::max<int64_t>(settle, 0)),
       ring_(capacity_) {
