@@ -89,7 +89,9 @@ TEST_F(DataPlaneTest, PacedLossFollowsWhenTheTransferWasQueuedNotWhenItWasReaped
     int32_t serial = 76200000;
     for (const bool queuedLate : {false, true}) {
         SCOPED_TRACE(queuedLate ? "queued late" : "queued at once, reaped late");
-        ASSERT_EQ(lxSimAttach(++serial, R"({"pacing": "realtime"})"), lxNoError);
+        // At the real rate whatever LX_SIM_PACE_RATE says: 100 ms is then
+        // three times the FIFO.
+        ASSERT_EQ(lxSimAttach(++serial, R"({"pacing": "realtime", "pace_rate": 1})"), lxNoError);
         auto d = Open(serial);
         ASSERT_NE(d, nullptr);
         constexpr uint32_t kBytes = 64 * 8192; // 63 I/Q packets and the status packet
