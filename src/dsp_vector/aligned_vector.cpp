@@ -51,7 +51,7 @@ void AlignedVector<T>::resize(int64_t count) {
     capacity_ = count;
     // Touched now, at set-up: the first write to a fresh page is a page
     // fault, and a stream's first pass through a 245 MB sample store put the
-    // filter thread more than its 20-block ring behind at 61.44 MS/s.
+    // filter thread a whole ring of blocks behind at 61.44 MS/s.
     zero();
 }
 

@@ -411,8 +411,8 @@ void IqEngine::ProcessBlock(const uint8_t* data) {
     lastStamp_ = stamp;
 
     if (filled_.load(std::memory_order_acquire) >= kIqRingSlots) {
-        // The filters are 20 blocks behind: this block is lost. The gap lies
-        // behind the 20 blocks still in the ring, before the next one that
+        // The filters are a whole ring behind: this block is lost. The gap
+        // lies behind the blocks still in the ring, before the next one that
         // gets in: that one carries it to the store.
         StreamHealth::Add(device_.health.samplesDropped, static_cast<uint64_t>(plan_.OutputsPerBlock()));
         shifter_.Skip(B);

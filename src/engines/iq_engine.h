@@ -18,7 +18,7 @@
 // Loss: a block the analyzer reports lost samples before (status bit 0x200),
 // or whose sample counter does not follow the last block's by 2 D1 B ticks,
 // carries a gap to the store; so does the first block written after one
-// dropped for a full ring (the gap lies behind the 20 blocks still in the
+// dropped for a full ring (the gap lies behind the blocks still in the
 // ring, not at the store's end when the drop happens). The reads that
 // deliver the samples at a gap, or the filter outputs whose memory spans it,
 // report it (sampleLoss), and lxUncalData is returned by the next read. The
@@ -45,11 +45,11 @@
 //   "LX IQ Filter Thread" (D <= 4) or "LX IQ DS and Filter Thread" (D >= 8):
 //       takes ring slots in order, filters, hands the result to the store.
 //   Caller's thread (lxGetIQ): Read takes samples out of the store.
-// Ring: 20 slots of B samples passed by the atomic count `filled_` and the
-// block-ready event. When all 20 are full the acquisition thread drops the
-// new block and counts it as lost (rather than overwrite a slot in use).
+// Ring: kIqRingSlots slots of B samples passed by the atomic count `filled_`
+// and the block-ready event. When all are full the acquisition thread drops
+// the new block and counts it as lost (rather than overwrite a slot in use).
 // States: running (constructed) -> stopping (running flag cleared, filled_
-// set to 20, both events set) -> stopped (threads joined).
+// set to kIqRingSlots, both events set) -> stopped (threads joined).
 // Locks: the store's mutex only (a leaf: nothing else is taken under it);
 // taken by the processing thread, the reader and, for a dropped block, the
 // acquisition thread.
@@ -79,7 +79,12 @@ namespace lx::engines {
 
 using dsp::cf32;
 
-inline constexpr int kIqRingSlots = 20;
+// About 100 ms of stream at every decimation (a block is about 2 ms). A
+// host that stalls as a whole (a busy or virtual machine) finds, when it
+// runs again, the 16 transfers it had queued already filled and the
+// analyzer's own buffer draining behind them: more than 20 blocks (42 ms)
+// arrive at once, faster than the filters can take them.
+inline constexpr int kIqRingSlots = 48;
 inline constexpr int32_t kIqMaxDecimation = 8192;
 inline constexpr double kIqMinBandwidthHz = 1000.0;
 inline constexpr double kIqMaxBandwidthD1Hz = 41.5e6;   // D = 1

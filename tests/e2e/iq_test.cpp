@@ -197,15 +197,19 @@ TEST_F(Iq, GpsTimeStampsPlaceBursts) {
         const std::string keys = gps + (D <= 2 ? e2e::PaceKey(0.5) : "");
         ASSERT_EQ(lxSimSetScene(kSerial, Scene({}, keys).c_str()), lxNoError);
         Start(D, c);
-        // Stream until the receiver has sent a fix and the stamps follow it.
+        // Stream until the receiver has sent a fix and the stamps follow it:
+        // samples captured before the fix, still on their way through the
+        // host, keep the host clock's stamps.
+        const int64_t sceneUtcNs = 1795262400LL * 1000000000;
         uint32_t state = 0;
         uint64_t stamp = 0;
-        for (int i = 0; i < 40 && state == 0; ++i) {
+        for (int i = 0; i < 40 && (state == 0 || std::llabs(int64_t(stamp) - sceneUtcNs) > 3600000000000LL); ++i) {
             Read(std::max<int64_t>(BlockOutputs(D), int64_t(0.1 * fs)), 0, &stamp);
             ASSERT_EQ(lxGetGPSState(h, &state), lxNoError);
         }
         ASSERT_GE(state, 1u) << "no GPS fix";
         Read(1, 0, &stamp);
+        ASSERT_LT(std::llabs(int64_t(stamp) - sceneUtcNs), 3600000000000LL) << "stamps not in GPS time";
         // A period of 1/N s (N dividing 1e9) of 1600 samples or more, from the
         // second after next.
         int64_t N = std::max<int64_t>(1, int64_t(fs / 1600));
