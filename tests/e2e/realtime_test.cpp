@@ -13,12 +13,6 @@ namespace {
 using e2e::Delivered;
 using e2e::SceneOf;
 
-// Paced at the environment's rate: an unpaced analyzer outruns an
-// instrumented host, and the spectra it loses mask the warning under test.
-const std::string kPaced = "\"pacing\": \"realtime\"";
-std::string Paced(double hz, double dbm, const std::string& keys = "") {
-    return SceneOf({{hz, dbm}}, -150.0, kPaced + keys);
-}
 
 struct Frame {
     LxStatus status = lxNoError;
@@ -66,7 +60,7 @@ protected:
 // is 1 while the tone is on and fades by 0.92 per frame once it is gone.
 TEST_F(RealTime, ToneCellFillsTo39Of40AndItsAlphaFadesWhenTheToneGoes) {
     const double tone = 1.0031e9, dbm = -30.0;
-    Open(Paced(tone, dbm));
+    Open(SceneOf({{tone, dbm}}));
     // Row 150 of a 100 dB frame is 41.4 dB below its top: the tone in its middle.
     Configure(1e9, 10e6, 100e3, 0, 0.0, 100.0);
     Frame f = Next();
@@ -89,7 +83,7 @@ TEST_F(RealTime, ToneCellFillsTo39Of40AndItsAlphaFadesWhenTheToneGoes) {
     EXPECT_NEAR(f.mn[size_t(k)], f.mx[size_t(k)], 0.05);
 
     // The tone goes: its cell is not hit again and fades.
-    ASSERT_EQ(lxSimSetScene(kSerial, Paced(tone, -200.0).c_str()), lxNoError);
+    ASSERT_EQ(lxSimSetScene(kSerial, SceneOf({{tone, -200.0}}).c_str()), lxNoError);
     // A reader slower than the frames (the scene change takes a while on an
     // instrumented build) skips some: the last hit may lie among them.
     int32_t lastHit = -1, previousCount = f.count;
@@ -196,7 +190,7 @@ TEST_F(RealTime, NoiseRowsFollowTheExponentialLawOfPeriodogramPower) {
 // Warnings, each covering what happened since the last read, weakest first.
 TEST_F(RealTime, WarningsFollowTheSceneAndTheFaultsInTheirPrecedence) {
     const double tone = 1.002e9;
-    Open(Paced(tone, -30.0));
+    Open(SceneOf({{tone, -30.0}}));
     Configure(1e9, 20e6, 1e6, 0, 0.0, 100.0);
     auto settle = [&](LxStatus want) {
         LxStatus s = lxNoError;
@@ -205,17 +199,17 @@ TEST_F(RealTime, WarningsFollowTheSceneAndTheFaultsInTheirPrecedence) {
     };
     EXPECT_EQ(Next().status, lxNoError);
     // 3 degrees warmer than at configure.
-    ASSERT_EQ(lxSimSetScene(kSerial, Paced(tone, -30.0, ", \"temperature_c\": 28").c_str()), lxNoError);
+    ASSERT_EQ(lxSimSetScene(kSerial, SceneOf({{tone, -30.0}}, -150.0, "\"temperature_c\": 28").c_str()), lxNoError);
     EXPECT_EQ(settle(lxTempDrift), lxTempDrift);
     EXPECT_EQ(Next().status, lxTempDrift);
     // Overflow beats drift.
-    ASSERT_EQ(lxSimSetScene(kSerial, Paced(tone, 15.0, ", \"temperature_c\": 28").c_str()), lxNoError);
+    ASSERT_EQ(lxSimSetScene(kSerial, SceneOf({{tone, 15.0}}, -150.0, "\"temperature_c\": 28").c_str()), lxNoError);
     EXPECT_EQ(settle(lxADCOverflow), lxADCOverflow);
     // Framing beats overflow, once.
     ASSERT_EQ(lxSimInjectFault(kSerial, lxSimFaultBadMagic, 1), lxNoError);
     EXPECT_EQ(settle(lxFramingErr), lxFramingErr);
     EXPECT_EQ(settle(lxADCOverflow), lxADCOverflow);
-    ASSERT_EQ(lxSimSetScene(kSerial, Paced(tone, -30.0).c_str()), lxNoError);
+    ASSERT_EQ(lxSimSetScene(kSerial, SceneOf({{tone, -30.0}}).c_str()), lxNoError);
     EXPECT_EQ(settle(lxNoError), lxNoError);
 }
 
@@ -223,7 +217,7 @@ TEST_F(RealTime, WarningsFollowTheSceneAndTheFaultsInTheirPrecedence) {
 // the loss beats the overload and framing beats the loss; the stream health
 // counts each.
 TEST_F(RealTime, LostSamplesAtTheAnalyzerBeatTheOverload) {
-    Open(Paced(1.001e9, 15.0));
+    Open(SceneOf({{1.001e9, 15.0}}, -150.0, "\"pacing\": \"realtime\""));
     Configure(1e9, 20e6, 100e3, 1, 0.0, 100.0);
     LxStatus s = Next().status;
     EXPECT_TRUE(s == lxADCOverflow || s == lxUncalData) << s; // a loaded host may fall behind too
