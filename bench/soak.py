@@ -20,6 +20,8 @@ import lx_api
 CONFIGURE_S = 10.0
 TURN_S = 60.0
 POLL_S = 0.1
+STALL_TICK_S = 0.002
+STALL_REPORT_S = 0.03  # what the shortest buffer on the path (the analyzer's, 34 ms) still covers
 
 
 def resident_kib():
@@ -46,7 +48,7 @@ def main():
     with open(a.scene) as f:
         scene = json.load(f)
     totals = dict(seconds=0.0, configures=0, iq_samples=0, frames=0, samples_dropped=0, spectra_lost=0,
-                  data_loss_events=0, transport_errors=0, polls=0, poll_errors=0)
+                  data_loss_events=0, transport_errors=0, polls=0, poll_errors=0, stream_held_ms=0)
     memory, counts, incidents = [], [], []
     with lx_api.Simulator(10000777, scene) as sim, lx_api.open(sim.serial) as dev:
         stop = threading.Event()
@@ -60,10 +62,32 @@ def main():
                 except lx_api.LxError:
                     totals["poll_errors"] += 1
 
+        # The host's own stalls, seen as a sleeper at the USB thread's nice
+        # value that wakes late: with the stream's holds (stream_held_ms) they
+        # tell a loss the host's processing caused from one the machine did.
+        stalls, late = [], [0.0]
+
+        def watch():
+            try:
+                os.setpriority(os.PRIO_PROCESS, threading.get_native_id(), -10)
+            except OSError:
+                pass  # not allowed: the figures then include our own scheduling
+            t = time.monotonic()
+            while not stop.is_set():
+                time.sleep(STALL_TICK_S)
+                now = time.monotonic()
+                over = now - t - STALL_TICK_S
+                late[0] = max(late[0], over)
+                if over > STALL_REPORT_S:
+                    stalls.append(dict(at_s=round(now - start, 1), ms=round(over * 1e3, 1)))
+                t = now
+
         poller = threading.Thread(target=poll, name="housekeeping poll")
-        poller.start()
-        buf = np.empty(131072, np.complex64)  # 1 MiB
+        watcher = threading.Thread(target=watch, name="stall watch")
         start = time.monotonic()
+        poller.start()
+        watcher.start()
+        buf = np.empty(131072, np.complex64)  # 1 MiB
         try:
             while time.monotonic() - start < a.minutes * 60:
                 elapsed = time.monotonic() - start
@@ -73,7 +97,9 @@ def main():
                 else:
                     dev.configure_realtime(center=1e9, span=40e6, rbw=10e3)
                 totals["configures"] += 1
-                until = min(time.monotonic() + CONFIGURE_S, start + a.minutes * 60)
+                configured = time.monotonic()
+                until = min(configured + CONFIGURE_S, start + a.minutes * 60)
+                late[0], first_loss = 0.0, None
                 while time.monotonic() < until:
                     if iq:
                         dev.read_iq(len(buf), out=buf)
@@ -81,6 +107,8 @@ def main():
                     else:
                         dev.get_realtime_frame()
                         totals["frames"] += 1
+                    if first_loss is None and dev.stream_health().data_loss_events:
+                        first_loss = round(time.monotonic() - configured, 2)
                 # Memory at the same point of every configure's life: just
                 # after one, buffers are still being touched for the first
                 # time, which is churn, not growth.
@@ -92,12 +120,16 @@ def main():
                     totals[k] += getattr(h, k)
                     if getattr(h, k):
                         bad[k] = getattr(h, k)
-                if bad:  # where in the run it happened says more than the total
-                    incidents.append(dict(at_s=round(elapsed, 1), mode="iq" if iq else "realtime", **bad))
+                totals["stream_held_ms"] += h.stream_held_ms
+                if bad:  # where in the run it happened says more than the total, and what went with it
+                    incidents.append(dict(at_s=round(elapsed, 1), mode="iq" if iq else "realtime", **bad,
+                                          first_loss_after_s=first_loss, stream_held_ms=h.stream_held_ms,
+                                          longest_stall_ms=round(late[0] * 1e3, 1)))
             dev.abort()
         finally:
             stop.set()
             poller.join()
+            watcher.join()
         totals["seconds"] = time.monotonic() - start
 
     # Flat: per mode (their rings differ), after each mode's first turn (rings,
@@ -113,7 +145,7 @@ def main():
     spread = max(spreads.values(), default=0.0)
     totals.update(resident_mib=ranges, resident_spread_pct=spread,
                   threads={m: sorted({n for i, n in counts if i == (m == "iq")}) for m in ("iq", "realtime")},
-                  load_average=os.getloadavg()[0], incidents=incidents,
+                  load_average=os.getloadavg()[0], incidents=incidents, host_stalls=stalls,
                   # The whole series: a range alone cannot tell growth from a swing.
                   resident_series=[dict(at_s=round(t, 1), mode="iq" if m else "realtime", mib=round(k / 1024, 1))
                                    for t, m, k in memory])
@@ -127,6 +159,8 @@ def main():
           f"device data-loss events {totals['data_loss_events']}, transport errors {totals['transport_errors']}")
     print(f"resident memory (MiB) {ranges} (widest spread {spread:.2f} %), threads while streaming "
           f"{totals['threads']}, load average {totals['load_average']:.1f}")
+    print(f"stream held up by the host's processing {totals['stream_held_ms']} ms; host stalls over "
+          f"{STALL_REPORT_S * 1e3:.0f} ms: {len(stalls)}, longest {max((x['ms'] for x in stalls), default=0)} ms")
     for i in incidents:
         print("  at " + ", ".join(f"{k} {v}" for k, v in i.items()))
     print("soak: " + ("passed" if ok else "FAILED"))

@@ -387,6 +387,7 @@ PYBIND11_MODULE(_native, m) {
         d["adc_overflow_events"] = s.adcOverflowEvents;
         d["transport_errors"] = s.transportErrors;
         d["spectra_lost"] = s.spectraLost;
+        d["stream_held_ms"] = s.streamHeldMs;
         return d;
     });
 

@@ -131,6 +131,7 @@ LX_API LxStatus lxGetStreamHealth(int32_t handle, LxStreamHealth* health) {
         health->adcOverflowEvents = h.adcOverflowEvents.load();
         health->transportErrors = h.transportErrors.load();
         health->spectraLost = h.spectraLost.load();
+        health->streamHeldMs = h.streamHeldMs.load();
         return lxNoError;
     });
 }

@@ -277,12 +277,16 @@ void RealTimeEngine::TakeBlock(const uint8_t* data) {
         // stream up: an analyzer then overruns its own buffer and says so
         // (data-loss bit), a simulated one just waits.
         ringWaits_.fetch_add(1, std::memory_order_relaxed);
+        const auto heldFrom = std::chrono::steady_clock::now();
         // The FFT thread runs until this thread is done, also on stop, so
         // room always comes.
         do {
             fftWake_.Set();
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         } while (w + kBlockSamples - released_.load(std::memory_order_acquire) > kRtRingSamples);
+        // Rounded up: a hold of any length shows, so a loss with none is known to be a host stall.
+        const auto held = std::chrono::ceil<std::chrono::milliseconds>(std::chrono::steady_clock::now() - heldFrom);
+        StreamHealth::Add(device_.health.streamHeldMs, static_cast<uint64_t>(held.count()));
     }
     const int64_t n = plan_.fftSize;
     const auto* src = reinterpret_cast<const int16_t*>(data);

@@ -16,11 +16,12 @@ struct StreamHealth {
     std::atomic<uint64_t> adcOverflowEvents{0}; // status packets with the ADC-overflow bit
     std::atomic<uint64_t> transportErrors{0};  // transfers that failed, timed out or came back short
     std::atomic<uint64_t> spectraLost{0};      // spectra the real-time engine could not compute in time
+    std::atomic<uint64_t> streamHeldMs{0};     // real time: the USB thread waited for sample-ring room
 
     static void Add(std::atomic<uint64_t>& c, uint64_t n) { c.fetch_add(n, std::memory_order_relaxed); }
     void Reset() {
         for (auto* c : {&samplesDelivered, &samplesDropped, &dataLossEvents, &adcOverflowEvents, &transportErrors,
-                        &spectraLost})
+                        &spectraLost, &streamHeldMs})
             c->store(0, std::memory_order_relaxed);
     }
     // Counts the device's loss and overflow bits of one status word.

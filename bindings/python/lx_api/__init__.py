@@ -352,6 +352,7 @@ class StreamHealth(NamedTuple):
     adc_overflow_events: int
     transport_errors: int
     spectra_lost: int
+    stream_held_ms: int  # real time: how long the host held the stream up (its processing a ring behind)
 
 
 # ---- devices --------------------------------------------------------------
