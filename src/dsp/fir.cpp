@@ -196,7 +196,7 @@ FirFilter::~FirFilter() = default;
 FirFilter::FirFilter(FirFilter&&) noexcept = default;
 FirFilter& FirFilter::operator=(FirFilter&&) noexcept = default;
 
-int FirFilter::fftSize() const noexcept { return spec_ ? spec_->n : 0; }
+int FirFilter::fftSize() const noexcept { return kernel_ ? kernel_->n : 0; }
 
 DspStatus FirFilter::Init(const cf32* taps, int tapsLen, int blockFft) {
     if (!TapsUsable(taps, tapsLen)) return DspStatus::kBadArgument;
@@ -230,7 +230,7 @@ DspStatus FirFilter::Init(const cf32* taps, int tapsLen, int blockFft) {
         taps_.resize(tapsLen);
         std::memcpy(static_cast<void*>(taps_.data()), taps, sizeof(cf32) * static_cast<size_t>(tapsLen));
         tapsLen_ = tapsLen;
-        spec_ = std::move(k);
+        kernel_ = std::move(k);
     } catch (const std::bad_alloc&) {
         LX_DSP_REPORT_STATUS();
         return DspStatus::kNoMemory;
@@ -239,25 +239,25 @@ DspStatus FirFilter::Init(const cf32* taps, int tapsLen, int blockFft) {
 }
 
 void FirFilter::Reset() noexcept {
-    if (!spec_) return;
-    spec_->ext.zero();
-    spec_->frame.zero();
+    if (!kernel_) return;
+    kernel_->ext.zero();
+    kernel_->frame.zero();
 }
 
 DspStatus FirFilter::Run(const cf32* src, cf32* dst, int64_t count) noexcept {
-    Kernel* spec = spec_.get();
-    LX_ASSERT(spec != nullptr, "src/dsp");
-    if (!spec) return DspStatus::kNotInitialised;
+    Kernel* kn = kernel_.get();
+    LX_ASSERT(kn != nullptr, "src/dsp");
+    if (!kn) return DspStatus::kNotInitialised;
     if (count < 0 || (count > 0 && (!src || !dst))) return DspStatus::kBadArgument;
-    const int64_t hist = spec->m - 1;
-    const float* tb = spec->complexTaps ? spec->tb.span().data() : nullptr;
+    const int64_t hist = kn->m - 1;
+    const float* tb = kn->complexTaps ? kn->tb.span().data() : nullptr;
 
-    if (spec->n == 0) {
-        cf32* ext = spec->ext.span().data();
+    if (kn->n == 0) {
+        cf32* ext = kn->ext.span().data();
         for (int64_t done = 0; done < count;) {
             const int64_t r = std::min(count - done, kDirectChunk);
             std::memcpy(static_cast<void*>(ext + hist), src + done, sizeof(cf32) * static_cast<size_t>(r));
-            FirDots(spec->ta.span().data(), tb, spec->m, F(ext), 1, r, F(dst + done));
+            FirDots(kn->ta.span().data(), tb, kn->m, F(ext), 1, r, F(dst + done));
             std::memmove(static_cast<void*>(ext), ext + r, sizeof(cf32) * static_cast<size_t>(hist));
             done += r;
         }
@@ -266,18 +266,18 @@ DspStatus FirFilter::Run(const cf32* src, cf32* dst, int64_t count) noexcept {
 
     // Overlap-save. The inverse transform is a forward one read backwards:
     // IDFT(Z)[k] = DFT(Z)[-k mod n] / n, with the 1/n folded into the response.
-    const int64_t n = spec->n;
-    cf32* frame = spec->frame.span().data();
-    cf32* spectrum = spec->spectrum.span().data();
-    cf32* product = spec->product.span().data();
+    const int64_t n = kn->n;
+    cf32* frame = kn->frame.span().data();
+    cf32* spectrum = kn->spectrum.span().data();
+    cf32* product = kn->product.span().data();
     for (int64_t done = 0; done < count;) {
-        const int64_t r = std::min(count - done, static_cast<int64_t>(spec->l));
+        const int64_t r = std::min(count - done, static_cast<int64_t>(kn->l));
         std::memcpy(static_cast<void*>(frame + hist), src + done, sizeof(cf32) * static_cast<size_t>(r));
         if (hist + r < n)
             std::memset(static_cast<void*>(frame + hist + r), 0, sizeof(cf32) * static_cast<size_t>(n - hist - r));
-        spec->plan->Execute(frame, spectrum);
-        ComplexMultiply(spectrum, spec->response.span().data(), product, n);
-        spec->plan->Execute(product, spectrum);
+        kn->plan->Execute(frame, spectrum);
+        ComplexMultiply(spectrum, kn->response.span().data(), product, n);
+        kn->plan->Execute(product, spectrum);
         // Output k of the block is linear-convolution sample hist + k = spectrum[(n - hist - k) mod n].
         const int64_t first = hist == 0 ? 1 : 0;
         if (first) dst[done] = spectrum[0];
@@ -335,7 +335,7 @@ DecimatingFir::~DecimatingFir() = default;
 DecimatingFir::DecimatingFir(DecimatingFir&&) noexcept = default;
 DecimatingFir& DecimatingFir::operator=(DecimatingFir&&) noexcept = default;
 
-int DecimatingFir::fftSize() const noexcept { return spec_ ? spec_->n : 0; }
+int DecimatingFir::fftSize() const noexcept { return kernel_ ? kernel_->n : 0; }
 
 DspStatus DecimatingFir::Init(const cf32* taps, int tapsLen, int factor, int fftSize) {
     if (!TapsUsable(taps, tapsLen) || factor < 1 || factor > 65536) return DspStatus::kBadArgument;
@@ -380,7 +380,7 @@ DspStatus DecimatingFir::Init(const cf32* taps, int tapsLen, int factor, int fft
             k->history.resize(2 * hist + 1);
             k->history.zero();
         }
-        spec_ = std::move(k);
+        kernel_ = std::move(k);
     } catch (const std::bad_alloc&) {
         LX_DSP_REPORT_STATUS();
         return DspStatus::kNoMemory;
@@ -392,41 +392,41 @@ DspStatus DecimatingFir::Init(const cf32* taps, int tapsLen, int factor, int fft
 }
 
 void DecimatingFir::Reset() noexcept {
-    if (!spec_) return;
-    spec_->history.zero();
-    spec_->frame.zero();
-    spec_->have = tapsLen_ - 1;
+    if (!kernel_) return;
+    kernel_->history.zero();
+    kernel_->frame.zero();
+    kernel_->have = tapsLen_ - 1;
     skip_ = 0;
 }
 
 int64_t DecimatingFir::OutputCount(int64_t count) const noexcept {
-    return spec_ && count > skip_ ? (count - 1 - skip_) / factor_ + 1 : 0;
+    return kernel_ && count > skip_ ? (count - 1 - skip_) / factor_ + 1 : 0;
 }
 
 DspStatus DecimatingFir::Run(const cf32* src, int64_t count, cf32* dst, int64_t* written) noexcept {
-    Kernel* spec = spec_.get();
-    LX_ASSERT(spec != nullptr, "src/dsp");
+    Kernel* kn = kernel_.get();
+    LX_ASSERT(kn != nullptr, "src/dsp");
     if (written) *written = 0;
-    if (!spec) return DspStatus::kNotInitialised;
+    if (!kn) return DspStatus::kNotInitialised;
     if (count < 0 || (count > 0 && (!src || !dst))) return DspStatus::kBadArgument;
     if (count == 0) return DspStatus::kOk;
 
     const int64_t m = tapsLen_, hist = m - 1, d = factor_;
-    const float* ta = spec->ta.span().data();
-    const float* tb = spec->complexTaps ? spec->tb.span().data() : nullptr;
+    const float* ta = kn->ta.span().data();
+    const float* tb = kn->complexTaps ? kn->tb.span().data() : nullptr;
 
-    if (spec->n > 0) {
-        const int64_t n = spec->n, fm = spec->m;
-        cf32* frame = spec->frame.span().data();
+    if (kn->n > 0) {
+        const int64_t n = kn->n, fm = kn->m;
+        cf32* frame = kn->frame.span().data();
         int64_t out = 0;
         for (int64_t done = 0; done < count;) {
-            const int64_t take = std::min(count - done, n - spec->have);
-            std::memcpy(static_cast<void*>(frame + spec->have), src + done, sizeof(cf32) * static_cast<size_t>(take));
-            spec->have += take;
+            const int64_t take = std::min(count - done, n - kn->have);
+            std::memcpy(static_cast<void*>(frame + kn->have), src + done, sizeof(cf32) * static_cast<size_t>(take));
+            kn->have += take;
             done += take; // a frame is full, or the call's inputs are all in
             // Frame index hist + d j holds the j-th kept output; those whose
             // last input has arrived are due.
-            const int64_t valid = spec->have;
+            const int64_t valid = kn->have;
             if (valid <= hist) break;
             const int64_t due = (valid - 1 - hist) / d + 1;
             if (due * m < 4 * n) {
@@ -436,13 +436,13 @@ DspStatus DecimatingFir::Run(const cf32* src, int64_t count, cf32* dst, int64_t*
             } else {
                 if (valid < n)
                     std::memset(static_cast<void*>(frame + valid), 0, sizeof(cf32) * static_cast<size_t>(n - valid));
-                cf32* spectrum = spec->spectrum.span().data();
-                cf32* folded = spec->folded.span().data();
-                const cf32* w = spec->weights.span().data();
-                spec->plan->Execute(frame, spectrum);
+                cf32* spectrum = kn->spectrum.span().data();
+                cf32* folded = kn->folded.span().data();
+                const cf32* w = kn->weights.span().data();
+                kn->plan->Execute(frame, spectrum);
                 MultiplyInto(F(spectrum), F(w), F(folded), fm);
                 for (int64_t b = fm; b < n; b += fm) MultiplyAccumulate(F(spectrum + b), F(w + b), F(folded), fm);
-                spec->foldPlan->Execute(folded, spectrum);
+                kn->foldPlan->Execute(folded, spectrum);
                 // The inverse is the forward transform read backwards: kept
                 // output of frame phase q is spectrum[(fm - q) mod fm].
                 const int64_t q0 = hist / d;
@@ -451,14 +451,14 @@ DspStatus DecimatingFir::Run(const cf32* src, int64_t count, cf32* dst, int64_t*
             out += due;
             const int64_t consumed = due * d;
             std::memmove(static_cast<void*>(frame), frame + consumed, sizeof(cf32) * static_cast<size_t>(valid - consumed));
-            spec->have = valid - consumed;
+            kn->have = valid - consumed;
         }
-        skip_ = hist - spec->have;
+        skip_ = hist - kn->have;
         if (written) *written = out;
         return DspStatus::kOk;
     }
 
-    cf32* ext = spec->history.span().data();
+    cf32* ext = kn->history.span().data();
     // Outputs whose window starts in the carried history read a joined copy:
     // history then the first samples of this block.
     const int64_t head = std::min(count, hist);

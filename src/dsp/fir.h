@@ -15,7 +15,7 @@
 //   FirFilter::Run(src, dst, count)
 //       count >= 0, src and dst non-null when count > 0; dst may equal src (not
 //       overlap it otherwise). Before a successful Init it reports
-//       "spec != nullptr" and answers kNotInitialised.
+//       "kn != nullptr" and answers kNotInitialised.
 //   DecimatingFir::Init(taps, tapsLen, factor, fftSize = 0)
 //       taps and tapsLen as FirFilter, 1 <= factor <= 65536. fftSize 0 chooses
 //       the method, 1 forces the direct form, a power of two >= 2 * tapsLen and
@@ -71,7 +71,7 @@ public:
 private:
     int tapsLen_ = 0;
     ComplexVector taps_;
-    std::unique_ptr<Kernel> spec_;
+    std::unique_ptr<Kernel> kernel_;
 };
 
 // A FIR filter that keeps every factor-th output (stream positions 0, factor,
@@ -110,7 +110,7 @@ private:
     int tapsLen_ = 0;
     int factor_ = 1;
     int64_t skip_ = 0; // inputs to pass before the next kept output
-    std::unique_ptr<Kernel> spec_;
+    std::unique_ptr<Kernel> kernel_;
 };
 
 } // namespace lx::dsp

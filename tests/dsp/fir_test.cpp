@@ -102,9 +102,8 @@ TEST(FirFilter, AnySplitGivesTheConvolution) {
             at += len;
         }
         const double tol = 1e-6 * (whole.fftSize() ? 3 : 1) * std::sqrt(static_cast<double>(h.size()));
-        EXPECT_LT(RelativeError(y1, want), tol);
-        EXPECT_LT(RelativeError(y2, want), tol);
-        EXPECT_LT(RelativeError(y3, want), tol);
+        for (const auto& [y, how] : {std::pair{&y1, "whole"}, {&y2, "in blocks"}, {&y3, "in place"}})
+            EXPECT_LT(RelativeError(*y, want), tol) << how;
 
         // After Reset the stream starts again from zero history.
         blocks.Reset();
@@ -124,8 +123,8 @@ TEST(FirFilter, SetUpChecksAreReported) {
         std::function<DspStatus()> call;
     };
     const Case cases[] = {
-        {"spec != nullptr", [&] { return f.Run(buf, buf, 4); }},
-        {"spec != nullptr", [&] { return d.Run(buf, 4, buf, &written); }},
+        {"kn != nullptr", [&] { return f.Run(buf, buf, 4); }},
+        {"kn != nullptr", [&] { return d.Run(buf, 4, buf, &written); }},
         {"taps", [&] { return f.Init(nullptr, 5); }},
         {"tapsLen > 0", [&] { return d.Init(taps, 0, 2); }},
     };

@@ -61,8 +61,8 @@ def tone_dbm(x, offset_hz, rate):
     w = np.hanning(len(x))
     t = np.arange(len(x)) / rate
     a = np.sum(w * x * np.exp(-2j * np.pi * offset_hz * t)) / np.sum(w)
-    spec = np.abs(np.fft.fft(w * x, 8 * len(x)))
-    peak = np.fft.fftfreq(8 * len(x), 1 / rate)[np.argmax(spec)]
+    mag = np.abs(np.fft.fft(w * x, 8 * len(x)))
+    peak = np.fft.fftfreq(8 * len(x), 1 / rate)[np.argmax(mag)]
     return 10 * np.log10(abs(a) ** 2), peak
 
 
