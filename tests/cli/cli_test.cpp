@@ -1,9 +1,7 @@
 // The lx530 tool's command line, reports and flash commands.
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -22,7 +20,6 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 using ::testing::HasSubstr;
-using ::testing::Not;
 using namespace clitest;
 
 class CliTest : public ::testing::Test {
@@ -64,7 +61,6 @@ INSTANTIATE_TEST_SUITE_P(
     Cli, OutputTest,
     ::testing::Values(
         OutputCase{"ListSimulated", {"--sim", "list"}, {"10000001  run firmware  simulated"}},
-        OutputCase{"GlobalOptionsAfterSubcommand", {"list", "--sim", "--sim-serial", "23456789"}, {"23456789  run firmware"}},
         OutputCase{"ListNothingAttached", {"list"}, {"No LX530 attached"}},
         OutputCase{"Help", {"--help"}, {"Usage: lx530", "--sim", "--json", "list", "info"}},
         OutputCase{"Version", {"--version"}, {std::string("lx_api ") + lxGetAPIVersion()}}),
@@ -100,9 +96,8 @@ TEST_F(CliTest, InfoReportsTheScene) {
     EXPECT_EQ(doc["gps"], json::parse(R"({"state": 0, "status": "no fix", "fix": null})"));
     EXPECT_EQ(doc["warnings"], json::array());
 
-    const Result text = Run({"--sim=" + file, "--sim-serial=31415926", "info"});
-    EXPECT_THAT(text.out, HasSubstr("3.14.159\n"));
-    EXPECT_THAT(text.out, HasSubstr("31415926 (simulated)"));
+    const std::string text = Run({"--sim=" + file, "--sim-serial=31415926", "info"}).out;
+    for (const char* s : {"3.14.159\n", "31415926 (simulated)"}) EXPECT_THAT(text, HasSubstr(s));
 }
 
 // A corrupt record warns and reports all the same; a GPS fix is in the
@@ -161,7 +156,6 @@ std::vector<std::string> Sweep(std::vector<std::string> more) {
     more.insert(more.begin(), {"sweep", "--csv", "{dir}/trace.csv"});
     return more;
 }
-const char* const kEmpty = R"({"emitters": []})";
 
 const FailureCase kFailures[] = {
         FailureCase{"MissingSceneFile", {"--sim={dir}/missing.json", "list"}, nullptr, 2, {"missing.json", "No such file"}},
@@ -185,8 +179,6 @@ const FailureCase kFailures[] = {
                     nullptr, 2, {"excludes"}},
         FailureCase{"SweepUnknownWindow", Sweep({"--window", "kaiser"}), nullptr, 2,
                     {"--window: 'kaiser' is not one of flattop|nuttall|blackman|hamming|gaussian|rect"}},
-        FailureCase{"SweepUnknownScale", Sweep({"--scale", "linear"}), nullptr, 2,
-                    {"--scale: 'linear' is not one of log|lin|lognogain"}},
         FailureCase{"SweepBadTime", Sweep({"--sweep-time", "5min"}), nullptr, 2, {"--sweep-time: '5min' is not a time"}},
         FailureCase{"SweepAttenuatorTooHigh", Sweep({"--atten", "7"}), nullptr, 2, {"--atten: '7'"}},
         FailureCase{"SweepTinyPng", Sweep({"--png", "{dir}/a.png", "--png-size", "100x100"}), nullptr, 2,
@@ -195,9 +187,8 @@ const FailureCase kFailures[] = {
                     {"cannot write", "No such file or directory"}},
         FailureCase{"SweepOneFileForTwoOutputs", Sweep({"--png", "{dir}/./trace.csv"}), nullptr, 2,
                     {"named for two outputs"}},
-        FailureCase{"SweepSceneTwice", Sweep({"--sim={dir}/scene.json", "--scene", "{dir}/scene.json"}), kEmpty, 2,
+        FailureCase{"SweepSceneTwice", Sweep({"--sim={dir}/scene.json", "--scene", "{dir}/scene.json"}), nullptr, 2,
                     {"either"}},
-        FailureCase{"SweepMissingScene", Sweep({"--scene", "{dir}/missing.json"}), nullptr, 2, {"cannot read scene file"}},
         FailureCase{"SweepSimSerialWithoutSim", Sweep({"--sim-serial", "12345678"}), nullptr, 2,
                     {"--sim-serial needs --sim"}},
         FailureCase{"SweepSerialNotAttached", Sweep({"--sim", "--serial", "12345678"}), nullptr, 1,
@@ -288,12 +279,8 @@ TEST_F(CliTest, FlashBackupVerifyWriteAndRefusals) {
     EXPECT_THAT(r.out, HasSubstr("cal   backup file damaged"));
     EXPECT_THAT(r.out, HasSubstr("run   matches"));
 
-    const std::string good = (dir_ / "run.img").string(), bad = (dir_ / "bad.img").string();
-    for (const auto& [path, spec] : {std::pair{good, testimage::Spec{.boot = false}},
-                                     std::pair{bad, testimage::Spec{.boot = false, .badChecksum = true}}}) {
-        const auto img = testimage::Build(spec);
-        std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(img.data()), static_cast<std::streamsize>(img.size()));
-    }
+    const std::string good = testimage::WriteFile("run.img", testimage::Build({.boot = false})),
+                      bad = testimage::WriteFile("bad.img", testimage::Build({.boot = false, .badChecksum = true}));
     r = Run({"--sim", "flash", "write-run", good});
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_THAT(r.out, HasSubstr("Wrote and verified"));

@@ -73,7 +73,6 @@ TEST(PowerDb, AccurateOverTheFloatRange) {
     ASSERT_EQ(lx::dsp::PowerToDb(p.data(), db2.data(), n, -3.5f), DspStatus::kOk);
     // The float result carries its own rounding (an ulp is 3e-5 dB above 256 dB),
     // so the bound is one ulp of the result plus a small absolute part.
-    double worst = 0, worstBelow100 = 0;
     for (int64_t k = 0; k < n; ++k) {
         const double re = x[k].real(), im = x[k].imag();
         const double power = re * re + im * im;
@@ -81,15 +80,9 @@ TEST(PowerDb, AccurateOverTheFloatRange) {
         const double want = 10.0 * std::log10(static_cast<double>(p[k])) - 3.5;
         const float mag = static_cast<float>(std::abs(want));
         const double ulp = std::nextafter(mag, 1e30f) - mag;
-        const double err = std::abs(db2[k] - want);
-        ASSERT_LE(err, ulp + 2e-6) << "p=" << p[k];
+        ASSERT_LE(std::abs(db2[k] - want), ulp + 2e-6) << "p=" << p[k];
         ASSERT_EQ(db[k], db2[k]) << k;
-        worst = std::max(worst, err);
-        if (std::abs(want) < 100) worstBelow100 = std::max(worstBelow100, err);
     }
-    EXPECT_LT(worstBelow100, 1e-5);
-    RecordProperty("max_db_error", ::testing::PrintToString(worst));
-    RecordProperty("max_db_error_below_100db", ::testing::PrintToString(worstBelow100));
 }
 
 TEST(PowerDb, SpecialValues) {

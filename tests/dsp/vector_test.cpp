@@ -29,7 +29,6 @@ TYPED_TEST(AlignedVectorTest, ResizeReleaseAndMoveKeepTheInvariant) {
             EXPECT_EQ(nonzero, 0);
             for (int64_t i = 0; i < n; ++i) v[i] = static_cast<TypeParam>(i % 100 + 1);
         }
-        EXPECT_EQ(v[1000], static_cast<TypeParam>(1));
 
         lx::AlignedVector<TypeParam> w(std::move(v));
         EXPECT_TRUE(v.empty());

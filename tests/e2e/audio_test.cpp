@@ -1,7 +1,6 @@
 // Audio demodulation on simulated analyzers, checked against the modulation
 // the scene puts on its carriers.
 
-#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>

@@ -8,8 +8,6 @@
 
 namespace {
 
-using e2e::Get;
-
 class Registry : public e2e::SimTest {};
 
 // The list leaves out open analyzers (a count of 0 or less asks for nothing

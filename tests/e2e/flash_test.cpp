@@ -13,12 +13,6 @@ constexpr uint32_t kBootPage = 0, kFpgaPage = 1024, kCalPage = 4096, kRunPage = 
 constexpr size_t kSectorBytes = 256 * 1024;
 constexpr size_t kCalBytes = sizeof(LX530CalData);
 
-uint32_t Sum672(const uint8_t* rec) {
-    uint32_t sum = 0;
-    for (size_t at = 672; at < kCalBytes; at += 4) sum += testimage::Get32({rec + at, rec + at + 4}, 0);
-    return sum;
-}
-
 class Flash : public e2e::SimTest {
 protected:
     void TearDown() override {
@@ -53,13 +47,15 @@ protected:
         std::copy(flash.begin(), flash.end(), rec.raw);
         rec.raw[16] += 1;            // calibration date, one second later
         rec.raw[1208 + 4 * 77] ^= 0x20; // an amplitude value
-        const uint32_t sum = Sum672(rec.raw);
+        uint32_t sum = 0;
+        for (size_t at = 672; at < kCalBytes; at += 4) sum += testimage::Get32({rec.raw + at, rec.raw + at + 4}, 0);
         for (int b = 0; b < 4; ++b) rec.raw[28 + b] = static_cast<uint8_t>(sum >> (8 * b));
         return rec;
     }
 
-    const std::string bootPath_ = testimage::WriteFile("boot.img", testimage::Build({.versionHi = 3, .versionLo = 17}));
-    const std::string runPath_ = testimage::WriteFile("run.img", testimage::Build({.boot = false}));
+    const std::vector<uint8_t> boot_ = testimage::Build({.versionHi = 3, .versionLo = 17});
+    const std::vector<uint8_t> run_ = testimage::Build({.boot = false});
+    const std::string bootPath_ = testimage::WriteFile("boot.img", boot_), runPath_ = testimage::WriteFile("run.img", run_);
 };
 
 // No analyzer in the slot: not found, whatever the handle. With one: the
@@ -125,20 +121,18 @@ TEST_F(Flash, EveryRegionRoundTripsAndTheAnalyzerRestartsWithIt) {
     int32_t h = -1;
     ASSERT_EQ(lxBootOpenDeviceBySerial(&h, kOld), lxNoError);
     ASSERT_EQ(h, 0);
-    const auto boot = testimage::Build({.versionHi = 3, .versionLo = 17});
-    const auto run = testimage::Build({.boot = false});
 
     // Run image: serial 0 stands for the analyzer's own; then the new one.
     ASSERT_EQ(lxBootClearRunSector(0), lxNoError);
     ASSERT_EQ(lxBootWriteRunSector(0, runPath_.c_str(), 0), lxNoError);
-    EXPECT_EQ(Read(kRunPage, kSectorBytes), Sector(testimage::Patched(run, kOld)));
+    EXPECT_EQ(Read(kRunPage, kSectorBytes), Sector(testimage::Patched(run_, kOld)));
     ASSERT_EQ(lxBootClearRunSector(0), lxNoError);
     ASSERT_EQ(lxBootWriteRunSector(0, runPath_.c_str(), kNew), lxNoError);
-    EXPECT_EQ(Read(kRunPage, kSectorBytes), Sector(testimage::Patched(run, kNew)));
+    EXPECT_EQ(Read(kRunPage, kSectorBytes), Sector(testimage::Patched(run_, kNew)));
 
     ASSERT_EQ(lxBootClearBootSector(0), lxNoError);
     ASSERT_EQ(lxBootWriteBootSector(0, bootPath_.c_str(), kNew), lxNoError);
-    EXPECT_EQ(Read(kBootPage, kSectorBytes), Sector(testimage::Patched(boot, kNew), 3, 17));
+    EXPECT_EQ(Read(kBootPage, kSectorBytes), Sector(testimage::Patched(boot_, kNew), 3, 17));
 
     std::vector<uint8_t> fpga(700 * 1024 + 100);
     for (size_t i = 0; i < fpga.size(); ++i) fpga[i] = static_cast<uint8_t>(i * 13 + i / 4099);
@@ -192,9 +186,8 @@ protected:
     // What the region reads after a good write.
     bool Holds(Region r, int32_t serial, const LX530CalData& rec) {
         if (r == kCal) return Read(kCalPage, kCalBytes) == std::vector<uint8_t>(rec.raw, rec.raw + kCalBytes);
-        const auto image = testimage::Patched(testimage::Build(r == kBoot ? testimage::Spec{.versionHi = 3, .versionLo = 17}
-                                                                          : testimage::Spec{.boot = false}), serial);
-        return Read(r == kBoot ? kBootPage : kRunPage, kSectorBytes) == (r == kBoot ? Sector(image, 3, 17) : Sector(image));
+        if (r == kBoot) return Read(kBootPage, kSectorBytes) == Sector(testimage::Patched(boot_, serial), 3, 17);
+        return Read(kRunPage, kSectorBytes) == Sector(testimage::Patched(run_, serial));
     }
 };
 

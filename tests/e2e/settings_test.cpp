@@ -2,15 +2,12 @@
 // enumerations and null pointers: bad_input_test.cpp); the calls that need a
 // mode; the I/Q rate and bandwidth limits.
 
-#include <climits>
 #include <functional>
 #include <vector>
 
 #include "e2e_support.h"
 
 namespace {
-
-using e2e::Get;
 
 class Settings : public e2e::SimTest {
 protected:
@@ -43,11 +40,8 @@ TEST_F(Settings, StoredClampedOrRefused) {
         {"ref level up to +20", [](int32_t h) { return lxSetRefLevel(h, 25.0); }, lxSettingClamped, RefLevel, 20},
         {"atten below -1", [](int32_t h) { return lxSetAttenuator(h, -5); }, lxSettingClamped, Atten, -1},
         {"atten above 6", [](int32_t h) { return lxSetAttenuator(h, 7); }, lxSettingClamped, Atten, 6},
-        {"atten INT32_MIN", [](int32_t h) { return lxSetAttenuator(h, INT32_MIN); }, lxSettingClamped, Atten, -1},
         {"empty span", [](int32_t h) { return lxSetSweepStartStop(h, 1e9, 1e9); }, lxInvalidParameterErr, {}, 0},
-        {"reversed span", [](int32_t h) { return lxSetSweepStartStop(h, 2e9, 1e9); }, lxInvalidParameterErr, {}, 0},
         {"zero span", [](int32_t h) { return lxSetSweepCenterSpan(h, 1e9, 0); }, lxInvalidParameterErr, {}, 0},
-        {"negative span", [](int32_t h) { return lxSetSweepCenterSpan(h, 1e9, -1e6); }, lxInvalidParameterErr, {}, 0},
         {"span beyond the range", [](int32_t h) { return lxSetSweepStartStop(h, 1000, 2e10); }, lxSettingClamped, {}, 0},
         {"VBW up to RBW / 10000", [](int32_t h) { return lxSetSweepCoupling(h, 1e4, 0.5, 1e-3); }, lxSettingClamped, {}, 0},
         {"VBW down to RBW", [](int32_t h) { return lxSetSweepCoupling(h, 1e4, 2e4, 1e-3); }, lxSettingClamped, {}, 0},
@@ -68,13 +62,10 @@ TEST_F(Settings, StoredClampedOrRefused) {
         {"real-time RBW 1 MHz", [](int32_t h) { return lxSetRealTimeRBW(h, 1e6); }, lxNoError, {}, 0},
         {"real-time RBW 1999 Hz", [](int32_t h) { return lxSetRealTimeRBW(h, 1999); }, lxSettingClamped, {}, 0},
         {"real-time RBW 2 MHz", [](int32_t h) { return lxSetRealTimeRBW(h, 2e6); }, lxSettingClamped, {}, 0},
-        {"real-time RBW -1", [](int32_t h) { return lxSetRealTimeRBW(h, -1); }, lxSettingClamped, {}, 0},
         {"real-time levels as given", [](int32_t h) { return lxSetRealTimeScale(h, 0, -200.0, 1000.0); }, lxNoError, {}, 0},
         {"I/Q filter 2", [](int32_t h) { return lxSetIQSoftwareFilter(h, 2); }, lxInvalidParameterErr, {}, 0},
         {"trigger edge 2", [](int32_t h) { return lxSetIQExtTriggerEdge(h, 2); }, lxInvalidParameterErr, {}, 0},
-        {"trigger edge -1", [](int32_t h) { return lxSetIQExtTriggerEdge(h, -1); }, lxInvalidParameterErr, {}, 0},
         {"queue 1", [](int32_t h) { return lxSetIQQueueSize(h, 1); }, lxSettingClamped, {}, 0},
-        {"queue -5", [](int32_t h) { return lxSetIQQueueSize(h, -5); }, lxSettingClamped, {}, 0},
         {"queue 2", [](int32_t h) { return lxSetIQQueueSize(h, 2); }, lxNoError, {}, 0},
         {"queue 16", [](int32_t h) { return lxSetIQQueueSize(h, 16); }, lxNoError, {}, 0},
         {"queue 17", [](int32_t h) { return lxSetIQQueueSize(h, 17); }, lxSettingClamped, {}, 0},
@@ -87,7 +78,6 @@ TEST_F(Settings, StoredClampedOrRefused) {
         {"fan 30.07", [](int32_t h) { return lxSetFanSetPoint(h, 30.07f); }, lxNoError, FanSetPoint, 481 / 16.0},
         {"fan 70", [](int32_t h) { return lxSetFanSetPoint(h, 70.0f); }, lxNoError, FanSetPoint, 60},
         {"fan -5", [](int32_t h) { return lxSetFanSetPoint(h, -5.0f); }, lxNoError, FanSetPoint, 0},
-        {"fan 45.5", [](int32_t h) { return lxSetFanSetPoint(h, 45.5f); }, lxNoError, FanSetPoint, 45.5},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(c.set(h), c.status) << c.what;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "../support/tone_power.h"
 #include "common/lx_assert.h"
 #include "engines/iq_sweep_list_engine.h"
 #include "engines/sweep_plan.h"
@@ -91,10 +92,6 @@ TEST(SweepListConversion, Int16IsTheShiftedValueRoundedAndSaturated) {
     }
 }
 
-} // namespace
-
-namespace {
-
 // Off the tuning grid the step shift -(F - C) / 5e7 per 61.44 MS/s sample
 // leaves a tone at F + x at x + (F - C)(1 - 61.44 / 50) in the step's
 // samples, C the capture centre the tuning makes for F.
@@ -118,23 +115,17 @@ TEST(SweepListOffset, ToneLandsWhereTheShiftPutsIt) {
     ASSERT_EQ(lxConfigure(h, lxModeIQSweepList), lxNoError);
     std::vector<float> x(2 * 5 * kN);
     ASSERT_EQ(lxIQSweepListGetSweep(h, x.data(), nullptr), lxNoError);
-    auto power = [&](const float* v, double hz) {
-        std::complex<double> acc = 0, turn = 1;
-        const std::complex<double> step = std::polar(1.0, -2 * M_PI * hz / kFs);
-        for (uint32_t k = 0; k < kN; ++k, turn *= step) acc += std::complex<double>(v[2 * k], v[2 * k + 1]) * turn;
-        return std::norm(acc);
-    };
     int off = 0;
     for (int i = 0; i < 5; ++i) {
         const float* v = x.data() + 2 * size_t(i) * kN;
         const double d = steps[i] - lx::PlanCapture(steps[i]).captureCentreHz;
         off += std::fabs(d) > 10e3;
         const double want = kX + d * (1.0 - kFs / 5e7);
-        double best = 0, at = 0;
+        double best = -400, at = 0;
         for (double f = kX - 130e3; f <= kX + 130e3; f += 200) // 200 Hz: a twentieth of the 16384-point bin
-            if (const double p = power(v, f); p > best) best = p, at = f;
+            if (const double p = ToneDbm(v, kN, f, kFs); p > best) best = p, at = f;
         EXPECT_NEAR(at, want, 150) << steps[i] << " Hz, capture centre off by " << d;
-        EXPECT_NEAR(10 * std::log10(best) - 20 * std::log10(double(kN)), -30.0, 0.2) << steps[i];
+        EXPECT_NEAR(best, -30.0, 0.2) << steps[i];
     }
     EXPECT_GE(off, 3); // the cases that tell 5e7 from 61.44e6
     lxCloseDevice(h);

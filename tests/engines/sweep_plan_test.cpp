@@ -34,14 +34,11 @@ TEST_P(PlanArithmetic, MatchesHandDerivedFigures) {
     const SweepPlan p = PlanSweep(c.s, -1, -20.0);
     EXPECT_EQ(p.windowLength, c.windowLength);
     EXPECT_EQ(p.fftSize, c.fftSize);
-    EXPECT_EQ(p.zeroPad, c.fftSize - c.windowLength);
-    EXPECT_EQ(p.hop, c.fftSize / 4);
     EXPECT_EQ(p.averageCount, c.averageCount);
     EXPECT_EQ(p.packetsPerStep, c.packetsPerStep);
     EXPECT_EQ(p.firstStep, c.firstStep);
     EXPECT_EQ(p.lastStep, c.lastStep);
-    EXPECT_EQ(p.stepCount, c.lastStep - c.firstStep + 1);
-    ASSERT_EQ(p.steps.size(), size_t(p.stepCount));
+    ASSERT_EQ(p.steps.size(), size_t(c.lastStep - c.firstStep + 1));
     EXPECT_EQ(p.binSize, c.binSize);
     EXPECT_EQ(p.startBinOffset, c.startBinOffset);
     EXPECT_EQ(p.sweepLength, c.sweepLength);
@@ -155,7 +152,6 @@ TEST_P(Chunking, RequestsAndBlocks) {
     EXPECT_EQ(Requests(list), c.requests);
     const auto& totals = list.IqPacketTotals();
     EXPECT_EQ(std::accumulate(totals.begin(), totals.end(), int64_t{0}), p.TotalPackets());
-    EXPECT_EQ(p.TotalPackets() % 4, 0);
     // Each chunk block is the request, its second word and three spacers.
     const auto& w = list.Words();
     for (size_t b = 1; b < list.BlockCount(); ++b) {

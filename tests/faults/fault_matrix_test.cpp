@@ -3,8 +3,6 @@
 // status, a persisting fault is reported and never followed by data passed as
 // good, the analyzer measures again once it is gone, and no engine thread
 // outlives its handle.
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstring>
@@ -16,8 +14,6 @@
 #include <vector>
 
 #include "e2e_support.h"
-#include "lx_api.h"
-#include "lx_sim.h"
 
 namespace {
 

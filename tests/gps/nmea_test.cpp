@@ -17,7 +17,6 @@ TEST(Coordinate, DegreesAndMinutes) {
         {"000.5", true, 0.5 / 60},                  // three characters before the point
         {"07.5", false, 0},                         // only two before the point
         {"4807", false, 0},                         // no point
-        {"", false, 0},
         {"123456789012345678.5", false, 0},         // point beyond position 17
     };
     for (const auto& c : cases) {

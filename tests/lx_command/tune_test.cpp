@@ -70,7 +70,6 @@ TEST_P(TuneSequence, EveryWordAndTheTuningState) {
     uint32_t out[lx::kTuneMaxWords + 1];
     out[lx::kTuneMaxWords] = 0xDEADBEEF;
     const int n = lx::EncodeTune(state, out, c.loHz, c.rfHz, c.ifLevel, c.gainField, c.value2A, c.altPath);
-    EXPECT_EQ(lx::TuneBand(c.rfHz, c.altPath), c.band);
     EXPECT_EQ(std::vector<uint32_t>(out, out + n), c.words);
     EXPECT_EQ(out[lx::kTuneMaxWords], 0xDEADBEEFu) << "wrote past kTuneMaxWords";
     EXPECT_EQ(state.divider, c.divider);

@@ -12,18 +12,16 @@ def _emitter(kind, **keys):
 
 @pytest.mark.parametrize("scene, settings, depth", [
     (_emitter("am", power_dbm=-30, depth=0.5), dict(type=lx_api.AudioType.AM, if_bandwidth=10e3), 0.5),
-    (_emitter("fm", power_dbm=-40, deviation_hz=5000), dict(type="FM", if_bandwidth=15e3, deemphasis_us=1), None),
-    (_emitter("ssb", power_dbm=-40, sideband="upper"), dict(type=lx_api.AudioType.USB, if_bandwidth=3e3), None),
+    (_emitter("fm", power_dbm=-40, deviation_hz=5000), dict(type=lx_api.AudioType.FM, if_bandwidth=15e3, deemphasis_us=1),
+     None),
 ])
 def test_audio_carries_the_modulating_tone(analyzer, scene, settings, depth):
-    if isinstance(settings.get("type"), str):
-        settings["type"] = lx_api.AudioType[settings["type"]]
     _, dev = analyzer(scene)
     got = dev.configure_audio(center=145e6, **settings)
     assert got.type == settings["type"] and got.center == 145e6
     dev.read_audio(0.5)  # the filters settle
     x = dev.read_audio(1.0).astype(np.float64)
-    assert x.dtype == np.float64 and len(x) == 30000
+    assert len(x) == 30000
     spectrum = np.abs(np.fft.rfft(x * np.hanning(len(x)))) / (np.sum(np.hanning(len(x))) / 2)
     k = int(spectrum.argmax())
     assert k * lx_api.AUDIO_RATE / len(x) == pytest.approx(1000, abs=1.5)

@@ -13,9 +13,7 @@ TONE = (1.0001e9, -33.0)
 
 
 def interrupt_after(seconds):
-    t = threading.Timer(seconds, os.kill, (os.getpid(), signal.SIGINT))
-    t.start()
-    return t
+    threading.Timer(seconds, os.kill, (os.getpid(), signal.SIGINT)).start()
 
 
 def test_ctrl_c_during_iq_read_keeps_the_stream(analyzer):

@@ -2,7 +2,6 @@
 import numpy as np
 import pytest
 
-import lx_api
 from conftest import tone_of, tone_scene
 
 
@@ -17,7 +16,6 @@ def test_iterator_blocks_carry_the_tone(analyzer, decimation, int16, offset, dbm
     block = 16384
     with dev.iq_stream(block_size=block, blocks=9, center=center, decimation=decimation, int16=int16) as stream:
         rate = stream.parameters.sample_rate
-        assert rate == lx_api.ADC_RATE / decimation
         # The stream's first blocks may lose samples while it settles.
         for _ in range(3):
             next(stream)

@@ -8,7 +8,6 @@ from conftest import tone_scene
 
 @pytest.mark.parametrize("freq, dbm, settings", [
     (433.92e6, -55.0, dict(start=300e6, stop=600e6, rbw=100e3, vbw=10e3)),   # many steps
-    (2.4501e9, -42.0, dict(center=2.45e9, span=1e6, rbw=1e3)),               # narrow span, one capture
     (915.3e6, -20.0, dict(center=915e6, span=2e6, rbw=3e3, detector=lx_api.Detector.MIN_MAX,
                           window=lx_api.Window.NUTTALL)),
 ])

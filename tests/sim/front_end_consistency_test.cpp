@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <string>
 #include <vector>
 
 #include "cal/correction.h"
@@ -53,8 +52,6 @@ double HostReadingDbm(const std::vector<uint8_t>& cal, const TuningPlan& plan, d
     const CalBracket bracket = simtest::FactoryBracket(tempC);
     const StepCorrection corr = BuildStepCorrection(cal.data(), bracket, plan.step, plan.fineCell);
     const DeviceState d = SendToDevice(plan, StepIfLevel(cal.data(), plan.step), attenStep, corr);
-    EXPECT_EQ(d.path.band, plan.band);
-    EXPECT_NEAR(d.centreHz, plan.captureCentreHz, 1e-6);
     const std::vector<float> rolloff = RolloffCurve(rfHz, 1.0, 1);
     return DeviceLevelDbfs(d, rfHz, kToneDbm, tempC) + StepGainDb(cal.data(), bracket, attenStep, plan.step, corr) +
            (rolloff.empty() ? 0.0 : rolloff[0]);
@@ -72,36 +69,28 @@ TEST(FrontEndConsistency, SweepStepsReadTheInputPower) {
         const StepRow& r = StepTableRow(step);
         for (double at : {0.0, 0.2, 0.5, 0.8, 0.9999}) tones.push_back(r.lowHz + at * (r.highHz - r.lowHz));
     }
-    double worst = 0.0;
     for (const Condition& c : kConditions)
         for (double f : tones) {
             const TuningPlan plan = PlanStep(StepForFrequency(f));
-            const double reading = HostReadingDbm(cal, plan, f, c.attenStep, c.tempC);
-            EXPECT_NEAR(reading, kToneDbm, kTolDb) << f << " Hz, " << c.tempC << " C, step " << c.attenStep;
-            worst = std::max(worst, std::abs(reading - kToneDbm));
+            EXPECT_NEAR(HostReadingDbm(cal, plan, f, c.attenStep, c.tempC), kToneDbm, kTolDb)
+                << f << " Hz, " << c.tempC << " C, step " << c.attenStep;
         }
-    RecordProperty("worst_error_db", std::to_string(worst));
 }
 
 // Single captures centred off the step grid, tones up to 19 MHz either side
 // (a 40 MHz real-time span), band 0 mirrored included.
 TEST(FrontEndConsistency, SingleCapturesReadTheInputPower) {
     const auto cal = sim::BuildFactoryCalRecord();
-    double worst = 0.0;
     for (double centre : {1e6, 20e6, 37.9e6, 45e6, 101.3e6, 298e6, 433.92e6, 575.9e6, 915e6, 2.4e9, 5.8e9,
                           8.4e9, 10e9, 11.7e9, 14.9e9, 15.01e9})
         for (double offset : {-19e6, -5e6, 0.0, 7e6, 19e6}) {
             const double f = centre + offset;
             if (f <= 0) continue;
             const TuningPlan plan = PlanCapture(centre);
-            for (const Condition& c : kConditions) {
-                const double reading = HostReadingDbm(cal, plan, f, c.attenStep, c.tempC);
-                EXPECT_NEAR(reading, kToneDbm, kTolDb)
+            for (const Condition& c : kConditions)
+                EXPECT_NEAR(HostReadingDbm(cal, plan, f, c.attenStep, c.tempC), kToneDbm, kTolDb)
                     << "centre " << centre << " tone " << f << ", " << c.tempC << " C, step " << c.attenStep;
-                worst = std::max(worst, std::abs(reading - kToneDbm));
-            }
         }
-    RecordProperty("worst_error_db", std::to_string(worst));
 }
 
 } // namespace

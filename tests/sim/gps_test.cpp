@@ -30,12 +30,9 @@ TEST_F(GpsTest, DisciplinedWordRetunesTheReference) {
         EXPECT_EQ(r.data.size(), 32768u);
         const double n = 8192, mid = (n - 1) / 2;
         double phase = 0, sxy = 0, sxx = 0;
-        std::complex<double> last;
-        for (size_t i = 0; i < 8192 && r.data.size() == 32768; ++i) {
-            const std::complex<double> x(static_cast<int16_t>(U16(&r.data[4 * i])) - 576,
-                                         static_cast<int16_t>(U16(&r.data[4 * i + 2])) - 576);
-            phase += i == 0 ? std::arg(x) : std::arg(x * std::conj(last));
-            last = x;
+        const auto x = Samples(r.data, r.data.size() / 8192);
+        for (size_t i = 0; i < x.size(); ++i) {
+            phase += i == 0 ? std::arg(x[0]) : std::arg(x[i] * std::conj(x[i - 1]));
             sxy += (static_cast<double>(i) - mid) * phase; // the mean phase drops out: sum(i - mid) = 0
             sxx += (static_cast<double>(i) - mid) * (static_cast<double>(i) - mid);
         }

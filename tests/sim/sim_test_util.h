@@ -38,8 +38,7 @@ inline std::unique_ptr<UsbDevice> Open(int32_t serial) {
 
 inline std::vector<std::string> EnumeratedSerials() {
     std::vector<std::string> out;
-    const int n = Bus().DeviceCount();
-    for (int i = 0; i < n; ++i)
+    for (int i = 0, n = Bus().DeviceCount(); i < n; ++i)
         if (auto d = Bus().Open(i)) out.push_back(d->Identity().serial);
     return out;
 }
@@ -67,15 +66,14 @@ struct ReadResult {
 // One IN transfer; on a time-out it is aborted and finished as a host does.
 inline ReadResult Read(UsbDevice& d, uint32_t length, uint32_t timeoutMs = 500) {
     ReadResult r;
-    std::vector<uint8_t> buf(length);
-    auto t = d.BeginBulk(Endpoint::BulkIn, buf.data(), length);
+    r.data.resize(length);
+    auto t = d.BeginBulk(Endpoint::BulkIn, r.data.data(), length);
     r.wait = d.WaitBulk(*t, timeoutMs);
     if (r.wait == WaitResult::TimedOut) {
         d.AbortEndpoint(Endpoint::BulkIn);
         d.WaitBulk(*t, 2000);
     }
-    buf.resize(d.FinishBulk(*t));
-    r.data = std::move(buf);
+    r.data.resize(d.FinishBulk(*t));
     return r;
 }
 

@@ -27,7 +27,8 @@ class Levels(unittest.TestCase):
     def tearDownClass(cls):
         cls.dev = None
 
-    def measure(self, rate, fmt, gain, n=16384):
+    def measure(self, rate, fmt, gain, n=16384, retune=0.0):
+        """The tone's level and frequency; with `retune`, after moving the centre by that much mid-stream."""
         d = self.dev
         d.setSampleRate(SOAPY_SDR_RX, 0, rate)
         d.setFrequency(SOAPY_SDR_RX, 0, CENTRE)
@@ -35,6 +36,9 @@ class Levels(unittest.TestCase):
         s = d.setupStream(SOAPY_SDR_RX, fmt)
         try:
             self.assertEqual(d.activateStream(s), 0)
+            if retune:
+                read(d, s, n, fmt)
+                d.setFrequency(SOAPY_SDR_RX, 0, CENTRE + retune)
             x, t0, flags = read(d, s, n, fmt)
             corr = float(d.readSetting("iq_correction_db")) if fmt == SOAPY_SDR_CS16 else 0.0
             d.deactivateStream(s)
@@ -42,7 +46,7 @@ class Levels(unittest.TestCase):
             d.closeStream(s)
         self.assertTrue(all(f & SOAPY_SDR_HAS_TIME for f in flags))
         self.assertLess(abs(t0 - time.time_ns()), 2e9)  # no GPS receiver: the host clock
-        dbm, peak = tone_dbm(x, OFFSET, rate)
+        dbm, peak = tone_dbm(x, OFFSET - retune, rate)
         return dbm + corr, dbm, peak
 
     def test_tone_level_and_frequency(self):
@@ -60,23 +64,9 @@ class Levels(unittest.TestCase):
         self.assertAlmostEqual(raw[30] - raw[0], 30.0, delta=2.0)
 
     def test_retune_while_streaming_moves_the_tone(self):
-        d = self.dev
-        rate = 7.68e6
-        d.setSampleRate(SOAPY_SDR_RX, 0, rate)
-        d.setGain(SOAPY_SDR_RX, 0, 30)
-        d.setFrequency(SOAPY_SDR_RX, 0, CENTRE)
-        s = d.setupStream(SOAPY_SDR_RX, SOAPY_SDR_CF32)
-        try:
-            d.activateStream(s)
-            read(d, s, 16384, SOAPY_SDR_CF32)
-            d.setFrequency(SOAPY_SDR_RX, 0, CENTRE + 1.2e6)  # the tone is now 1 MHz below
-            x, _, _ = read(d, s, 16384, SOAPY_SDR_CF32)
-            d.deactivateStream(s)
-        finally:
-            d.closeStream(s)
-        dbm, peak = tone_dbm(x, OFFSET - 1.2e6, rate)
+        dbm, _, peak = self.measure(7.68e6, SOAPY_SDR_CF32, 30, retune=1.2e6)  # the tone is now 1 MHz below
         self.assertAlmostEqual(dbm, LEVEL, delta=0.5)
-        self.assertAlmostEqual(peak, OFFSET - 1.2e6, delta=2 * rate / 16384)
+        self.assertAlmostEqual(peak, OFFSET - 1.2e6, delta=2 * 7.68e6 / 16384)
 
 
 class Stream(unittest.TestCase):

@@ -25,7 +25,6 @@ TEST_F(Enumeration, ListsFollowDescriptors) {
         {"LX530 Boot", "20000002", true, true, false, true},
         {"LX530X", "20000003", true, false, false, false},       // "LX530" must be the whole string
         {"LX530 Boot2", "20000004", true, false, false, false},
-        {"Other", "20000007", true, false, false, false},
         {"LX530", "2000008", false, false, true, false},          // 7 characters
         {"LX530", "200000009", false, false, true, false},        // 9 characters
         {"LX530 Boot", "", false, false, false, true},

@@ -1,7 +1,4 @@
-// The libusb backend on an emulated bus (usb_bus.h): open with calibration,
-// a boot-strap through the ROM loader, short and stalled reads, flash
-// programming with faults, an I/Q stream against the scene, and an unplug
-// mid-stream.
+// The libusb backend on an emulated bus (usb_bus.h), as on hardware.
 #include <gtest/gtest.h>
 #include <umockdev.h>
 #include <unistd.h>
