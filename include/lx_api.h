@@ -592,7 +592,7 @@ typedef struct LxStreamHealth {
     uint64_t streamHeldMs;      /* real time: milliseconds the host held the stream up because its
                                    processing was a whole sample ring (85 ms) behind; the transfers
                                    in flight and the analyzer's buffer cover about 80 ms of a hold,
-                                   so a loss reported with no hold came from a host that stalled */
+                                   so a loss reported with no hold was not real time's own doing */
 } LxStreamHealth;
 LX_API LxStatus lxGetStreamHealth(int32_t handle, LxStreamHealth* health);
 
