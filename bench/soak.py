@@ -62,13 +62,16 @@ def main():
                 except lx_api.LxError:
                     totals["poll_errors"] += 1
 
-        # The host's own stalls, seen as a sleeper at the USB thread's nice
-        # value that wakes late: with the stream's holds (stream_held_ms) they
+        # The host's own stalls, seen as sleepers at the USB thread's nice
+        # value that wake late, one pinned to each CPU: a virtual machine's
+        # CPU can stop on its own while the others run on, and then only the
+        # threads it held stop. With the stream's holds (stream_held_ms) they
         # tell a loss the host's processing caused from one the machine did.
-        stalls, late = [], [0.0]
+        stalls, late = [], {}
 
-        def watch():
+        def watch(cpu):
             try:
+                os.sched_setaffinity(0, {cpu})
                 os.setpriority(os.PRIO_PROCESS, threading.get_native_id(), -10)
             except OSError:
                 pass  # not allowed: the figures then include our own scheduling
@@ -77,16 +80,18 @@ def main():
                 time.sleep(STALL_TICK_S)
                 now = time.monotonic()
                 over = now - t - STALL_TICK_S
-                late[0] = max(late[0], over)
+                late[cpu] = max(late.get(cpu, 0.0), over)
                 if over > STALL_REPORT_S:
-                    stalls.append(dict(at_s=round(now - start, 1), ms=round(over * 1e3, 1)))
+                    stalls.append(dict(at_s=round(now - start, 1), cpu=cpu, ms=round(over * 1e3, 1)))
                 t = now
 
         poller = threading.Thread(target=poll, name="housekeeping poll")
-        watcher = threading.Thread(target=watch, name="stall watch")
+        watchers = [threading.Thread(target=watch, args=(c,), name=f"stall watch {c}")
+                    for c in sorted(os.sched_getaffinity(0))]
         start = time.monotonic()
         poller.start()
-        watcher.start()
+        for w in watchers:
+            w.start()
         buf = np.empty(131072, np.complex64)  # 1 MiB
         try:
             while time.monotonic() - start < a.minutes * 60:
@@ -99,7 +104,9 @@ def main():
                 totals["configures"] += 1
                 configured = time.monotonic()
                 until = min(configured + CONFIGURE_S, start + a.minutes * 60)
-                late[0], first_loss, looked = 0.0, None, configured
+                late.clear()
+                first_loss = first_drop = None
+                looked = configured
                 while time.monotonic() < until:
                     if iq:
                         dev.read_iq(len(buf), out=buf)
@@ -108,10 +115,13 @@ def main():
                         dev.get_realtime_frame()
                         totals["frames"] += 1
                     # Every 100 ms, not after every 2 ms read: the soak should not load the host it measures.
-                    if first_loss is None and time.monotonic() - looked >= POLL_S:
+                    if (first_loss is None or first_drop is None) and time.monotonic() - looked >= POLL_S:
                         looked = time.monotonic()
-                        if dev.stream_health().data_loss_events:
+                        h = dev.stream_health()
+                        if first_loss is None and h.data_loss_events:
                             first_loss = round(looked - configured, 1)
+                        if first_drop is None and (h.samples_dropped or h.spectra_lost):
+                            first_drop = round(looked - configured, 1)
                 # Memory at the same point of every configure's life: just
                 # after one, buffers are still being touched for the first
                 # time, which is churn, not growth.
@@ -126,13 +136,15 @@ def main():
                 totals["stream_held_ms"] += h.stream_held_ms
                 if bad:  # where in the run it happened says more than the total, and what went with it
                     incidents.append(dict(at_s=round(elapsed, 1), mode="iq" if iq else "realtime", **bad,
-                                          first_loss_after_s=first_loss, stream_held_ms=h.stream_held_ms,
-                                          longest_stall_ms=round(late[0] * 1e3, 1)))
+                                          first_loss_after_s=first_loss, first_drop_after_s=first_drop,
+                                          stream_held_ms=h.stream_held_ms,
+                                          longest_stall_ms={c: round(v * 1e3, 1) for c, v in sorted(late.items())}))
             dev.abort()
         finally:
             stop.set()
             poller.join()
-            watcher.join()
+            for w in watchers:
+                w.join()
         totals["seconds"] = time.monotonic() - start
 
     # Flat: per mode (their rings differ), after each mode's first turn (rings,
