@@ -268,12 +268,13 @@ IqEngine::IqEngine(Device& device, IqPlan plan, const CommandList& setup)
       plan_(std::move(plan)),
       scale_(static_cast<float>(std::sqrt(std::pow(10.0, plan_.correctionDb / 10.0)))),
       shifter_(plan_.ShiftCyclesPerSample(), static_cast<int>(plan_.blockSamples), plan_.d1 >= 4 ? 1 : 0),
-      ring_(plan_.blockSamples * kIqRingSlots),
+      ring_(2 * plan_.blockSamples * kIqRingSlots),
       temperature_(device.temperature),
       store_(plan_.StoreCapacity(), plan_.nsPerSample, plan_.SettleOutputs()) {
     const int64_t B = plan_.blockSamples;
     request_.BeginBlock();
     EncodeTransferRequest(request_, static_cast<uint32_t>(plan_.packets), 1);
+    input_.resize(B);
     workA_.resize(B);
     workB_.resize(B);
     if (plan_.stage1Taps > 0) {
@@ -385,7 +386,7 @@ void IqEngine::ProcessBlock(const uint8_t* data) {
         // The shift stays locked to the device's timeline across samples it
         // skipped: after a gap a tone keeps its phase against the stamps.
         if (jumped && tick > lastTick_ + blockTicks)
-            shifter_.Skip(static_cast<int64_t>((tick - lastTick_ - blockTicks) / (2ULL * static_cast<uint64_t>(plan_.d1))));
+            pendingSkip_ += static_cast<int64_t>((tick - lastTick_ - blockTicks) / (2ULL * static_cast<uint64_t>(plan_.d1)));
         lastTick_ = tick;
         haveTick_ = true;
         deviceLoss = (word & kLossBit) != 0 || jumped;
@@ -415,26 +416,35 @@ void IqEngine::ProcessBlock(const uint8_t* data) {
         // lies behind the blocks still in the ring, before the next one that
         // gets in: that one carries it to the store.
         StreamHealth::Add(device_.health.samplesDropped, static_cast<uint64_t>(plan_.OutputsPerBlock()));
-        shifter_.Skip(B);
+        pendingSkip_ += B;
         pendingLoss_ = IqSampleStore::Loss::Before;
         return;
     }
     loss = std::max(loss, pendingLoss_); // Within wins: it covers the start too
     pendingLoss_ = IqSampleStore::Loss::None;
-    cf32* slot = ring_.data() + static_cast<int64_t>(write_) * B;
-    dsp::ConvertIq16(reinterpret_cast<const int16_t*>(data), slot, B);
-    if (plan_.capture.mirrored) {
-        // Band 0 delivers RF F at C - F: the conjugate puts it right side up.
-        auto* f = reinterpret_cast<float*>(slot);
-        for (int64_t k = 0; k < B; ++k) f[2 * k + 1] = -f[2 * k + 1];
-    }
-    shifter_.Shift(slot, slot, B);
+    // Raw: the copy is all the time-critical thread spends on the samples.
+    std::memcpy(ring_.data() + static_cast<int64_t>(write_) * 2 * B, data, sizeof(int16_t) * 2 * static_cast<size_t>(B));
     slotTrigger_[static_cast<size_t>(write_)] = trigger;
     slotLoss_[static_cast<size_t>(write_)] = loss;
     slotStamp_[static_cast<size_t>(write_)] = stamp;
+    slotSkip_[static_cast<size_t>(write_)] = pendingSkip_;
+    pendingSkip_ = 0;
     filled_.fetch_add(1, std::memory_order_acq_rel);
     blockReady_.Set();
     write_ = (write_ + 1) % kIqRingSlots;
+}
+
+void IqEngine::ConvertSlot(int r) {
+    const int64_t B = plan_.blockSamples;
+    cf32* x = input_.span().data();
+    if (const int64_t skip = slotSkip_[static_cast<size_t>(r)]; skip > 0) shifter_.Skip(skip);
+    dsp::ConvertIq16(ring_.data() + static_cast<int64_t>(r) * 2 * B, x, B);
+    if (plan_.capture.mirrored) {
+        // Band 0 delivers RF F at C - F: the conjugate puts it right side up.
+        auto* f = reinterpret_cast<float*>(x);
+        for (int64_t k = 0; k < B; ++k) f[2 * k + 1] = -f[2 * k + 1];
+    }
+    shifter_.Shift(x, x, B);
 }
 
 void IqEngine::FilterThread() {
@@ -443,7 +453,8 @@ void IqEngine::FilterThread() {
     for (;;) {
         while (workers_.running() && filled_.load(std::memory_order_acquire) == 0) blockReady_.Wait();
         if (!workers_.running()) return;
-        cf32* slot = ring_.data() + static_cast<int64_t>(r) * B;
+        ConvertSlot(r);
+        cf32* slot = input_.span().data();
         const cf32* out = slot;
         int64_t n = B;
         if (plan_.stage1Taps > 0) {

@@ -38,16 +38,20 @@
 //   "LX IQ Acquisition Thread" (time critical): keeps K transfers in flight
 //       (a read of (P + 1) * 8192 bytes and a one-block transfer request on
 //       transport slot i), and for each finished one takes the status packet
-//       (GPS intake, status bits, trigger), converts and shifts the block into
-//       ring slot w, stamps it, counts it in. A failed transfer is counted,
-//       skipped, and followed by a 32 ms pause. On stop it sends the end-of-
-//       stream word and finishes every transfer still in flight.
+//       (GPS intake, status bits, trigger), copies the block's raw samples
+//       into ring slot w, stamps it, counts it in. A failed transfer is
+//       counted, skipped, and followed by a 32 ms pause. On stop it sends the
+//       end-of-stream word and finishes every transfer still in flight.
 //   "LX IQ Filter Thread" (D <= 4) or "LX IQ DS and Filter Thread" (D >= 8):
-//       takes ring slots in order, filters, hands the result to the store.
+//       takes ring slots in order, converts and shifts them, filters, hands
+//       the result to the store.
 //   Caller's thread (lxGetIQ): Read takes samples out of the store.
-// Ring: kIqRingSlots slots of B samples passed by the atomic count `filled_`
-// and the block-ready event. When all are full the acquisition thread drops
-// the new block and counts it as lost (rather than overwrite a slot in use).
+// Ring: kIqRingSlots slots of B raw samples passed by the atomic count
+// `filled_` and the block-ready event. When all are full the acquisition
+// thread drops the new block and counts it as lost (rather than overwrite a
+// slot in use). The samples the shifter must pass over (a dropped block, a
+// jump in the analyzer's sample counter) travel with the next slot, so the
+// shift stays on the device's timeline.
 // States: running (constructed) -> stopping (running flag cleared, filled_
 // set to kIqRingSlots, both events set) -> stopped (threads joined).
 // Locks: the store's mutex only (a leaf: nothing else is taken under it);
@@ -79,12 +83,13 @@ namespace lx::engines {
 
 using dsp::cf32;
 
-// About 100 ms of stream at every decimation (a block is about 2 ms). A
-// host that stalls as a whole (a busy or virtual machine) finds, when it
-// runs again, the 16 transfers it had queued already filled and the
-// analyzer's own buffer draining behind them: more than 20 blocks (42 ms)
-// arrive at once, faster than the filters can take them.
-inline constexpr int kIqRingSlots = 48;
+// About half a second of stream at every decimation (a block is about 2 ms),
+// kept raw (4 bytes a sample: 132 MB at D = 1). The acquisition thread must
+// never wait, but the filter thread can be held up for far longer than the
+// 16 transfers in flight cover: a virtual machine stops one of its CPUs now
+// and then while the others run on, and a thread that CPU held stops with
+// it, for up to half a second on the machines we soak on.
+inline constexpr int kIqRingSlots = 256;
 inline constexpr int32_t kIqMaxDecimation = 8192;
 inline constexpr double kIqMinBandwidthHz = 1000.0;
 inline constexpr double kIqMaxBandwidthD1Hz = 41.5e6;   // D = 1
@@ -220,6 +225,8 @@ public:
 private:
     void AcquisitionThread();
     void ProcessBlock(const uint8_t* data);
+    // Slot r's raw samples, right side up and shifted, into input_.
+    void ConvertSlot(int r);
     void FilterThread();
 
     Device& device_;
@@ -229,12 +236,14 @@ private:
     dsp::FrequencyShifter shifter_;
     dsp::FirFilter fir1_;
     dsp::DecimatingFir fir2_, fir3_;
-    AlignedVector<cf32> ring_; // mapped and faulted in at construction (large blocks are)
-    ComplexVector workA_, workB_;
+    AlignedVector<int16_t> ring_; // mapped and faulted in at construction (large blocks are)
+    ComplexVector input_, workA_, workB_;
     std::array<double, kIqRingSlots> slotTrigger_{};  // < 0: none
     std::array<IqSampleStore::Loss, kIqRingSlots> slotLoss_{}; // samples missing before or in the slot
     IqSampleStore::Loss pendingLoss_ = IqSampleStore::Loss::None; // for the next slot written (a dropped block)
     std::array<int64_t, kIqRingSlots> slotStamp_{};
+    std::array<int64_t, kIqRingSlots> slotSkip_{}; // samples the shifter passes over before the slot
+    int64_t pendingSkip_ = 0;                       // for the next slot written
     int write_ = 0;
     std::atomic<int> filled_{0};
     Event blockReady_{Event::Mode::AutoReset};

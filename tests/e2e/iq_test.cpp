@@ -262,6 +262,49 @@ TEST_F(Iq, HostFiltersPassAndStop) {
     }
 }
 
+// Samples the analyzer lost (its timeline jumps 401 ms): the read that
+// spans the gap says so, and the tone after it keeps its phase against the
+// time stamps, the band-0 capture (conjugated) included: the shift runs on
+// over what is missing. The centres put the host's shift (2.3, 43.4 and
+// 237.7 kHz) a fraction of a turn off over the gap; a round one would hide
+// a shift that skipped nothing.
+TEST_F(Iq, ToneKeepsItsPhaseAgainstTheStampsAcrossAGap) {
+    h = AttachAndOpen(kSerial, Scene({}));
+    for (const double c : {20.0123e6, 1.0001234e9, 5.8000777e9}) {
+        SCOPED_TRACE(c);
+        const int32_t D = 4;
+        const double fs = 61.44e6 / D, f = 0.02 * fs; // close in: a stamp 1 ns out turns it by 2 mrad
+        ASSERT_EQ(lxSimSetScene(kSerial, Scene({{c + f, -30}}).c_str()), lxNoError);
+        Start(D, c);
+        // Phase of the tone at the read's first sample, less its advance since t0.
+        uint64_t t0 = 0;
+        auto phase = [&](uint64_t* stamp) {
+            const auto x = Read(4096, 0, stamp);
+            cd acc = 0;
+            for (size_t k = 0; k < x.size(); ++k) acc += x[k] * std::polar(1.0, -2 * kPi * f / fs * double(k));
+            const double ahead = 2 * kPi * f * 1e-9 * double(int64_t(*stamp - t0));
+            return std::remainder(std::arg(acc) - ahead, 2 * kPi);
+        };
+        Read(4096);
+        const double before = phase(&t0);
+        ASSERT_EQ(lastLoss, 0);
+        ASSERT_EQ(lxSimAdvanceTimeMs(401), lxNoError); // past what the analyzer buffers
+        // Up to the first read stamped past the gap, which must report it.
+        int32_t sawLoss = 0;
+        uint64_t t1 = t0;
+        for (int i = 0; i < 2000 && int64_t(t1 - t0) < 300'000'000; ++i) {
+            Read(4096, 0, &t1);
+            sawLoss |= lastLoss;
+        }
+        ASSERT_GT(int64_t(t1 - t0), 300'000'000);
+        EXPECT_TRUE(sawLoss);
+        Read(4096); // the filter's memory of the gap
+        const double after = phase(&t1);
+        ASSERT_EQ(lastLoss, 0);
+        EXPECT_NEAR(std::remainder(after - before, 2 * kPi), 0.0, 0.02);
+    }
+}
+
 // A reader that stops for longer than the store holds (0.5 s) loses the
 // whole backlog at once and is told; purge throws away what is stored.
 TEST_F(Iq, LossAndPurge) {
