@@ -434,7 +434,7 @@ void IqEngine::ProcessBlock(const uint8_t* data) {
     write_ = (write_ + 1) % kIqRingSlots;
 }
 
-void IqEngine::ConvertSlot(int r) {
+cf32* IqEngine::ConvertSlot(int r) {
     const int64_t B = plan_.blockSamples;
     cf32* x = input_.span().data();
     if (const int64_t skip = slotSkip_[static_cast<size_t>(r)]; skip > 0) shifter_.Skip(skip);
@@ -445,6 +445,7 @@ void IqEngine::ConvertSlot(int r) {
         for (int64_t k = 0; k < B; ++k) f[2 * k + 1] = -f[2 * k + 1];
     }
     shifter_.Shift(x, x, B);
+    return x;
 }
 
 void IqEngine::FilterThread() {
@@ -453,15 +454,14 @@ void IqEngine::FilterThread() {
     for (;;) {
         while (workers_.running() && filled_.load(std::memory_order_acquire) == 0) blockReady_.Wait();
         if (!workers_.running()) return;
-        ConvertSlot(r);
-        cf32* slot = input_.span().data();
-        const cf32* out = slot;
+        cf32* in = ConvertSlot(r);
+        const cf32* out = in;
         int64_t n = B;
         if (plan_.stage1Taps > 0) {
-            fir1_.Run(slot, workA_.span().data(), B);
+            fir1_.Run(in, workA_.span().data(), B);
             out = workA_.span().data();
         } else if (plan_.stage2Taps > 0) {
-            fir2_.Run(slot, B, workA_.span().data(), &n);
+            fir2_.Run(in, B, workA_.span().data(), &n);
             out = workA_.span().data();
             if (plan_.stage3Taps > 0) {
                 int64_t n3 = 0;

@@ -225,8 +225,8 @@ public:
 private:
     void AcquisitionThread();
     void ProcessBlock(const uint8_t* data);
-    // Slot r's raw samples, right side up and shifted, into input_.
-    void ConvertSlot(int r);
+    // Slot r's raw samples, right side up and shifted, into input_ (returned).
+    cf32* ConvertSlot(int r);
     void FilterThread();
 
     Device& device_;

@@ -31,9 +31,10 @@ int64_t BlockOutputs(int32_t D) {
     return (64 / d1 - 1) * 2048 / (D <= 4 ? 1 : D / 4);
 }
 
-// Coherent power (dBm) of the component at f (Hz) in x at rate fs, and the
-// largest phase deviation (rad) of x from a tone at exactly f.
-struct ToneFit { double dbm = -400, phaseError = 0; };
+// Coherent power (dBm) and phase (rad, at x[0]) of the component at f (Hz)
+// in x at rate fs, and the largest phase deviation (rad) of x from a tone at
+// exactly f.
+struct ToneFit { double dbm = -400, phase = 0, phaseError = 0; };
 ToneFit FitTone(const std::vector<cd>& x, double f, double fs, bool phase = true) {
     ToneFit t;
     cd acc = 0;
@@ -43,6 +44,7 @@ ToneFit FitTone(const std::vector<cd>& x, double f, double fs, bool phase = true
     for (size_t k = 0; k < x.size(); ++k, turn *= step) acc += x[k] * turn;
     acc /= double(x.size());
     t.dbm = 10 * std::log10(std::norm(acc));
+    t.phase = std::arg(acc);
     for (size_t k = 0; phase && k < x.size(); ++k)
         t.phaseError = std::max(t.phaseError, std::abs(std::arg(x[k] * std::polar(1.0, -w * double(k)) / acc)));
     return t;
@@ -279,11 +281,8 @@ TEST_F(Iq, ToneKeepsItsPhaseAgainstTheStampsAcrossAGap) {
         // Phase of the tone at the read's first sample, less its advance since t0.
         uint64_t t0 = 0;
         auto phase = [&](uint64_t* stamp) {
-            const auto x = Read(4096, 0, stamp);
-            cd acc = 0;
-            for (size_t k = 0; k < x.size(); ++k) acc += x[k] * std::polar(1.0, -2 * kPi * f / fs * double(k));
-            const double ahead = 2 * kPi * f * 1e-9 * double(int64_t(*stamp - t0));
-            return std::remainder(std::arg(acc) - ahead, 2 * kPi);
+            const double at = FitTone(Read(4096, 0, stamp), f, fs, false).phase;
+            return std::remainder(at - 2 * kPi * f * 1e-9 * double(int64_t(*stamp - t0)), 2 * kPi);
         };
         Read(4096);
         const double before = phase(&t0);
