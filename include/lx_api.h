@@ -590,7 +590,7 @@ typedef struct LxStreamHealth {
     uint64_t transportErrors;   /* USB transfers that failed, timed out or came back short */
     uint64_t spectraLost;       /* real-time spectra not computed for lack of CPU time */
     uint64_t streamHeldMs;      /* real time: milliseconds the host held the stream up because its
-                                   processing was a whole sample ring (85 ms) behind; the transfers
+                                   processing was a whole sample ring (546 ms) behind; the transfers
                                    in flight and the analyzer's buffer cover about 80 ms of a hold,
                                    so a loss reported with no hold was not real time's own doing */
 } LxStreamHealth;
