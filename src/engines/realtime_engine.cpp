@@ -103,8 +103,9 @@ RealTimeEngine::RealTimeEngine(Device& device, RealTimePlan plan, CommandList st
     const int64_t cells = int64_t{plan_.frameWidth} * kFrameHeight;
     LX_ASSERT_TEXT(dsp::IsPowerOf2(n), "IsPowerOf2(n)", "src/dsp");
 
+    // resize() hands every block over zeroed and faulted in: no page fault
+    // lands in the streaming threads, and the pads below start at zero.
     samples_.resize(2 * (kRtRingSamples + n));
-    samples_.zero();
 
     // The window over its own samples only, normalised to mean 1 over the N
     // points and carrying the FFT's 1/N: w / sum(w).
@@ -134,15 +135,10 @@ RealTimeEngine::RealTimeEngine(Device& device, RealTimePlan plan, CommandList st
     }
     fft_ = dsp::FftPlan::Get(static_cast<int>(n));
     LX_ASSERT_TEXT(fft_ != nullptr, "status == ippStsNoErr", "src/dsp");
-    fftIn_.resize(n);
-    fftIn_.zero(); // the zero padding is never written again
+    fftIn_.resize(n); // the zero padding is never written again
     fftOut_.resize(n + stride_); // the row pass reads up to a stride from firstKeptBin < N
-    fftOut_.zero();
-    gathered_.resize(batch_ * stride_);
-    gathered_.zero(); // the pad after each spectrum's bins stays zero
-    // Touched here, so that no page fault lands in the streaming threads.
+    gathered_.resize(batch_ * stride_); // the pad after each spectrum's bins stays zero
     rows_.resize(spectrumCapacity_ * stride_);
-    rows_.zero();
 
     power_.resize(batch_ * stride_);
     minAcc_.resize(stride_);
@@ -150,9 +146,7 @@ RealTimeEngine::RealTimeEngine(Device& device, RealTimePlan plan, CommandList st
     sumAcc_.resize(stride_);
     ResetAccumulators();
     traces_.resize(kTraceSlots * 2 * stride_);
-    traces_.zero();
     densitySum_.resize(cells);
-    densitySum_.zero();
     while ((int32_t{1} << columnShift_) < plan_.decimation) ++columnShift_;
     slots_ = std::make_unique<Slot[]>(kFrameSlots);
     for (int i = 0; i < kFrameSlots; ++i) {
@@ -160,11 +154,8 @@ RealTimeEngine::RealTimeEngine(Device& device, RealTimePlan plan, CommandList st
         s.minTrace.resize(len);
         s.maxTrace.resize(len);
         s.count.resize(cells);
-        s.count.zero();
         s.density.resize(cells);
-        s.density.zero();
         s.alpha.resize(cells);
-        s.alpha.zero();
     }
     statusQueue_.resize(kRtStatusQueue * kAuxRecordBytes);
     device_.Transport().SetFramingError(false);

@@ -62,10 +62,13 @@
 //
 // Rings
 //   Samples: 33,554,432 complex int16 (546 ms) plus N mirrored after the
-//   end, so an FFT that starts near the end reads one contiguous piece. The USB thread never
-//   overwrites samples the FFT thread still needs: without room it polls
-//   every 1 ms (RingWaits()); an analyzer meanwhile fills its own buffer and
-//   reports the loss in its status word if that overruns.
+//   end, so an FFT that starts near the end reads one contiguous piece. The
+//   USB thread never overwrites samples the FFT thread still needs: without
+//   room it polls every 1 ms (RingWaits()); an analyzer meanwhile fills its
+//   own buffer and reports the loss in its status word if that overruns.
+//   Half a second, because the FFT thread's CPU can stop for longer than the
+//   transfers in flight and the analyzer's buffer cover (~80 ms): the ring,
+//   not the analyzer, must take the stream meanwhile.
 //   Spectra: 10,485,760 / N entries of rows, each sweepLength values padded
 //   to a multiple of 32 (the vector loops then run without a scalar tail;
 //   the pad is never counted).
@@ -90,10 +93,7 @@
 
 namespace lx::engines {
 
-// About half a second of stream: the FFT thread's CPU can stop for longer
-// than the transfers in flight and the analyzer's buffer cover (~80 ms), and
-// the ring, not the analyzer, must take the stream meanwhile.
-inline constexpr int64_t kRtRingSamples = 33554432;    // 128 x 262,144
+inline constexpr int64_t kRtRingSamples = 33554432;    // 128 x 262,144 (see Rings)
 inline constexpr int64_t kRtSpectrumRingFloats = 10485760;
 inline constexpr int kRtTransfersInFlight = 12;
 inline constexpr int kRtStopSlot = 12;
